@@ -1,0 +1,150 @@
+/*
+ * Messages between modules: the record, the module ids and message numbers, the payload records
+ * that more than one module knows, the bounded queue that each module owns, and the router.
+ *
+ * A message is a fixed-size value that is copied whole at every hand-over. The queue may be used
+ * from any thread; the router runs in the sender's thread.
+ */
+#pragma once
+
+#include <array>
+#include <cstddef>
+
+#include "framework/cond.h"
+#include "framework/mutex.h"
+#include "framework/types.h"
+
+/* msgtype */
+constexpr UInt32 MSG_TYPE_SYNC = 0;
+constexpr UInt32 MSG_TYPE_ASYNC = 1;
+
+/* Module ids; the gaps are part of the numbering. */
+constexpr UInt32 MODULE_CONFIG = 0;
+constexpr UInt32 MODULE_ENCODER = 2;
+constexpr UInt32 MODULE_GST_H264 = 3;
+constexpr UInt32 MODULE_GST_JPEG = 4;
+constexpr UInt32 MODULE_TIMER = 5;
+constexpr UInt32 MODULE_CAPTURE = 9;
+constexpr UInt32 MODULE_MONITOR = 12;
+
+/* Message numbers */
+constexpr UInt32 MSG_INIT = 0x000;
+constexpr UInt32 MSG_DEINIT = 0x001;
+constexpr UInt32 MSG_REINIT = 0x002;
+constexpr UInt32 MSG_TIMEOUT = 0x003;
+constexpr UInt32 MSG_START = 0x004;
+constexpr UInt32 MSG_STOP = 0x005;
+constexpr UInt32 MSG_READ_CONFIG = 0x100;
+constexpr UInt32 MSG_GET_ADDR_LIST = 0x101;
+constexpr UInt32 MSG_GET_ADDR_URL = 0x102;
+constexpr UInt32 MSG_GET_STREAM_STATUS = 0x103;
+constexpr UInt32 MSG_GET_SRC_DEVICE_ID = 0x104;
+constexpr UInt32 MSG_SET_STREAM_STATUS = 0x201;
+constexpr UInt32 MSG_SET_SRC_DEVICE_ID = 0x202;
+constexpr UInt32 MSG_SET_TIMER = 0x400;
+constexpr UInt32 MSG_CANCEL_TIMER = 0x401;
+constexpr UInt32 MSG_ENC_INIT = 0x800;
+constexpr UInt32 MSG_ENC_DEINIT = 0x801;
+constexpr UInt32 MSG_ENC_VIDEO_CHG = 0x803;
+constexpr UInt32 MSG_ENC_SET_STREAM_STATUS = 0x809;
+constexpr UInt32 MSG_ENC_JPEG_FILE_STATUS = 0x80A;
+
+constexpr std::size_t MSG_PAYLOAD_SIZE = 1024;
+
+struct MSG_DESC_INFO_S {
+    UInt32 msgtype;                  /* MSG_TYPE_SYNC or MSG_TYPE_ASYNC */
+    UInt32 src;                      /* module id of the sender; replies go to it */
+    UInt32 dst;                      /* module id of the receiver */
+    UInt32 reserved;                 /* always 0 */
+    UInt32 msgno;                    /* message number */
+    UInt8 payload[MSG_PAYLOAD_SIZE]; /* contents by number; unused bytes are 0 */
+    UInt8 tail[12];                  /* always 0 */
+};
+static_assert(sizeof(MSG_DESC_INFO_S) == 1056);
+static_assert(offsetof(MSG_DESC_INFO_S, payload) == 20);
+
+/* A message of the given type, source, destination and number; everything else is zero. */
+constexpr MSG_DESC_INFO_S MakeMsg(UInt32 i_u32Type, UInt32 i_u32Src, UInt32 i_u32Dst,
+                                  UInt32 i_u32MsgNo)
+{
+    return MSG_DESC_INFO_S{i_u32Type, i_u32Src, i_u32Dst, 0, i_u32MsgNo, {}, {}};
+}
+
+/* "No change" in a numeric field of a stream status change request. */
+constexpr UInt32 STREAM_STATUS_UNCHANGED = 0xFFFFFFFF;
+
+/* u32Type of a stream status record: which half it speaks of. */
+constexpr UInt32 STREAM_STATUS_H264 = 0;
+constexpr UInt32 STREAM_STATUS_PREVIEW = 1;
+constexpr UInt32 STREAM_STATUS_BOTH = 2;
+
+/* H.264 and preview settings. */
+struct STREAM_STATUS_S {
+    UInt32 u32Type;
+    UInt32 u32H264Enable;      /* 1 on, 0 off */
+    UInt32 u32H264Gop;         /* GOP length, frames */
+    char szH264Mode[32];       /* rate control, "vbr" or "cbr" */
+    UInt32 u32H264Bitrate;     /* bit/s */
+    UInt32 u32PrevEnable;      /* 1 on, 0 off */
+    UInt32 u32PrevHeight;      /* preview picture height, lines */
+    UInt32 u32PrevRefreshrate; /* preview pictures per second */
+};
+static_assert(sizeof(STREAM_STATUS_S) == 60);
+static_assert(offsetof(STREAM_STATUS_S, u32H264Bitrate) == 44);
+
+/* Input timing: payload of MSG_ENC_VIDEO_CHG. Any of the first three at 0 means no signal. */
+struct INPUT_TIMING_S {
+    SInt32 width;      /* active pixels per line */
+    SInt32 height;     /* active lines */
+    SInt32 fps;        /* frames per second */
+    SInt32 interlaced; /* 0 progressive */
+
+    bool operator==(const INPUT_TIMING_S &) const = default;
+};
+static_assert(sizeof(INPUT_TIMING_S) == 16);
+
+/* Preview file status: payload of MSG_ENC_JPEG_FILE_STATUS. */
+struct JPEG_FILE_STATUS_S {
+    SInt64 time;     /* of the report, seconds since the epoch */
+    UInt32 count;    /* pictures published since the monitor started */
+    UInt32 reserved; /* sent as 0 */
+};
+static_assert(sizeof(JPEG_FILE_STATUS_S) == 16);
+
+/* Bounded queue of messages: at most 49 wait, in arrival order, in storage of the queue's own. */
+class CMsgQueue
+{
+public:
+    CMsgQueue();
+
+    /* Appends a copy of *i_pMsg and wakes the receiver. 1 queued; 0 for a null message or a full
+     * queue (the message is dropped and an ERROR line says which). */
+    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
+    /* Takes the oldest message into *o_pMsg, waiting once for at most i_s32Timeout milliseconds
+     * (CCond's rounding applies). 1 taken; 0 none, with *o_pMsg as it was. */
+    int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
+
+private:
+    static constexpr std::size_t kCapacity = 49;
+
+    CMutex m_objMutex;
+    CCond m_objCond;
+    std::array<MSG_DESC_INFO_S, kCapacity> m_stRing;
+    std::size_t m_u64Head;
+    std::size_t m_u64Count;
+};
+
+/* Delivers a message by its type and destination.
+ *
+ * MSG_TYPE_ASYNC queues a copy for the receiver's thread. MSG_TYPE_SYNC runs the receiver's
+ * handler in the calling thread, under the process-wide running mutex; the answer is written to
+ * o_pResult, whose size is the message's (see the handlers of the modules), null where no answer
+ * is wanted. Returns the queue's or the handler's result; 0 for a null message, an unknown type
+ * or destination, or a running mutex that stayed busy for about 2.9 s (each with an ERROR line;
+ * o_pResult is then unfilled). */
+int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+
+/* Tries 30 times, 100 ms apart. 1 locked; 0 not, or a null mutex. */
+int GetRunningMutex(CMutex *i_pMutex);
+/* 1 unlocked; 0 for a null mutex. */
+int PutRunningMutex(CMutex *i_pMutex);

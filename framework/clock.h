@@ -1,0 +1,16 @@
+/*
+ * Clocks. The monotonic pair is for intervals and deadlines, the wall-clock pair for time stamps.
+ *
+ * May be called from any thread.
+ */
+#pragma once
+
+#include "framework/types.h"
+
+/* CLOCK_MONOTONIC (clock_gettime(2)) in milliseconds and microseconds; -1 if the clock fails. */
+SInt64 GetTimeInMs();
+SInt64 GetTimeInMcros();
+
+/* Wall clock (gettimeofday(2)) since 1970-01-01 UTC in milliseconds and microseconds. */
+SInt64 GetMsTimeSince1970();
+SInt64 GetMcrosecTimeSince1970();

@@ -1,0 +1,214 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "framework/atomic.h"
+#include "framework/clock.h"
+#include "framework/mutex.h"
+#include "framework/thread.h"
+#include "tests/support/moved_time.h"
+
+namespace
+{
+/* Runs a function on a framework thread and joins it. */
+class CRunner : public CThread
+{
+public:
+    explicit CRunner(std::function<void()> i_objBody) : m_objBody(std::move(i_objBody)) {}
+    ~CRunner() override { StopAndWaitForThread(); }
+    void Entry() override { m_objBody(); }
+
+private:
+    std::function<void()> m_objBody;
+};
+
+void RunOnThread(std::function<void()> i_objBody)
+{
+    CRunner objRunner(std::move(i_objBody));
+    objRunner.Start();
+    objRunner.Join();
+}
+
+TEST(MutexTest, RecursionHoldsUntilTheLastUnlock)
+{
+    CMutex objMutex;
+    objMutex.Lock();
+    objMutex.Lock();
+    EXPECT_TRUE(objMutex.TryLock());
+    objMutex.Unlock();
+    objMutex.Unlock();
+    RunOnThread([&] { EXPECT_FALSE(objMutex.TryLock()); });
+    objMutex.Unlock();
+    RunOnThread([&] {
+        EXPECT_TRUE(objMutex.TryLock());
+        objMutex.Unlock();
+    });
+    CMutexLocker objNothing(nullptr);
+}
+
+TEST(MutexDeathTest, MisuseAborts)
+{
+    CMutex objMutex;
+    EXPECT_DEATH(objMutex.Unlock(), "pthread_self\\(\\) == m_stHolder");
+    EXPECT_DEATH(
+        {
+            CMutex objHeld;
+            objHeld.Lock();
+        },
+        "0 == m_u32HolderCount");
+}
+
+/* Time-outs are coarsened; the bound is one-sided since a busy machine only adds to it. */
+TEST(CondTest, TimeoutsAreCoarsened)
+{
+    struct {
+        int s32Asked;
+        SInt64 s64WaitedMs;
+    } const stCases[] = {{1000, 1005}, {999, 988}, {15, 8}, {11, 8}, {10, 5}, {5, 5}, {-7, 5}};
+    CMutex objMutex;
+    CCond objCond;
+    for (const auto &stCase : stCases) {
+        CMutexLocker objLocker(&objMutex);
+        SInt64 s64Begin = GetTimeInMcros();
+        objCond.Wait(&objMutex, stCase.s32Asked);
+        SInt64 s64Waited = GetTimeInMcros() - s64Begin;
+        EXPECT_GE(s64Waited, stCase.s64WaitedMs * 1000 - 1000) << stCase.s32Asked;
+    }
+}
+
+TEST(CondTest, ASignalEndsAWaitWithoutLimitAndTheMutexIsHeldAgain)
+{
+    CMutex objMutex;
+    CCond objCond;
+    bool bReady = false;
+    objMutex.Lock();
+    CRunner objSignaller([&] {
+        CMutexLocker objLocker(&objMutex);
+        bReady = true;
+        objCond.Signal();
+    });
+    objSignaller.Start();
+    while (!bReady) {
+        objCond.Wait(&objMutex, 0);
+    }
+    RunOnThread([&] { EXPECT_FALSE(objMutex.TryLock()); });
+    objMutex.Unlock();
+}
+
+TEST(MutexRWTest, ReadersShareAndWaitingWritersGoFirst)
+{
+    CMutexRW objLock;
+    objLock.LockRead();
+    EXPECT_EQ(objLock.TryLockRead(), 0);
+    EXPECT_EQ(objLock.TryLockWrite(), 16);
+    std::atomic<bool> bWritten{false};
+    CRunner objWriter([&] {
+        CMutexWriteLocker objLocker(&objLock);
+        bWritten = true;
+    });
+    objWriter.Start();
+    while (objLock.TryLockRead() == 0) {
+        objLock.Unlock();
+        CThread::ThreadYield();
+    }
+    EXPECT_FALSE(bWritten);
+    objLock.Unlock();
+    objLock.Unlock();
+    objWriter.Join();
+    EXPECT_TRUE(bWritten);
+    EXPECT_EQ(objLock.TryLockWrite(), 0);
+    EXPECT_EQ(objLock.TryLockRead(), 16);
+    /* A second writer enters beside the first; both leave with one unlock. */
+    objLock.LockWrite();
+    objLock.Unlock();
+    EXPECT_FALSE(objLock.Active());
+}
+
+TEST(ThreadTest, StopRequestNameAndCurrent)
+{
+    EXPECT_EQ(CThread::GetCurrent(), nullptr);
+    CThread *pSeen = nullptr;
+    char szName[16] = "";
+    CRunner objRunner([&] {
+        pSeen = CThread::GetCurrent();
+        CThread::SetName(nullptr);
+        CThread::SetName("encoder");
+        prctl(PR_GET_NAME, szName);
+        while (!pSeen->IsStopRequested()) {
+            CThread::Sleep(1);
+        }
+    });
+    objRunner.Start();
+    objRunner.StopAndWaitForThread();
+    EXPECT_EQ(pSeen, &objRunner);
+    EXPECT_STREQ(szName, "encoder");
+    EXPECT_TRUE(objRunner.ResetStopRequest());
+    EXPECT_FALSE(objRunner.IsStopRequested());
+    EXPECT_TRUE(CThread::SwitchPersonality());
+    objRunner.StopAndWaitForThread();
+    CRunner objNeverStarted([] {});
+}
+
+TEST(ThreadDeathTest, JoiningTwiceAborts)
+{
+    CRunner objRunner([] {});
+    objRunner.Start();
+    objRunner.Join();
+    EXPECT_DEATH(objRunner.Join(), "!m_bJoined");
+}
+
+TEST(ThreadTest, AffinitySaysWhereTheThreadRuns)
+{
+    testing::internal::CaptureStdout();
+    char szName[] = "probe";
+    RunOnThread([&] {
+        CThread::SetAffinity(0, szName);
+        CThread::SetAffinity(5000, szName);
+    });
+    std::string strOut = testing::internal::GetCapturedStdout();
+    EXPECT_NE(strOut.find("[probe] thread "), std::string::npos) << strOut;
+    EXPECT_NE(strOut.find("run on processor 0\nsched_setaffinity failed "), std::string::npos)
+        << strOut;
+}
+
+TEST(AtomicTest, ResultsAndTotals)
+{
+    UInt32 u32Word = 5;
+    EXPECT_EQ(atomic_add(&u32Word, -7), 4294967294U);
+    EXPECT_EQ(atomic_sub(&u32Word, -8), 6U);
+    EXPECT_EQ(atomic_sub(&u32Word, INT32_MIN), 2147483654U);
+    u32Word = 6;
+    EXPECT_EQ(atomic_or(&u32Word, 0x80000001U), 6U);
+    EXPECT_EQ(u32Word, 0x80000007U);
+    EXPECT_FALSE(compare_and_store(6, 1, &u32Word));
+    EXPECT_TRUE(compare_and_store(0x80000007U, 0, &u32Word));
+
+    auto objCount = [&] {
+        for (int i = 0; i < 10000; i++) {
+            atomic_add(&u32Word, 1);
+        }
+    };
+    CRunner objOne(objCount);
+    CRunner objTwo(objCount);
+    objOne.Start();
+    objTwo.Start();
+    objOne.Join();
+    objTwo.Join();
+    EXPECT_EQ(u32Word, 20000U);
+}
+
+TEST(ClockTest, UnitsAgree)
+{
+    SInt64 s64Ms = GetTimeInMs();
+    EXPECT_GE(GetTimeInMcros() / 1000, s64Ms);
+    moved_time::Advance(90000);
+    EXPECT_GE(GetTimeInMs() - s64Ms, 90000);
+    EXPECT_GE(GetMcrosecTimeSince1970() / 1000, GetMsTimeSince1970() - 1);
+    EXPECT_GT(GetMsTimeSince1970(), 1700000000000);
+}
+} // namespace

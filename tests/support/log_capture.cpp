@@ -1,0 +1,81 @@
+#include "tests/support/log_capture.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+
+#include <log4cpp/Category.hh>
+
+class CLogCapture::CAppender : public log4cpp::AppenderSkeleton
+{
+public:
+    CAppender() : log4cpp::AppenderSkeleton("capture") {}
+    void close() override {}
+    bool requiresLayout() const override { return false; }
+    void setLayout(log4cpp::Layout *) override {}
+
+    mutable std::mutex m_objMutex;
+    mutable std::condition_variable m_objCond;
+    std::vector<std::string> m_strLines;
+
+protected:
+    void _append(const log4cpp::LoggingEvent &i_objEvent) override
+    {
+        std::lock_guard objLock(m_objMutex);
+        m_strLines.push_back(log4cpp::Priority::getPriorityName(i_objEvent.priority) + " " +
+                             i_objEvent.message);
+        m_objCond.notify_all();
+    }
+};
+
+namespace
+{
+int CountIn(const std::vector<std::string> &i_strLines, const std::string &i_strText)
+{
+    return static_cast<int>(
+        std::count_if(i_strLines.begin(), i_strLines.end(), [&](const std::string &strLine) {
+            return strLine.find(i_strText) != std::string::npos;
+        }));
+}
+} // namespace
+
+CLogCapture::CLogCapture() : m_pAppender(new CAppender)
+{
+    log4cpp::Category &objCategory = log4cpp::Category::getInstance("CATEGORY");
+    objCategory.removeAllAppenders();
+    objCategory.setAdditivity(false);
+    objCategory.setPriority(log4cpp::Priority::DEBUG);
+    objCategory.addAppender(m_pAppender);
+}
+
+CLogCapture::~CLogCapture()
+{
+    log4cpp::Category::getInstance("CATEGORY").removeAllAppenders();
+}
+
+std::vector<std::string> CLogCapture::Lines() const
+{
+    std::lock_guard objLock(m_pAppender->m_objMutex);
+    return m_pAppender->m_strLines;
+}
+
+int CLogCapture::Count(const std::string &i_strText) const
+{
+    std::lock_guard objLock(m_pAppender->m_objMutex);
+    return CountIn(m_pAppender->m_strLines, i_strText);
+}
+
+bool CLogCapture::WaitFor(const std::string &i_strText, int i_s32Count,
+                          std::chrono::milliseconds i_objLimit) const
+{
+    std::unique_lock objLock(m_pAppender->m_objMutex);
+    return m_pAppender->m_objCond.wait_for(objLock, i_objLimit, [&] {
+        return CountIn(m_pAppender->m_strLines, i_strText) >= i_s32Count;
+    });
+}
+
+void CLogCapture::Clear()
+{
+    std::lock_guard objLock(m_pAppender->m_objMutex);
+    m_pAppender->m_strLines.clear();
+}
