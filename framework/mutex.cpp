@@ -39,29 +39,6 @@ CMutex::~CMutex()
     pthread_mutex_destroy(&m_stMutex);
 }
 
-void CMutex::RecursiveLock()
-{
-    if (pthread_self() == m_stHolder.load(std::memory_order_relaxed)) {
-        m_u32HolderCount++;
-        return;
-    }
-    pthread_mutex_lock(&m_stMutex);
-    assert(0 == m_stHolder);
-    m_stHolder.store(pthread_self(), std::memory_order_relaxed);
-    m_u32HolderCount++;
-    assert(1 == m_u32HolderCount);
-}
-
-void CMutex::RecursiveUnlock()
-{
-    assert(pthread_self() == m_stHolder);
-    assert(m_u32HolderCount > 0);
-    if (--m_u32HolderCount == 0) {
-        m_stHolder.store(0, std::memory_order_relaxed);
-        pthread_mutex_unlock(&m_stMutex);
-    }
-}
-
 Bool CMutex::RecursiveTryLock()
 {
     if (pthread_self() == m_stHolder.load(std::memory_order_relaxed)) {
@@ -76,21 +53,6 @@ Bool CMutex::RecursiveTryLock()
     m_u32HolderCount++;
     assert(m_u32HolderCount == 1);
     return true;
-}
-
-CMutexLocker::CMutexLocker(CMutex *i_pMutex) : m_pMutex(i_pMutex)
-{
-    if (m_pMutex != nullptr) {
-        m_pMutex->Lock();
-    }
-}
-
-CMutexLocker::~CMutexLocker()
-{
-    if (m_pMutex != nullptr) {
-        m_pMutex->Unlock();
-        m_pMutex = nullptr;
-    }
 }
 
 CMutexRW::CMutexRW() : m_s32State(0), m_s32WriteWaiters(0), m_s32ReadWaiters(0), m_s32LastState(0)

@@ -14,6 +14,7 @@
 
 #include <pthread.h>
 
+#include "framework/assertion.h"
 #include "framework/cond.h"
 #include "framework/types.h"
 
@@ -52,12 +53,48 @@ private:
     UInt32 m_u32HolderCount;
 };
 
+/* In the header: a lock is taken so often that the calls would cost more than the locks, and the
+ * compiler reads the thread's id once for a lock and its unlock. */
+inline void CMutex::RecursiveLock()
+{
+    if (pthread_self() == m_stHolder.load(std::memory_order_relaxed)) {
+        m_u32HolderCount++;
+        return;
+    }
+    pthread_mutex_lock(&m_stMutex);
+    assert(0 == m_stHolder);
+    m_stHolder.store(pthread_self(), std::memory_order_relaxed);
+    m_u32HolderCount++;
+    assert(1 == m_u32HolderCount);
+}
+
+inline void CMutex::RecursiveUnlock()
+{
+    assert(pthread_self() == m_stHolder);
+    assert(m_u32HolderCount > 0);
+    if (--m_u32HolderCount == 0) {
+        m_stHolder.store(0, std::memory_order_relaxed);
+        pthread_mutex_unlock(&m_stMutex);
+    }
+}
+
 /* Holds a CMutex for the time of its own life. A null mutex is allowed and does nothing. */
 class CMutexLocker
 {
 public:
-    explicit CMutexLocker(CMutex *i_pMutex);
-    ~CMutexLocker();
+    explicit CMutexLocker(CMutex *i_pMutex) : m_pMutex(i_pMutex)
+    {
+        if (m_pMutex != nullptr) {
+            m_pMutex->Lock();
+        }
+    }
+    ~CMutexLocker()
+    {
+        if (m_pMutex != nullptr) {
+            m_pMutex->Unlock();
+            m_pMutex = nullptr;
+        }
+    }
     CMutexLocker(const CMutexLocker &) = delete;
     CMutexLocker &operator=(const CMutexLocker &) = delete;
 
