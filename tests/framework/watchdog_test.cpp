@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ostream>
 #include <string>
 
 #include <signal.h>
@@ -23,6 +24,11 @@ struct WATCHDOG_CASE_S {
     int s32ParentExit;
     const char *pPrinted;
 };
+
+void PrintTo(const WATCHDOG_CASE_S &i_stCase, std::ostream *o_pStream)
+{
+    *o_pStream << i_stCase.pName;
+}
 
 class WatchdogTest : public testing::TestWithParam<WATCHDOG_CASE_S>
 {
