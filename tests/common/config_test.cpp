@@ -171,6 +171,10 @@ TEST_F(ConfigTest, LongTextsAreBounded)
     EXPECT_EQ(Read(), 1);
     EXPECT_EQ(GetText(260), std::string(63, 'd'));
     EXPECT_EQ(GetText(257), "");
+
+    WriteParams({{"src_device_id", "short"}});
+    EXPECT_EQ(Read(), 1);
+    EXPECT_EQ(GetText(260), "") << "nothing of an earlier id is left";
 }
 
 TEST_F(ConfigTest, DamagedFileReadsAsDefaultsAndIsTold)

@@ -82,6 +82,15 @@ TEST_F(ParamTest, NothingUsableInTheFileYieldsTheDefaultsAndLeavesTheFile)
     EXPECT_STREQ(g_szch_select + 512, "");
 }
 
+TEST_F(ParamTest, DamagedFileBecomesTheEmptyConfigurationWhenSaved)
+{
+    WriteFile(m_strPath, "<CONFIGURATION><CHANNEL_1>" + Param("h264_stream_gop", "30"));
+    RQ_XMLParser objParser(m_strPath.c_str());
+    EXPECT_EQ(objParser.Parse(), 0U);
+    objParser.UpdateFile();
+    EXPECT_EQ(ReadFile(m_strPath), "<CONFIGURATION/>\n");
+}
+
 TEST_F(ParamTest, MissingFileIsCreatedEmpty)
 {
     umask(0);
