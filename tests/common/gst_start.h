@@ -1,0 +1,22 @@
+/*
+ * What the pipeline tests send: start messages and tiny pipelines.
+ */
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "common/msg_queue.h"
+
+constexpr char kEndless[] = "fakesrc is-live=true do-timestamp=true ! fakesink";
+constexpr char kDry[] = "fakesrc num-buffers=1 ! fakesink";
+constexpr char kFailing[] = "fakesrc ! identity error-after=2 ! fakesink";
+constexpr char kUnknown[] = "fakesrc ! nosuchelement ! fakesink";
+
+inline MSG_DESC_INFO_S StartMsg(const std::string &i_strText)
+{
+    MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 3, 4);
+    memcpy(stMsg.payload, i_strText.data(), std::min<size_t>(i_strText.size(), 1024));
+    return stMsg;
+}
