@@ -18,5 +18,7 @@ inline MSG_DESC_INFO_S StartMsg(const std::string &i_strText)
 {
     MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 3, 4);
     memcpy(stMsg.payload, i_strText.data(), std::min<size_t>(i_strText.size(), 1024));
+    /* A text that fills the payload is not ended by what follows it. */
+    memset(stMsg.tail, 'x', sizeof(stMsg.tail));
     return stMsg;
 }
