@@ -26,6 +26,8 @@
 namespace
 {
 constexpr std::size_t kIpTextSize = 16;
+constexpr char kNoAddress[kIpTextSize] = "0.0.0.0";
+constexpr char kNoBroadcast[kIpTextSize] = "255.255.255.255";
 constexpr char kRecordDir[] = "/mnt/REC/";
 constexpr SInt32 kBusyDelayLimitMs = 2147483;
 constexpr SInt64 kSpinLimitUs = 10000;
@@ -49,11 +51,12 @@ UInt32 TextToIp(const char *i_pText)
 bool QueryInterface(int i_s32Fd, unsigned long i_u64Request, const char *i_pIfName,
                     struct ifreq *o_pRequest)
 {
-    if (strlen(i_pIfName) >= sizeof(o_pRequest->ifr_name)) {
+    std::size_t u64NameLen = strlen(i_pIfName);
+    if (u64NameLen >= sizeof(o_pRequest->ifr_name)) {
         return false;
     }
     *o_pRequest = {};
-    strcpy(o_pRequest->ifr_name, i_pIfName);
+    memcpy(o_pRequest->ifr_name, i_pIfName, u64NameLen);
     return ioctl(i_s32Fd, i_u64Request, o_pRequest) == 0;
 }
 
@@ -105,8 +108,7 @@ SInt32 WaitForChild(pid_t i_s32Pid)
 
 Bool GetLocalIPStr(const char *i_pIfName, char *o_pOut)
 {
-    memset(o_pOut, 0, kIpTextSize);
-    strcpy(o_pOut, "0.0.0.0");
+    memcpy(o_pOut, kNoAddress, kIpTextSize);
     struct ifaddrs *pList = nullptr;
     if (getifaddrs(&pList) != 0) {
         perror("getifaddrs");
@@ -142,8 +144,7 @@ UInt32 GetLocalIP(const char *i_pIfName)
 
 Bool GetLocalBcastIPStr(const char *i_pIfName, char *o_pOut)
 {
-    memset(o_pOut, 0, kIpTextSize);
-    strcpy(o_pOut, "255.255.255.255");
+    memcpy(o_pOut, kNoBroadcast, kIpTextSize);
     int s32Fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (s32Fd < 0) {
         printf("Get Local Bcast IP open socket failed\n");

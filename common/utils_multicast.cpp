@@ -2,8 +2,8 @@
  * Utilities: IPv4 multicast groups derived from hardware addresses, and the parsers that pick
  * ids out of an address list.
  *
- * Two families, both in use by receivers in the field: 234.24.0.0/13 for a box's own group,
- * 224.x with a group index for the entries of a list.
+ * Kept: two families, different on purpose. 234.24.0.0/13 is for a box's own group, 224. with a
+ * group index for the entries of a list.
  */
 #include "common/utils.h"
 
@@ -21,11 +21,11 @@ namespace
 constexpr std::size_t kIdLen = MAC_ID_LEN;
 constexpr std::size_t kMaxNameEntry = 31;
 
-/* Byte i_s32Byte (0 to 5) of the address that the id writes out. A pair that is no number reads
+/* Byte i_u64Byte (0 to 5) of the address that the id writes out. A pair that is no number reads
  * as strtoul(3) has it. */
-UInt8 IdByte(const char *i_pId, int i_s32Byte)
+UInt8 IdByte(const char *i_pId, std::size_t i_u64Byte)
 {
-    const char szPair[3] = {i_pId[i_s32Byte * 2], i_pId[i_s32Byte * 2 + 1], '\0'};
+    const char szPair[3] = {i_pId[i_u64Byte * 2], i_pId[i_u64Byte * 2 + 1], '\0'};
     return static_cast<UInt8>(strtoul(szPair, nullptr, 16));
 }
 
