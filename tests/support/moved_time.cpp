@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include <pthread.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@ int __real_usleep(useconds_t);
 int __real_clock_gettime(clockid_t, struct timespec *);
 int __real_gettimeofday(struct timeval *, void *);
 time_t __real_time(time_t *);
+int __real_pthread_cond_timedwait(pthread_cond_t *, pthread_mutex_t *, const struct timespec *);
 
 int __wrap_usleep(useconds_t i_u32Microseconds)
 {
@@ -50,6 +52,17 @@ time_t __wrap_time(time_t *o_pTime)
         *o_pTime = s64Now;
     }
     return s64Now;
+}
+
+int __wrap_pthread_cond_timedwait(pthread_cond_t *i_pCond, pthread_mutex_t *i_pMutex,
+                                  const struct timespec *i_pDeadline)
+{
+    const std::int64_t s64AheadMs = g_s64AheadMs;
+    struct timespec stDeadline = *i_pDeadline;
+    std::int64_t s64Nanoseconds = stDeadline.tv_nsec - (s64AheadMs % 1000) * 1000000;
+    stDeadline.tv_sec -= s64AheadMs / 1000 + (s64Nanoseconds < 0 ? 1 : 0);
+    stDeadline.tv_nsec = s64Nanoseconds + (s64Nanoseconds < 0 ? 1000000000 : 0);
+    return __real_pthread_cond_timedwait(i_pCond, i_pMutex, &stDeadline);
 }
 }
 

@@ -2,8 +2,9 @@
  * Moves time for the code under test instead of sleeping through it.
  *
  * The test programs are linked so that the daemon's own calls of usleep(3), clock_gettime(2),
- * gettimeofday(2) and time(2) pass through here; calls inside shared libraries do not. Until a
- * test asks for something else every call goes straight to the system.
+ * gettimeofday(2) and time(2) pass through here; calls inside shared libraries do not. The
+ * deadlines that it computes for pthread_cond_timedwait(3p) are moved back. Until a test asks for
+ * something else every call goes straight to the system.
  */
 #pragma once
 
