@@ -1,0 +1,206 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "common/monitor.h"
+#include "tests/support/fake_router.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/moved_time.h"
+
+namespace
+{
+namespace fs = std::filesystem;
+
+int OpenDescriptors()
+{
+    return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+}
+
+std::string Contents(const fs::path &i_objPath)
+{
+    std::ifstream objFile(i_objPath);
+    return {std::istreambuf_iterator<char>(objFile), {}};
+}
+
+/* A monitor on a directory of the test's own, its thread and real files. */
+class MonitorTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        char szDir[] = "/tmp/mv3300-monitor-XXXXXX";
+        ASSERT_NE(mkdtemp(szDir), nullptr);
+        m_objRoot = szDir;
+        fs::create_directory(m_objRoot / "image");
+        fs::create_directory(m_objRoot / "made");
+        m_objPicture = m_objRoot / "image.jpeg";
+        m_pMonitor = std::make_unique<CMonitor>((m_objRoot / "image/").string(), m_objPicture);
+        fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *) {
+            return i_stMsg.dst == 12 ? m_pMonitor->PushMsg(&i_stMsg) : 1;
+        });
+    }
+
+    void TearDown() override
+    {
+        m_pMonitor.reset();
+        fs::remove_all(m_objRoot);
+    }
+
+    /* Starts the thread and returns when its loop runs: it has sent a report. */
+    void Start()
+    {
+        m_pMonitor->Start();
+        ASSERT_TRUE(m_objLog.WaitFor("INFO start loop of monitor --["));
+        NextReport();
+    }
+
+    static std::vector<JPEG_FILE_STATUS_S> Reports()
+    {
+        std::vector<JPEG_FILE_STATUS_S> stReports;
+        for (const MSG_DESC_INFO_S &stMsg : fake_router::Sent(0x80A)) {
+            JPEG_FILE_STATUS_S stStatus;
+            memcpy(&stStatus, stMsg.payload, sizeof(stStatus));
+            stReports.push_back(stStatus);
+        }
+        return stReports;
+    }
+
+    /* Moves the time until one more report has come; its count. */
+    static UInt32 NextReport()
+    {
+        std::size_t u64Before = Reports().size();
+        for (int i = 0; i < 20; i++) {
+            moved_time::Advance(3000);
+            if (fake_router::WaitForSent(0x80A, u64Before + 1, std::chrono::milliseconds(1500))) {
+                return Reports().back().count;
+            }
+        }
+        ADD_FAILURE() << "no report";
+        return 0;
+    }
+
+    void MoveIn(const std::string &i_strName, const std::string &i_strContents)
+    {
+        std::ofstream(m_objRoot / "made" / "f") << i_strContents;
+        fs::rename(m_objRoot / "made" / "f", m_objRoot / "image" / i_strName);
+    }
+
+    bool WaitForPicture(const std::string &i_strContents)
+    {
+        for (int i = 0; i < 2000; i++) {
+            if (Contents(m_objPicture) == i_strContents) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    CLogCapture m_objLog;
+    fs::path m_objRoot;
+    fs::path m_objPicture;
+    std::unique_ptr<CMonitor> m_pMonitor;
+};
+
+TEST_F(MonitorTest, PublishesWhatIsMovedInAndReportsTheCount)
+{
+    Start();
+    EXPECT_EQ(Reports().back().count, 0U);
+    std::uint64_t u64Slept = moved_time::SleptMicroseconds();
+    MoveIn("1.jpeg", "one");
+    EXPECT_TRUE(WaitForPicture("one"));
+    EXPECT_TRUE(m_objLog.Has("DEBUG file name: 1.jpeg --["));
+    EXPECT_GE(moved_time::SleptMicroseconds() - u64Slept, 20000U);
+
+    /* Made in place, and moved out: no pictures. */
+    std::ofstream(m_objRoot / "image" / "here") << "here";
+    fs::rename(m_objRoot / "image" / "here", m_objRoot / "made" / "away");
+    /* The loop sleeps over the first one, so that the rest queue up behind it. Names over the
+     * path buffer count, too, but stay. */
+    for (int i = 2; i <= 10; i++) {
+        MoveIn(std::string(200, 'n') + std::to_string(i), "long");
+        MoveIn(std::to_string(i), "picture " + std::to_string(i));
+    }
+    EXPECT_TRUE(WaitForPicture("picture 10"));
+    EXPECT_EQ(NextReport(), 19U);
+    EXPECT_FALSE(fs::exists(m_objPicture)); /* stale at the report */
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_objRoot / "image"), {}), 9);
+    EXPECT_EQ(m_objLog.Count("WARN file name too long: nnn"), 9);
+
+    MSG_DESC_INFO_S stMsg = fake_router::Sent(0x80A).back();
+    MSG_DESC_INFO_S stExpected = {1, 12, 2, 0, 0x80A, {}, {}};
+    memcpy(stExpected.payload, stMsg.payload, 8);
+    stExpected.payload[8] = 19;
+    EXPECT_EQ(memcmp(&stMsg, &stExpected, sizeof(stMsg)), 0);
+}
+
+TEST_F(MonitorTest, ReportsComeWhenMoreThanTwoSecondsHavePassed)
+{
+    Start();
+    moved_time::DivideSleeps(20);
+    std::size_t u64First = Reports().size();
+    for (int i = 0; i < 60; i++) {
+        moved_time::Advance(200);
+        MoveIn("p", "p"); /* wakes the loop */
+        ASSERT_TRUE(m_objLog.WaitFor("DEBUG file name: p ", i + 1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::vector<JPEG_FILE_STATUS_S> stReports = Reports();
+    ASSERT_GE(stReports.size(), u64First + 3);
+    SInt64 s64Least = INT64_MAX;
+    for (std::size_t i = u64First; i < stReports.size(); i++) {
+        s64Least = std::min(s64Least, stReports[i].time - stReports[i - 1].time);
+    }
+    EXPECT_EQ(s64Least, 3);
+}
+
+TEST_F(MonitorTest, DirectoriesAndALostWatchDoNotStopTheReports)
+{
+    Start();
+    fs::create_directory(m_objRoot / "made" / "dir");
+    fs::rename(m_objRoot / "made" / "dir", m_objRoot / "image" / "dir");
+    ASSERT_TRUE(m_objLog.WaitFor("file name: dir"));
+    while (NextReport() < 1) {
+    }
+    EXPECT_FALSE(fs::exists(m_objPicture));
+    MoveIn("p", "after");
+    EXPECT_TRUE(WaitForPicture("after"));
+
+    /* What cannot be deleted is said, and the reports go on. */
+    fs::remove(m_objPicture);
+    fs::create_directories(m_objPicture / "full");
+    EXPECT_EQ(NextReport(), 2U);
+    EXPECT_TRUE(m_objLog.Has("WARN remove " + m_objPicture.string() + " errno:39 --["));
+
+    fs::remove_all(m_objRoot / "image");
+    EXPECT_EQ(NextReport(), 2U);
+    EXPECT_EQ(NextReport(), 2U);
+    EXPECT_FALSE(m_objLog.Has("ERROR"));
+}
+
+TEST_F(MonitorTest, LeavesNoDescriptorAfterAStopOrAFailedWatch)
+{
+    int s32Before = OpenDescriptors();
+    Start();
+    EXPECT_EQ(OpenDescriptors(), s32Before + 1);
+    m_pMonitor->StopAndWaitForThread();
+    EXPECT_TRUE(m_objLog.Has("INFO stop loop of monitor --["));
+    EXPECT_EQ(OpenDescriptors(), s32Before);
+
+    fs::remove_all(m_objRoot / "image");
+    EXPECT_EQ(m_pMonitor->main_loop(), -1);
+    EXPECT_EQ(m_objLog.Count("stop loop"), 1);
+    EXPECT_EQ(OpenDescriptors(), s32Before);
+}
+} // namespace
