@@ -87,10 +87,10 @@ void ReadLine(const char *i_pLine, int i_s32Line, uevent *o_pEvent)
             continue;
         }
         const char *pValue = i_pLine + strlen(stKey.pKey);
-        if (stKey.pText != nullptr) {
-            *stKey.pText = pValue;
-        } else {
+        if (stKey.pNumber != nullptr) {
             ReadNumber(pValue, stKey.pNumber);
+        } else {
+            *stKey.pText = pValue;
         }
         if (stKey.bLogged) {
             LOG_DEBUG("line:%d,msg:{%s}", i_s32Line, i_pLine);

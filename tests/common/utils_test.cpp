@@ -187,7 +187,7 @@ TEST(UtilsDelayTest, NeverShorterThanAskedAndAtOnceOutOfRange)
     std::atomic<bool> bDone{false};
     std::thread objMover([&] {
         while (!bDone) {
-            moved_time::Advance(2147482);
+            moved_time::Advance(10000);
             std::this_thread::yield();
         }
     });
