@@ -1,0 +1,377 @@
+/*
+ * The intrusive containers, each against the simplest structure that obeys the same rules, under
+ * random operations. The seed of a failing run is printed.
+ */
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "framework/clock.h"
+#include "framework/heap.h"
+#include "framework/queue.h"
+#include "framework/ref.h"
+
+namespace
+{
+std::vector<CQueueElem *> Walk(CQueue &i_objQueue)
+{
+    std::vector<CQueueElem *> pElems;
+    for (CQueueIter objIter(&i_objQueue); !objIter.IsDone(); objIter.Next()) {
+        pElems.push_back(objIter.GetCurrent());
+    }
+    return pElems;
+}
+
+/* The heap's rules as they are told: swaps on a plain array. */
+class CHeapModel
+{
+public:
+    std::vector<CHeapElem *> m_pSlots{nullptr};
+
+    void Insert(CHeapElem *i_pElem)
+    {
+        m_pSlots.push_back(i_pElem);
+        for (size_t i = m_pSlots.size() - 1; i > 1 && At(i) < At(i / 2); i /= 2) {
+            std::swap(m_pSlots[i], m_pSlots[i / 2]);
+        }
+    }
+
+    CHeapElem *Extract(size_t i_u64Index)
+    {
+        if (i_u64Index < 1 || i_u64Index >= m_pSlots.size()) {
+            return nullptr;
+        }
+        CHeapElem *pVictim = m_pSlots[i_u64Index];
+        m_pSlots[i_u64Index] = m_pSlots.back();
+        m_pSlots.pop_back();
+        for (size_t i = i_u64Index;;) {
+            size_t u64Smallest = i;
+            for (size_t u64Child : {2 * i, 2 * i + 1}) {
+                if (u64Child < m_pSlots.size() && At(u64Child) < At(u64Smallest)) {
+                    u64Smallest = u64Child;
+                }
+            }
+            if (u64Smallest == i) {
+                return pVictim;
+            }
+            std::swap(m_pSlots[i], m_pSlots[u64Smallest]);
+            i = u64Smallest;
+        }
+    }
+
+private:
+    SInt64 At(size_t i_u64Index) const { return m_pSlots[i_u64Index]->GetValue(); }
+};
+
+CPLString View(std::string &i_strText)
+{
+    return CPLString(i_strText.data(), static_cast<UInt32>(i_strText.size()));
+}
+} // namespace
+
+TEST(Queue, FollowsADequeUnderRandomOperations)
+{
+    const unsigned u32Seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(u32Seed));
+    std::mt19937 objRandom(u32Seed);
+    std::vector<std::unique_ptr<CQueueElem>> pPool;
+    for (int i = 0; i < 20; i++) {
+        pPool.push_back(std::make_unique<CQueueElem>(&pPool));
+    }
+    CQueue objQueue;
+    std::deque<CQueueElem *> objModel;
+    for (int i = 0; i < 20000; i++) {
+        CQueueElem *pElem = pPool[objRandom() % pPool.size()].get();
+        auto objPlace = std::find(objModel.begin(), objModel.end(), pElem);
+        switch (objRandom() % 3) {
+        case 0:
+            objQueue.EnQueue(pElem);
+            if (objPlace == objModel.end()) {
+                objModel.push_back(pElem);
+            }
+            break;
+        case 1:
+            ASSERT_EQ(objQueue.DeQueue(), objModel.empty() ? nullptr : objModel.front());
+            if (!objModel.empty()) {
+                objModel.pop_front();
+            }
+            break;
+        default:
+            objQueue.Remove(pElem);
+            if (objPlace != objModel.end()) {
+                objModel.erase(objPlace);
+            }
+        }
+        ASSERT_EQ(objQueue.GetLength(), objModel.size());
+        ASSERT_EQ(Walk(objQueue), std::vector<CQueueElem *>(objModel.begin(), objModel.end()));
+        ASSERT_EQ(objQueue.GetHead(), objModel.empty() ? nullptr : objModel.front());
+        ASSERT_EQ(objQueue.GetTail(), objModel.empty() ? nullptr : objModel.back());
+    }
+}
+
+TEST(Queue, LetsGoOfItsElementsWhenItIsDestroyedFirst)
+{
+    CQueueElem objElem;
+    {
+        CQueue objQueue;
+        objQueue.EnQueue(&objElem);
+    }
+    CQueue objNext;
+    objNext.EnQueue(&objElem);
+    EXPECT_EQ(objNext.DeQueue(), &objElem);
+}
+
+TEST(QueueDeathTest, ForeignAndNullElementsAndEarlyDestructionAreFatal)
+{
+    CQueue objQueue, objOther;
+    auto pElem = std::make_unique<CQueueElem>();
+    EXPECT_DEATH(objQueue.EnQueue(nullptr), "`i_pElem != NULL'");
+    EXPECT_DEATH(objQueue.Remove(nullptr), "`i_pElem != NULL'");
+    objQueue.EnQueue(pElem.get());
+    EXPECT_DEATH(objOther.EnQueue(pElem.get()), "`i_pElem->m_pQueue == NULL'");
+    EXPECT_DEATH(objQueue.Remove(pElem->Prev()), "`i_pElem != &m_objSentinel'");
+    EXPECT_DEATH(pElem.reset(), "`m_pQueue == NULL'");
+    objOther.Remove(pElem.get());
+    EXPECT_EQ(objQueue.GetLength(), 1u);
+    objQueue.Remove(pElem.get());
+}
+
+TEST(BlockingQueue, HandsEveryElementToOneOfManyWaiters)
+{
+    CQueue_Blocking objQueue;
+    std::vector<std::unique_ptr<CQueueElem>> pElems;
+    for (int i = 0; i < 3000; i++) {
+        pElems.push_back(std::make_unique<CQueueElem>());
+    }
+    std::atomic<int> s32Taken{0};
+    std::vector<std::thread> objTakers;
+    for (int i = 0; i < 3; i++) {
+        objTakers.emplace_back([&] {
+            while (s32Taken < 3000) {
+                s32Taken += objQueue.DeQueueBlocking(nullptr, 5) != nullptr;
+            }
+        });
+    }
+    for (auto &pElem : pElems) {
+        objQueue.EnQueue(pElem.get());
+    }
+    for (std::thread &objTaker : objTakers) {
+        objTaker.join();
+    }
+    EXPECT_EQ(s32Taken, 3000);
+    EXPECT_EQ(objQueue.DeQueue(), nullptr);
+}
+
+TEST(BlockingQueue, AnEarlyWakeUpEndsTheOneWaitWithNothing)
+{
+    CQueue_Blocking objQueue;
+    std::atomic<bool> bDone{false};
+    std::thread objWaiter([&] {
+        EXPECT_EQ(objQueue.DeQueueBlocking(nullptr, 0), nullptr);
+        bDone = true;
+    });
+    while (!bDone) {
+        objQueue.GetCond()->Signal();
+        std::this_thread::yield();
+    }
+    objWaiter.join();
+    SInt64 s64Before = GetTimeInMs();
+    EXPECT_EQ(objQueue.DeQueueBlocking(nullptr, 30), nullptr);
+    EXPECT_GE(GetTimeInMs() - s64Before, 27);
+}
+
+TEST(Heap, FollowsItsRulesUnderRandomOperations)
+{
+    const unsigned u32Seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(u32Seed));
+    std::mt19937 objRandom(u32Seed);
+    std::vector<CHeapElem> objPool(300);
+    CHeap objHeap(0);
+    CHeapModel objModel;
+    for (int i = 0; i < 60000; i++) {
+        CHeapElem *pElem = &objPool[objRandom() % objPool.size()];
+        auto objPlace = std::find(objModel.m_pSlots.begin() + 1, objModel.m_pSlots.end(), pElem);
+        bool bInside = objPlace != objModel.m_pSlots.end();
+        ASSERT_EQ(pElem->IsMemberOfAnyHeap(), bInside);
+        size_t u64Index = objRandom() % 320;
+        switch (objRandom() % 5) {
+        case 0:
+            ASSERT_EQ(objHeap.ExtractMin(), objModel.Extract(1));
+            break;
+        case 1:
+            ASSERT_EQ(objHeap.Extract(static_cast<UInt32>(u64Index)), objModel.Extract(u64Index));
+            break;
+        case 2:
+            ASSERT_EQ(objHeap.Remove(pElem), bInside ? pElem : nullptr);
+            objModel.Extract(bInside ? objPlace - objModel.m_pSlots.begin() : 0);
+            break;
+        default:
+            if (!bInside) {
+                pElem->SetValue(static_cast<SInt64>(objRandom() % 50) - 25);
+                objHeap.Insert(pElem);
+                objModel.Insert(pElem);
+            }
+        }
+        ASSERT_EQ(objHeap.CurrentHeapSize(), objModel.m_pSlots.size() - 1);
+        ASSERT_EQ(objHeap.PeekMin(), objModel.m_pSlots.size() > 1 ? objModel.m_pSlots[1] : nullptr);
+    }
+}
+
+TEST(Heap, TakingOutAnInnerElementNeverSiftsUp)
+{
+    const SInt64 aKeys[] = {1, 10, 2, 11, 12, 3, 4, 13, 14, 15, 16, 5};
+    std::vector<CHeapElem> objElems(12);
+    CHeap objHeap(2);
+    for (int i = 0; i < 12; i++) {
+        objElems[i].SetValue(aKeys[i]);
+        objHeap.Insert(&objElems[i]);
+    }
+    /* 5, the last, takes the slot of 11 under 10 and stays there. */
+    EXPECT_EQ(objHeap.Remove(&objElems[3]), &objElems[3]);
+    for (SInt64 s64Key : {1, 2, 3, 4, 10, 5}) {
+        EXPECT_EQ(objHeap.ExtractMin()->GetValue(), s64Key);
+    }
+}
+
+TEST(HeapDeathTest, NullAndAlreadyHeldElementsAreFatal)
+{
+    CHeap objHeap(1), objOther(1);
+    CHeapElem objElem;
+    EXPECT_DEATH(objHeap.Insert(nullptr), "`i_pElem != NULL'");
+    objHeap.Insert(&objElem);
+    EXPECT_DEATH(objHeap.Insert(&objElem), "`i_pElem->m_pCurrentHeap == NULL'");
+    EXPECT_DEATH(objOther.Insert(&objElem), "`i_pElem->m_pCurrentHeap == NULL'");
+    EXPECT_EQ(objOther.Remove(&objElem), nullptr);
+}
+
+TEST(HashTable, IndexesByMaskForPowersOfTwoAndByRemainderOtherwise)
+{
+    CHashTable<CRef, CRefKey> objPrime(1193), objPower(1024), objOne(1);
+    EXPECT_EQ(objPrime.ComputeIndex(1193 * 5 + 7), 7u);
+    EXPECT_EQ(objPower.ComputeIndex(0xFFFFFFFF), 1023u);
+    EXPECT_EQ(objOne.ComputeIndex(0xFFFFFFFF), 0u);
+    using CTable = CHashTable<CRef, CRefKey>;
+    EXPECT_DEATH(CTable(0), "`m_pHashTable'");
+}
+
+TEST(HashTable, ServesTheLatestOfEqualNamesAndRemovesByIdentity)
+{
+    std::string strName = "same", strOther = "emas";
+    CRef objFirst(View(strName), nullptr), objSecond(View(strName), nullptr);
+    CRef objCollides(View(strOther), nullptr);
+    CHashTable<CRef, CRefKey> objTable(1);
+    objTable.Add(&objFirst);
+    objTable.Add(&objSecond);
+    objTable.Remove(&objCollides);
+    EXPECT_EQ(objTable.GetNumEntries(), 2u);
+    objTable.Add(&objCollides);
+    EXPECT_DEATH(objTable.Add(&objSecond), "`i_pEntry->m_pNextHashEntry == NULL'");
+    CRefKey objKey(&objFirst);
+    EXPECT_EQ(objTable.Map(&objKey), &objSecond);
+    objTable.Remove(&objSecond);
+    EXPECT_EQ(objTable.Map(&objKey), &objFirst);
+    objTable.Remove(&objFirst);
+    EXPECT_EQ(objTable.Map(&objKey), nullptr);
+    EXPECT_EQ(objTable.GetNumEntries(), 1u);
+}
+
+TEST(RefTable, HashTakesFiveBytesAsUnsignedTimesTheLength)
+{
+    std::string strText = "abcd", strOne = "a", strHigh(8, '\xFF');
+    CPLString objText = View(strText), objOne = View(strOne), objHigh = View(strHigh);
+    EXPECT_EQ(CRefTableUtils::HashString(&objText), 1976u);
+    EXPECT_EQ(CRefTableUtils::HashString(&objOne), 485u);
+    EXPECT_EQ(CRefTableUtils::HashString(&objHigh), 10200u);
+    CPLString objNull, objEmpty(strText.data(), 0);
+    EXPECT_DEATH(CRefTableUtils::HashString(nullptr), "`i_pPLString != NULL'");
+    EXPECT_DEATH(CRefTableUtils::HashString(&objNull), "`i_pPLString->m_pPtr != NULL'");
+    EXPECT_DEATH(CRefTableUtils::HashString(&objEmpty), "`i_pPLString->m_u32Len > 0'");
+}
+
+TEST(RefTable, RegistersNamesOnceAndSwapsInPlace)
+{
+    std::string strName = "one", strOther = "two";
+    int s32First = 0, s32Second = 0;
+    CRef objFirst(View(strName), &s32First), objTwin(View(strName), &s32Second);
+    CRefTable objTable(7);
+    CPLString objName = View(strName), objOther = View(strOther);
+    EXPECT_EQ(objTable.Resolve(&objName), nullptr);
+    EXPECT_EQ(objTable.RegisterOrResolve(&objFirst), nullptr);
+    EXPECT_EQ(objTable.Register(&objTwin), 1);
+    EXPECT_EQ(objTable.RegisterOrResolve(&objTwin), &objFirst);
+    EXPECT_FALSE(objTable.TryUnRegister(&objFirst, 0));
+    objTable.Release(&objFirst);
+
+    objTable.Swap(&objTwin);
+    CRef *pFound = objTable.Resolve(&objName);
+    ASSERT_EQ(pFound, &objTwin);
+    EXPECT_EQ(pFound->GetObject(), &s32Second);
+    EXPECT_TRUE(objTable.TryUnRegister(&objTwin, 1));
+    objTable.Release(&objTwin);
+    EXPECT_EQ(objTable.Resolve(&objName), nullptr);
+    EXPECT_EQ(objTable.Register(&objFirst), 0);
+}
+
+TEST(RefTableDeathTest, MisuseIsFatal)
+{
+    std::string strName = "name";
+    CRef objRef(View(strName), nullptr), objUnnamed;
+    CRefTable objTable(7);
+    EXPECT_DEATH(objTable.Register(nullptr), "`i_pRef != NULL'");
+    EXPECT_DEATH(objTable.Register(&objUnnamed), "`i_pRef->m_objString.m_pPtr != NULL'");
+    EXPECT_DEATH(objTable.Resolve(nullptr), "`i_refPLString != NULL'");
+    EXPECT_DEATH(objTable.Release(nullptr), "`i_pRef != NULL'");
+    EXPECT_DEATH(objTable.Release(&objRef), "`i_pRef->m_u32RefCount < 1048576L'");
+    EXPECT_DEATH(objTable.UnRegister(nullptr), "`i_pRef != NULL'");
+    EXPECT_DEATH(objTable.Swap(nullptr), "`i_pNewRef != NULL'");
+    EXPECT_DEATH(objTable.Swap(&objRef), "`0'");
+    objTable.Register(&objRef);
+    CPLString objName = View(strName);
+    objTable.Resolve(&objName);
+    EXPECT_DEATH(objTable.Register(&objRef), "`i_pRef->m_u32RefCount == 0'");
+}
+
+/* Objects come and go under their names while other threads resolve and use them: nobody may
+ * meet an object that is gone. */
+TEST(RefTable, AnObjectOutlivesItsResolvers)
+{
+    CRefTable objTable(3);
+    std::string aNames[] = {"alpha", "beta", "gamma", "delta"};
+    std::atomic<bool> bStop{false};
+    std::atomic<int> s32Uses{0};
+    std::vector<std::thread> objUsers;
+    for (int i = 0; i < 3; i++) {
+        objUsers.emplace_back([&, i] {
+            for (unsigned u32Round = i; !bStop; u32Round++) {
+                CPLString objName = View(aNames[u32Round % 4]);
+                CRef *pRef = objTable.Resolve(&objName);
+                if (pRef != nullptr) {
+                    EXPECT_EQ(*static_cast<std::string *>(pRef->GetObject()), "alive");
+                    s32Uses++;
+                    objTable.Release(pRef);
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 2000 || s32Uses < 100; i++) {
+        auto pObject = std::make_unique<std::string>("alive");
+        auto pRef = std::make_unique<CRef>(View(aNames[i % 4]), pObject.get());
+        EXPECT_EQ(objTable.Register(pRef.get()), 0);
+        if (i % 16 == 0) {
+            std::this_thread::yield();
+        }
+        objTable.UnRegister(pRef.get());
+        pRef.reset();
+        pObject->assign("gone!");
+    }
+    bStop = true;
+    for (std::thread &objUser : objUsers) {
+        objUser.join();
+    }
+}

@@ -1,0 +1,139 @@
+/*
+ * Counted strings: every view here ends where its bytes end, so that the address sanitizer sees
+ * a read past it.
+ */
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "framework/plstring.h"
+
+namespace
+{
+/* A view of exactly these bytes, without a terminator. */
+class CText
+{
+public:
+    explicit CText(const std::string &i_strText)
+        : m_pBytes(new char[i_strText.size()]), m_objString(m_pBytes.get(), i_strText.size())
+    {
+        i_strText.copy(m_pBytes.get(), i_strText.size());
+    }
+    CPLString *operator->() { return &m_objString; }
+    CPLString &operator*() { return m_objString; }
+    std::string Str() const { return std::string(m_objString.m_pPtr, m_objString.m_u32Len); }
+
+private:
+    std::unique_ptr<char[]> m_pBytes;
+    CPLString m_objString;
+};
+
+std::string PrintedEOL(const std::string &i_strText, const char *i_pStop, const char *i_pSuffix)
+{
+    testing::internal::CaptureStdout();
+    CText(i_strText)->PrintStrEOL(i_pStop, i_pSuffix);
+    return testing::internal::GetCapturedStdout();
+}
+} // namespace
+
+TEST(PLString, NullEqualsNullOnly)
+{
+    CPLString objNull, objAlsoNull(static_cast<char *>(nullptr));
+    CText objEmpty("");
+    EXPECT_TRUE(objNull.Equal(objAlsoNull));
+    EXPECT_TRUE(objNull.Equal(static_cast<const char *>(nullptr)));
+    EXPECT_FALSE(objNull.Equal(*objEmpty));
+    EXPECT_FALSE(objEmpty->Equal(static_cast<const char *>(nullptr)));
+    EXPECT_TRUE(objEmpty->Equal(""));
+    EXPECT_TRUE(CText("abc")->Equal("abc"));
+    EXPECT_FALSE(CText("abc")->Equal("abd"));
+    EXPECT_FALSE(CText("abc")->Equal("ab"));
+    std::unique_ptr<char[]> pCopy(CText("abc")->GetAsCString()), pNone(objNull.GetAsCString());
+    EXPECT_STREQ(pCopy.get(), "abc");
+    EXPECT_STREQ(pNone.get(), "");
+}
+
+TEST(PLString, CaseIsIgnoredForLettersOnly)
+{
+    EXPECT_TRUE(CText("abc")->EqualIgnoreCase("ABC", 3));
+    EXPECT_FALSE(CText("abc")->EqualIgnoreCase("ABC", 2));
+    EXPECT_TRUE(CText("abc")->NumEqualIgnoreCase("AB", 2));
+    EXPECT_FALSE(CText("ab")->NumEqualIgnoreCase("ABC", 3));
+    EXPECT_FALSE(CText("@[`{")->EqualIgnoreCase("`{@[", 4));
+    EXPECT_TRUE(CText("\x82\xE9\xFF")->EqualIgnoreCase("\x82\xE9\xFF", 3));
+    EXPECT_FALSE(CText("\xC9")->EqualIgnoreCase("\xE9", 1));
+    EXPECT_FALSE(CPLString(nullptr, 2).EqualIgnoreCase("AB", 2));
+    EXPECT_DEATH(CPLString().EqualIgnoreCase(nullptr, 0), "`i_pCompare != NULL'");
+    EXPECT_DEATH(CPLString().NumEqualIgnoreCase(nullptr, 0), "`i_pCompare != NULL'");
+}
+
+TEST(PLString, FindsTextWithAndWithoutTerminator)
+{
+    const struct {
+        std::string strText;
+        const char *pQuery;
+        bool bCaseSensitive;
+        int s32Offset;
+    } aCases[] = {
+        {"one two", "two", true, 4},
+        {"one two", "TWO", true, -1},
+        {"one two", "TWO", false, 4},
+        {std::string("one\0", 4), "one", true, 0},
+        {std::string("a\0one\0", 6), "one", true, -1},
+        {std::string("ONE\0", 4), "ne", false, 1},
+        {"one", "", true, 0},
+        {"", "", true, -1},
+    };
+    for (const auto &stCase : aCases) {
+        SCOPED_TRACE(stCase.strText + " / " + stCase.pQuery);
+        CText objText(stCase.strText);
+        CPLString objMatch(objText->m_pPtr, 99);
+        char *pHit = objText->FindStringCase(stCase.pQuery, &objMatch, stCase.bCaseSensitive);
+        bool bFound = stCase.s32Offset >= 0;
+        EXPECT_EQ(pHit, bFound ? objText->m_pPtr + stCase.s32Offset : nullptr);
+        EXPECT_EQ(objMatch.m_pPtr, pHit);
+        EXPECT_EQ(objMatch.m_u32Len, bFound ? strlen(stCase.pQuery) : 0);
+        EXPECT_EQ(objText.Str(), stCase.strText);
+    }
+    EXPECT_DEATH(CPLString().FindStringCase(nullptr, nullptr, true), "`NULL != i_pQueryCharStr'");
+}
+
+TEST(PLString, OnlyBlanksAndTabsAreWhitespace)
+{
+    CText objAll(" a\t b\n c ");
+    EXPECT_EQ(objAll->RemoveWhitespace(), 4u);
+    EXPECT_EQ(objAll.Str(), "ab\nc");
+    CText objTrim("\t a b\r \t");
+    EXPECT_EQ(objTrim->TrimLeadingWhitespace(), 6u);
+    EXPECT_EQ(objTrim->TrimTrailingWhitespace(), 4u);
+    EXPECT_EQ(objTrim.Str(), "a b\r");
+    CText objBlank(" \t ");
+    EXPECT_EQ(objBlank->TrimTrailingWhitespace(), 0u);
+    EXPECT_EQ(CPLString().RemoveWhitespace(), 0u);
+    CText objUpper("a1\xE9z");
+    EXPECT_EQ(objUpper->ToUpper(), objUpper->m_pPtr);
+    EXPECT_EQ(objUpper.Str(), "A1\xE9Z");
+}
+
+TEST(PLString, PrintingStopsAtTheFirstUnprintableByte)
+{
+    testing::internal::CaptureStdout();
+    CText(std::string("a\0\r\n\xB1\tb", 7))->PrintStr();
+    CText("x\xB2y")->PrintStr("<");
+    CText("\x0Bz")->PrintStr(">", "|");
+    CPLString().PrintStr(nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("a\0\r\n\xB1x<>|", 9));
+}
+
+TEST(PLString, PrintStrEOLShowsLineEndsAndDefusesPercentSigns)
+{
+    EXPECT_EQ(PrintedEOL("a%b\nc", nullptr, nullptr), "a$b\\n\nc");
+    EXPECT_EQ(PrintedEOL("a\r\nb", nullptr, "!"), "a\\r\\n\nb!");
+    EXPECT_EQ(PrintedEOL("100%%d %%% %", nullptr, nullptr), "100%$d %%$ $");
+    EXPECT_EQ(PrintedEOL("head\r\nbody", "\r\n", nullptr), "head\\r\\n\n");
+    EXPECT_EQ(PrintedEOL("5% off", "%", ""), "5$ off");
+    EXPECT_EQ(PrintedEOL("ab", "abc", nullptr), "ab");
+    EXPECT_EQ(PrintedEOL("ab\tc", "", nullptr), "ab");
+    EXPECT_EQ(PrintedEOL("", "x", "s"), "s");
+}
