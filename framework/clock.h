@@ -10,6 +10,9 @@
 /* CLOCK_MONOTONIC (clock_gettime(2)) in milliseconds and microseconds; -1 if the clock fails. */
 SInt64 GetTimeInMs();
 SInt64 GetTimeInMcros();
+/* The monotonic time that is so many milliseconds ahead; the end of time where the sum would not
+ * fit. */
+SInt64 GetDeadlineInMs(SInt64 i_s64Milliseconds);
 
 /* Wall clock (gettimeofday(2)) since 1970-01-01 UTC in milliseconds and microseconds. */
 SInt64 GetMsTimeSince1970();
