@@ -1,0 +1,70 @@
+/*
+ * A process that stops while threads that never end are busy; run by exit_test.
+ *
+ * Argument "stop" removes the pools first, as the daemon does; "leave" returns from main with
+ * the pools running too. The exit status is 0 unless something goes wrong on the way out.
+ */
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/clock.h"
+#include "framework/idletask.h"
+#include "framework/task.h"
+#include "framework/thread.h"
+#include "framework/timeouttask.h"
+
+namespace
+{
+/* Always busy: runs again soon, sets its idle timer, wakes its neighbour. */
+class CBusyTask : public CIdleTask
+{
+public:
+    CBusyTask() : m_objRecord(this, 1, kTimeoutEvent) {}
+
+    SInt64 Run() override
+    {
+        if ((GetEvents() & kKillEvent) != 0) {
+            return -1;
+        }
+        SetIdleTimer(1);
+        if (m_pNeighbour != nullptr) {
+            m_pNeighbour->Signal(kReadEvent);
+        }
+        return GetTimeInMcros() % 2;
+    }
+
+    CTask *m_pNeighbour = nullptr;
+
+private:
+    CTimeoutTask m_objRecord;
+};
+
+constexpr int kTasks = 16;
+CBusyTask *g_aTasks[kTasks];
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CThread::Initialize(0x80000);
+    CTaskThreadPool::AddThreads(2);
+    CTimeoutTask::Initialize(100);
+    CIdleTask::Initialize();
+    for (int i = 0; i < kTasks; i++) {
+        g_aTasks[i] = new CBusyTask;
+        /* The first one dies, so nobody signals it. */
+        g_aTasks[i]->m_pNeighbour = i > 1 ? g_aTasks[i - 1] : nullptr;
+    }
+    for (CBusyTask *pTask : g_aTasks) {
+        pTask->Signal(CTask::kStartEvent);
+    }
+    CThread::Sleep(argc > 2 ? atoi(argv[2]) : 0);
+    if (argc > 1 && strcmp(argv[1], "stop") == 0) {
+        g_aTasks[0]->Signal(CTask::kKillEvent);
+        CTaskThreadPool::RemoveThreads();
+        /* The idle thread goes on with these while the process leaves. */
+        for (int i = 1; i < kTasks; i++) {
+            g_aTasks[i]->SetIdleTimer(i % 2);
+        }
+    }
+    return 0;
+}

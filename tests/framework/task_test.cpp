@@ -1,0 +1,369 @@
+/*
+ * The rules by which tasks are queued, run, run again and deleted.
+ */
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "framework/clock.h"
+#include "framework/task.h"
+
+namespace
+{
+/* Runs what it was given. */
+class CTestTask : public CTask
+{
+public:
+    explicit CTestTask(std::function<SInt64(CTestTask &)> i_objRun) : m_objRun(std::move(i_objRun))
+    {
+    }
+    SInt64 Run() override
+    {
+        SInt64 s64Result = m_objRun(*this);
+        m_s32Runs++;
+        return s64Result;
+    }
+
+    std::atomic<int> m_s32Runs{0};
+
+private:
+    std::function<SInt64(CTestTask &)> m_objRun;
+};
+
+template <class P> void WaitUntil(P i_objCondition)
+{
+    while (!i_objCondition()) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+}
+
+/* Keeps the threads of pool 0 from running anything until it is released. */
+class CBlockedPool
+{
+public:
+    explicit CBlockedPool(int i_s32Threads)
+    {
+        for (int i = 0; i < i_s32Threads; i++) {
+            m_pTasks.push_back(std::make_unique<CTestTask>([this](CTestTask &) {
+                m_s32Inside++;
+                WaitUntil([this] { return m_bReleased.load(); });
+                return 0;
+            }));
+            m_pTasks.back()->Signal(CTask::kStartEvent);
+        }
+        WaitUntil([&] { return m_s32Inside == i_s32Threads; });
+    }
+    ~CBlockedPool() { Release(); }
+    void Release()
+    {
+        m_bReleased = true;
+        WaitUntil([this] {
+            int s32Done = 0;
+            for (auto &pTask : m_pTasks) {
+                s32Done += pTask->m_s32Runs;
+            }
+            return s32Done == m_s32Inside;
+        });
+    }
+
+private:
+    std::atomic<bool> m_bReleased{false};
+    std::atomic<int> m_s32Inside{0};
+    std::vector<std::unique_ptr<CTestTask>> m_pTasks;
+};
+
+class CTaskTest : public testing::Test
+{
+protected:
+    ~CTaskTest() override { CTaskThreadPool::RemoveThreads(); }
+};
+} // namespace
+
+TEST(TaskName, KeepsThePrefixOfTheLiving)
+{
+    CTestTask objTask([](CTestTask &) { return 0; });
+    EXPECT_STREQ(objTask.GetTaskName(), "live_unknown");
+    objTask.SetTaskName(nullptr);
+    EXPECT_STREQ(objTask.GetTaskName(), "live_unknown");
+    objTask.SetTaskName(std::string(60, 'x').c_str());
+    EXPECT_EQ(objTask.GetTaskName(), "live_" + std::string(42, 'x'));
+    EXPECT_TRUE(objTask.Valid());
+}
+
+TEST_F(CTaskTest, SignalsBeforeARunMergeIntoOne)
+{
+    CTaskThreadPool::AddThreads(1);
+    CBlockedPool objBlocked(1);
+    std::atomic<UInt32> u32Seen{0};
+    CTestTask objTask([&](CTestTask &i_refTask) {
+        u32Seen = i_refTask.GetEvents();
+        EXPECT_EQ(i_refTask.GetEvents(), 0u);
+        return 0;
+    });
+    objTask.Signal(CTask::kStartEvent);
+    objTask.Signal(CTask::kReadEvent);
+    objBlocked.Release();
+    WaitUntil([&] { return objTask.m_s32Runs > 0; });
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(objTask.m_s32Runs, 1);
+    EXPECT_EQ(u32Seen, 20u);
+}
+
+TEST_F(CTaskTest, AnEventDuringARunCausesAnother)
+{
+    CTaskThreadPool::AddThreads(2);
+    std::vector<UInt32> u32Seen;
+    std::set<CThread *> pThreads;
+    CTestTask objTask([&](CTestTask &i_refTask) {
+        u32Seen.push_back(i_refTask.GetEvents());
+        pThreads.insert(CThread::GetCurrent());
+        if (u32Seen.size() == 1) {
+            std::thread([&] { i_refTask.Signal(CTask::kReadEvent); }).join();
+        }
+        return 0;
+    });
+    objTask.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return objTask.m_s32Runs == 2; });
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(u32Seen, (std::vector<UInt32>{4, 16}));
+    EXPECT_EQ(pThreads.size(), 1u);
+}
+
+TEST_F(CTaskTest, ADelayedRunKeepsItsTimeAndItsThread)
+{
+    CTaskThreadPool::AddThreads(2);
+    std::vector<UInt32> u32Seen;
+    std::vector<SInt64> s64Times;
+    std::set<CThread *> pThreads;
+    CTestTask objTask([&](CTestTask &i_refTask) -> SInt64 {
+        s64Times.push_back(GetTimeInMs());
+        u32Seen.push_back(i_refTask.GetEvents());
+        pThreads.insert(CThread::GetCurrent());
+        return u32Seen.size() == 1 ? 250 : 0;
+    });
+    objTask.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return objTask.m_s32Runs == 1; });
+    objTask.Signal(CTask::kReadEvent); /* adds its bit, and no run of its own */
+    WaitUntil([&] { return objTask.m_s32Runs == 2; });
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(u32Seen, (std::vector<UInt32>{4, 18}));
+    EXPECT_GE(s64Times[1] - s64Times[0], 250);
+    EXPECT_EQ(pThreads.size(), 1u);
+}
+
+TEST_F(CTaskTest, ANegativeResultDeletesTheTaskAfterMarkingItDead)
+{
+    static std::atomic<bool> s_bDeletedAsDead{false};
+    struct CMortalTask : CTask {
+        ~CMortalTask() override
+        {
+            s_bDeletedAsDead = GetTaskName()[0] == 'D' && !Valid();
+            Signal(kReadEvent); /* dropped: the destructor of a queued task would abort */
+        }
+        SInt64 Run() override { return (GetEvents() & kKillEvent) != 0 ? -1 : 0; }
+    };
+    CTaskThreadPool::AddThreads(2);
+    CTask *pTask = new CMortalTask;
+    pTask->Signal(CTask::kStartEvent);
+    pTask->Signal(CTask::kKillEvent);
+    /* What is ready when the threads are to end is still run. */
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_TRUE(s_bDeletedAsDead);
+}
+
+TEST_F(CTaskTest, FreshTasksGoRoundThePoolFromThreadOneOn)
+{
+    CTaskThreadPool::AddThreads(2);
+    EXPECT_EQ(CTaskThreadPool::GetThread(0, 2), nullptr);
+    EXPECT_EQ(CTaskThreadPool::GetThread(1, 0), nullptr);
+    for (unsigned i = 0; i < 6; i++) {
+        std::atomic<CThread *> pThread{nullptr};
+        CTestTask objTask([&](CTestTask &) {
+            pThread = CThread::GetCurrent();
+            return 0;
+        });
+        objTask.Signal(CTask::kStartEvent);
+        WaitUntil([&] { return objTask.m_s32Runs == 1; });
+        EXPECT_EQ(pThread, CTaskThreadPool::GetThread(0, (i + 1) % 2));
+        /* Until the task is idle again it must not be destroyed. */
+        CBlockedPool objBothDone(2);
+    }
+}
+
+TEST_F(CTaskTest, PoolsKeepTheirTasksAndBoundTasksTheirThread)
+{
+    CTaskThreadPool::AddThreadPools(2);
+    EXPECT_TRUE(CTaskThreadPool::AddThreads(0, 1, 0, 0));
+    EXPECT_TRUE(CTaskThreadPool::AddThreads(1, 3, 0, 0));
+    EXPECT_FALSE(CTaskThreadPool::AddThreads(2, 1, 0, 0));
+    std::set<CThread *> pThreads;
+    CTestTask objTask([&](CTestTask &) {
+        pThreads.insert(CThread::GetCurrent());
+        return 0;
+    });
+    CTestTask objLost([](CTestTask &) { return 0; });
+    objLost.SetThreadPool(7);
+    objLost.Signal(CTask::kStartEvent);
+    objTask.SetThreadPool(1);
+    objTask.SetBoundThread(CTaskThreadPool::GetThread(1, 2));
+    for (int i = 0; i < 20; i++) {
+        objTask.Signal(CTask::kReadEvent);
+        WaitUntil([&] { return objTask.m_s32Runs > i; });
+    }
+    EXPECT_EQ(pThreads, std::set<CThread *>{CTaskThreadPool::GetThread(1, 2)});
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(objLost.m_s32Runs, 0);
+}
+
+TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAlone)
+{
+    CTaskThreadPool::AddThreads(4);
+    std::atomic<int> s32Inside{0}, s32Met{0}, s32AloneRuns{0};
+    std::atomic<bool> bStop{false};
+    std::vector<std::unique_ptr<CTestTask>> pTasks;
+    for (int i = 0; i < 6; i++) {
+        pTasks.push_back(std::make_unique<CTestTask>([&](CTestTask &) -> SInt64 {
+            s32Inside++;
+            std::this_thread::yield();
+            s32Inside--;
+            return bStop ? 0 : 1;
+        }));
+    }
+    pTasks.push_back(std::make_unique<CTestTask>([&](CTestTask &i_refTask) -> SInt64 {
+        for (int i = 0; i < 100; i++) {
+            s32Met += s32Inside != 0;
+            std::this_thread::yield();
+        }
+        if (s32AloneRuns % 2 == 0) {
+            i_refTask.GlobalUnlock();
+            i_refTask.GlobalUnlock();
+        }
+        return ++s32AloneRuns == 20 ? 0 : 1;
+    }));
+    pTasks.back()->SetGlobalLock();
+    for (auto &pTask : pTasks) {
+        pTask->Signal(CTask::kStartEvent);
+    }
+    WaitUntil([&] { return s32AloneRuns == 1; });
+    EXPECT_EQ(s32Met, 0);
+    WaitUntil([&] { return s32AloneRuns == 20; });
+    bStop = true;
+    CTaskThreadPool::RemoveThreads();
+}
+
+TEST_F(CTaskTest, ATaskLetGoOfTheGlobalLockRunsBesideOthers)
+{
+    CTaskThreadPool::AddThreads(2);
+    std::atomic<bool> bOtherRan{false};
+    CTestTask objOther([&](CTestTask &) {
+        bOtherRan = true;
+        return 0;
+    });
+    CTestTask objAlone([&](CTestTask &i_refTask) {
+        objOther.Signal(CTask::kStartEvent);
+        CThread::Sleep(20);
+        EXPECT_FALSE(bOtherRan);
+        i_refTask.GlobalUnlock();
+        WaitUntil([&] { return bOtherRan.load(); });
+        return 0;
+    });
+    objAlone.SetGlobalLock();
+    objAlone.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return objAlone.m_s32Runs == 1; });
+    CTaskThreadPool::RemoveThreads();
+}
+
+TEST_F(CTaskTest, NoSignalIsLostAndNoTaskRunsTwiceAtOnce)
+{
+    constexpr int kTasks = 12, kSenders = 3, kSignals = 3000;
+    struct CState {
+        std::atomic<int> s32Posted{0}, s32Seen{0}, s32Inside{0};
+    };
+    std::vector<CState> objStates(kTasks);
+    std::vector<std::unique_ptr<CTestTask>> pTasks;
+    for (int i = 0; i < kTasks; i++) {
+        pTasks.push_back(std::make_unique<CTestTask>([&, i](CTestTask &i_refTask) -> SInt64 {
+            CState &objState = objStates[i];
+            EXPECT_EQ(objState.s32Inside.fetch_add(1), 0);
+            i_refTask.GetEvents();
+            objState.s32Seen = objState.s32Posted.load();
+            objState.s32Inside--;
+            return objState.s32Seen % 7 == 0;
+        }));
+    }
+    CTaskThreadPool::AddThreads(3);
+    std::vector<std::thread> objSenders;
+    for (int s32Sender = 0; s32Sender < kSenders; s32Sender++) {
+        objSenders.emplace_back([&, s32Sender] {
+            for (int i = 0; i < kSignals; i++) {
+                int s32Task = (i * 5 + s32Sender) % kTasks;
+                objStates[s32Task].s32Posted++;
+                pTasks[s32Task]->Signal(CTask::kReadEvent);
+            }
+        });
+    }
+    for (std::thread &objSender : objSenders) {
+        objSender.join();
+    }
+    for (CState &objState : objStates) {
+        WaitUntil([&] { return objState.s32Seen == objState.s32Posted; });
+    }
+    CTaskThreadPool::RemoveThreads();
+}
+
+TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
+{
+    std::atomic<bool> bStop{false};
+    std::atomic<CTestTask *> pCurrent{nullptr};
+    std::vector<std::unique_ptr<CTestTask>> pTasks;
+    std::thread objSender([&] {
+        while (!bStop) {
+            CTestTask *pTask = pCurrent;
+            if (pTask != nullptr) {
+                pTask->Signal(CTask::kReadEvent);
+            }
+        }
+    });
+    for (int i = 0; i < 150; i++) {
+        /* Every second task still waits for its next run when its thread ends. */
+        pTasks.push_back(std::make_unique<CTestTask>([i](CTestTask &i_refTask) -> SInt64 {
+            i_refTask.GetEvents();
+            return i % 2 == 0 ? 0 : 3600000;
+        }));
+        CTaskThreadPool::AddThreads(2);
+        pCurrent = pTasks.back().get();
+        WaitUntil([&] { return pTasks.back()->m_s32Runs > 0; });
+        CTaskThreadPool::RemoveThreads();
+    }
+    bStop = true;
+    objSender.join();
+}
+
+TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
+{
+    CTestTask objTask([](CTestTask &) { return 0; }), objOther([](CTestTask &) { return 0; });
+    objTask.Signal(CTask::kStartEvent);
+    CTaskThreadPool::AddThreads(1);
+    objTask.Signal(CTask::kReadEvent);
+    objOther.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return objOther.m_s32Runs == 1; });
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(objTask.m_s32Runs, 0);
+}
+
+TEST(TaskThreadPoolDeathTest, PoolsAreMadeOnce)
+{
+    EXPECT_DEATH(CTaskThreadPool::GetThread(0, 0), "`s_pNumTaskThreads != NULL'");
+    EXPECT_DEATH(CTaskThreadPool::AddThreads(0, 1, 0, 0), "`s_pTaskThreadArray != NULL'");
+    CTaskThreadPool::AddThreadPools(1);
+    EXPECT_DEATH(CTaskThreadPool::AddThreadPools(1), "`s_pTaskThreadArray == NULL'");
+    CTaskThreadPool::AddThreads(1);
+    EXPECT_DEATH(CTaskThreadPool::AddThreads(1), "`s_pTaskThreadArray.i_u32PoolID. == NULL'");
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(CTaskThreadPool::GetThread(0, 0), nullptr);
+}
