@@ -15,7 +15,7 @@
 
 namespace
 {
-/* Runs what it was given. */
+/* Takes its events and runs what it was given. */
 class CTestTask : public CTask
 {
 public:
@@ -24,11 +24,13 @@ public:
     }
     SInt64 Run() override
     {
+        m_u32Taken = GetEvents();
         SInt64 s64Result = m_objRun(*this);
         m_s32Runs++;
         return s64Result;
     }
 
+    UInt32 m_u32Taken = 0; /* by the run under way */
     std::atomic<int> m_s32Runs{0};
 
 private:
@@ -42,39 +44,31 @@ template <class P> void WaitUntil(P i_objCondition)
     }
 }
 
-/* Keeps the threads of pool 0 from running anything until it is released. */
+/* Keeps the threads of pool 0 from running anything until it is released. Once it is there, the
+ * threads are through with every task they ran before. */
 class CBlockedPool
 {
 public:
     explicit CBlockedPool(int i_s32Threads)
     {
         for (int i = 0; i < i_s32Threads; i++) {
-            m_pTasks.push_back(std::make_unique<CTestTask>([this](CTestTask &) {
-                m_s32Inside++;
-                WaitUntil([this] { return m_bReleased.load(); });
-                return 0;
-            }));
-            m_pTasks.back()->Signal(CTask::kStartEvent);
+            (new CTestTask([pState = m_pState](CTestTask &) {
+                pState->s32Inside++;
+                WaitUntil([&] { return pState->bReleased.load(); });
+                return -1;
+            }))->Signal(CTask::kStartEvent);
         }
-        WaitUntil([&] { return m_s32Inside == i_s32Threads; });
+        WaitUntil([&] { return m_pState->s32Inside == i_s32Threads; });
     }
     ~CBlockedPool() { Release(); }
-    void Release()
-    {
-        m_bReleased = true;
-        WaitUntil([this] {
-            int s32Done = 0;
-            for (auto &pTask : m_pTasks) {
-                s32Done += pTask->m_s32Runs;
-            }
-            return s32Done == m_s32Inside;
-        });
-    }
+    void Release() { m_pState->bReleased = true; }
 
 private:
-    std::atomic<bool> m_bReleased{false};
-    std::atomic<int> m_s32Inside{0};
-    std::vector<std::unique_ptr<CTestTask>> m_pTasks;
+    struct CState {
+        std::atomic<bool> bReleased{false};
+        std::atomic<int> s32Inside{0};
+    };
+    std::shared_ptr<CState> m_pState = std::make_shared<CState>();
 };
 
 class CTaskTest : public testing::Test
@@ -101,7 +95,7 @@ TEST_F(CTaskTest, SignalsBeforeARunMergeIntoOne)
     CBlockedPool objBlocked(1);
     std::atomic<UInt32> u32Seen{0};
     CTestTask objTask([&](CTestTask &i_refTask) {
-        u32Seen = i_refTask.GetEvents();
+        u32Seen = i_refTask.m_u32Taken;
         EXPECT_EQ(i_refTask.GetEvents(), 0u);
         return 0;
     });
@@ -120,7 +114,7 @@ TEST_F(CTaskTest, AnEventDuringARunCausesAnother)
     std::vector<UInt32> u32Seen;
     std::set<CThread *> pThreads;
     CTestTask objTask([&](CTestTask &i_refTask) {
-        u32Seen.push_back(i_refTask.GetEvents());
+        u32Seen.push_back(i_refTask.m_u32Taken);
         pThreads.insert(CThread::GetCurrent());
         if (u32Seen.size() == 1) {
             std::thread([&] { i_refTask.Signal(CTask::kReadEvent); }).join();
@@ -142,7 +136,7 @@ TEST_F(CTaskTest, ADelayedRunKeepsItsTimeAndItsThread)
     std::set<CThread *> pThreads;
     CTestTask objTask([&](CTestTask &i_refTask) -> SInt64 {
         s64Times.push_back(GetTimeInMs());
-        u32Seen.push_back(i_refTask.GetEvents());
+        u32Seen.push_back(i_refTask.m_u32Taken);
         pThreads.insert(CThread::GetCurrent());
         return u32Seen.size() == 1 ? 250 : 0;
     });
@@ -287,10 +281,9 @@ TEST_F(CTaskTest, NoSignalIsLostAndNoTaskRunsTwiceAtOnce)
     std::vector<CState> objStates(kTasks);
     std::vector<std::unique_ptr<CTestTask>> pTasks;
     for (int i = 0; i < kTasks; i++) {
-        pTasks.push_back(std::make_unique<CTestTask>([&, i](CTestTask &i_refTask) -> SInt64 {
+        pTasks.push_back(std::make_unique<CTestTask>([&, i](CTestTask &) -> SInt64 {
             CState &objState = objStates[i];
             EXPECT_EQ(objState.s32Inside.fetch_add(1), 0);
-            i_refTask.GetEvents();
             objState.s32Seen = objState.s32Posted.load();
             objState.s32Inside--;
             return objState.s32Seen % 7 == 0;
@@ -331,10 +324,8 @@ TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
     });
     for (int i = 0; i < 150; i++) {
         /* Every second task still waits for its next run when its thread ends. */
-        pTasks.push_back(std::make_unique<CTestTask>([i](CTestTask &i_refTask) -> SInt64 {
-            i_refTask.GetEvents();
-            return i % 2 == 0 ? 0 : 3600000;
-        }));
+        pTasks.push_back(std::make_unique<CTestTask>(
+            [i](CTestTask &) -> SInt64 { return i % 2 == 0 ? 0 : 3600000; }));
         CTaskThreadPool::AddThreads(2);
         pCurrent = pTasks.back().get();
         WaitUntil([&] { return pTasks.back()->m_s32Runs > 0; });

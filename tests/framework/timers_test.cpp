@@ -119,8 +119,9 @@ TEST_F(CTimersTest, IdleTasksMayGoWhileTheirTimersFire)
         ~CShortLived() override { m_objGone++; }
         SInt64 Run() override
         {
+            UInt32 u32Events = GetEvents();
             SetIdleTimer(0);
-            return (GetEvents() & kStartEvent) != 0 ? 0 : -1;
+            return (u32Events & kStartEvent) != 0 ? 0 : -1;
         }
         std::atomic<int> &m_objGone;
     };
@@ -131,6 +132,24 @@ TEST_F(CTimersTest, IdleTasksMayGoWhileTheirTimersFire)
     while (s32Gone < 300) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+}
+
+TEST_F(CTimersTest, ARecordWakesItsTaskThroughThePool)
+{
+    CTaskThreadPool::AddThreads(1);
+    CTimeoutTask::Initialize(100);
+    CCountingTask objTask, objPoke;
+    CTimeoutTask objRecord(&objTask, 60000, CTask::kTimeoutEvent | 0x40);
+    objPoke.Signal(CTask::kStartEvent);
+    objPoke.WaitForRuns(1);
+    EXPECT_EQ(objTask.m_s32Runs, 0);
+    for (int i = 1; i <= 3; i++) {
+        moved_time::Advance(61001);
+        objPoke.Signal(CTask::kStartEvent);
+        objTask.WaitForRuns(i);
+    }
+    EXPECT_EQ(objTask.m_u32Events, 0x48u);
+    CTaskThreadPool::RemoveThreads();
 }
 
 TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
@@ -145,7 +164,7 @@ TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
 
     CCountingTask objTask;
     CTimeoutTask objDue(&objTask, 2000, CTask::kTimeoutEvent), objOff(&objTask, 0, 0x100);
-    CTimeoutTask objNobody(nullptr, 1, 0x200);
+    CTimeoutTask objNobody(nullptr, 3000, 0x200);
     EXPECT_EQ(objLooker.Run(), 1000);
     moved_time::Advance(5000);
     EXPECT_LE(objDue.GetTimeRemaining(), -3000);
@@ -168,24 +187,6 @@ TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
     objDue.SetTimeout(0);
     objYounger.SetTimeout(std::numeric_limits<SInt64>::max());
     EXPECT_EQ(objLooker.Run(), 1000);
-}
-
-TEST_F(CTimersTest, ARecordWakesItsTaskThroughThePool)
-{
-    CTaskThreadPool::AddThreads(1);
-    CTimeoutTask::Initialize(100);
-    CCountingTask objTask, objPoke;
-    CTimeoutTask objRecord(&objTask, 60000, CTask::kTimeoutEvent | 0x40);
-    objPoke.Signal(CTask::kStartEvent);
-    objPoke.WaitForRuns(1);
-    EXPECT_EQ(objTask.m_s32Runs, 0);
-    for (int i = 1; i <= 3; i++) {
-        moved_time::Advance(61001);
-        objPoke.Signal(CTask::kStartEvent);
-        objTask.WaitForRuns(i);
-    }
-    EXPECT_EQ(objTask.m_u32Events, 0x48u);
-    CTaskThreadPool::RemoveThreads();
 }
 
 TEST(TimersDeathTest, NothingWorksBeforeTheServicesAre)
