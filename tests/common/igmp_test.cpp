@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <net/ethernet.h>
+#include <netpacket/packet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "common/igmp.h"
+#include "tests/support/private_net.h"
+
+namespace
+{
+using CReport = std::array<UInt8, 28>;
+
+/* 192.168.1.10 reports 239.1.1.1 with the identification 0x1234. */
+constexpr CReport kReport = {0x45, 0x00, 0x1C, 0x00, 0x12, 0x34, 0x00, 0x00, 0x01, 0x02,
+                             0x28, 0xB2, 0xC0, 0xA8, 0x01, 0x0A, 0xEF, 0x01, 0x01, 0x01,
+                             0x16, 0x00, 0xF8, 0xFC, 0xEF, 0x01, 0x01, 0x01};
+
+/* The sum of RFC 1071 by its definition: 0xFFFF over data that holds its own checksum. */
+UInt32 SumOf(const UInt8 *i_pData, std::size_t i_u64Len)
+{
+    UInt32 u32Sum = 0;
+    for (std::size_t i = 0; i < i_u64Len; i += 2) {
+        u32Sum += i_pData[i] * 256U + i_pData[i + 1];
+    }
+    return u32Sum % 0xFFFF == 0 ? 0xFFFF : u32Sum % 0xFFFF;
+}
+
+TEST(IgmpTest, ReportBytes)
+{
+    CReport aPacket;
+    CIGMP::BuildReport(0xC0A8010A, 0xEF010101, 0x1234, aPacket.data());
+    EXPECT_EQ(aPacket, kReport);
+    EXPECT_EQ(SumOf(aPacket.data(), 20), 0xFFFFU);
+    EXPECT_EQ(SumOf(aPacket.data() + 20, 8), 0xFFFFU);
+}
+
+TEST(IgmpTest, CheckSumInMemoryOrder)
+{
+    struct {
+        std::vector<UInt8> u8Data;
+        UInt16 u16Expected; /* as the bytes in memory, high byte first */
+    } const stCases[] = {
+        {{}, 0xFFFF},
+        {{0x00, 0x01, 0xF2, 0x03, 0xF4, 0xF5, 0xF6, 0xF7}, 0x220D}, /* the RFC's own example */
+        {{0x12, 0x34, 0x56}, 0x97CB},                               /* an odd byte is a high one */
+        {{0xFF, 0xFF, 0x00, 0x01}, 0xFFFE},                         /* a carry comes round */
+        {std::vector<UInt8>(65536, 0xFF), 0x0000},                  /* as do many */
+    };
+    for (const auto &stCase : stCases) {
+        std::vector<UInt8> u8Shifted(stCase.u8Data.size() + 1);
+        memcpy(u8Shifted.data() + 1, stCase.u8Data.data(), stCase.u8Data.size());
+        EXPECT_EQ(CIGMP::CheckSum(u8Shifted.data() + 1, stCase.u8Data.size()),
+                  htons(stCase.u16Expected))
+            << stCase.u8Data.size();
+    }
+}
+
+/* Sees every IPv4 packet of the loopback interface. */
+class CCapture
+{
+public:
+    CCapture() : m_s32Socket(socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP))) {}
+    ~CCapture() { close(m_s32Socket); }
+
+    /* The next packet that leaves; empty if none came within the limit. */
+    std::vector<UInt8> Next(int i_s32LimitMs)
+    {
+        struct pollfd stPoll = {m_s32Socket, POLLIN, 0};
+        while (poll(&stPoll, 1, i_s32LimitMs) == 1) {
+            std::vector<UInt8> u8Packet(2048);
+            struct sockaddr_ll stFrom = {};
+            socklen_t u32Len = sizeof(stFrom);
+            ssize_t s64Len = recvfrom(m_s32Socket, u8Packet.data(), u8Packet.size(), 0,
+                                      reinterpret_cast<struct sockaddr *>(&stFrom), &u32Len);
+            if (s64Len > 0 && stFrom.sll_pkttype == PACKET_OUTGOING) {
+                u8Packet.resize(static_cast<std::size_t>(s64Len));
+                return u8Packet;
+            }
+        }
+        return {};
+    }
+
+private:
+    int m_s32Socket;
+};
+
+/* The lowest free descriptor: unchanged if whatever was opened is closed. */
+int NextDescriptor()
+{
+    int s32FileDesc = dup(0);
+    close(s32FileDesc);
+    return s32FileDesc;
+}
+
+TEST(IgmpTest, TheSameReportLeavesEachTime)
+{
+    std::string strReason = EnterPrivateNetwork();
+    if (!strReason.empty()) {
+        GTEST_SKIP() << strReason;
+    }
+    CCapture objCapture;
+    int s32Before = NextDescriptor();
+    {
+        CIGMP objIgmp;
+        objIgmp.Open("10.1.2.3", "239.1.1.1");
+        objIgmp.Open("127.0.0.1", "239.1.1.1");
+        EXPECT_EQ(NextDescriptor(), s32Before + 1);
+        objIgmp.MemberShip();
+        std::vector<UInt8> u8First = objCapture.Next(5000);
+        objIgmp.MemberShip();
+        ASSERT_EQ(u8First.size(), 28U);
+        EXPECT_EQ(u8First, objCapture.Next(5000));
+
+        /* Beside the identification the kernel only rewrites length and checksum. */
+        EXPECT_EQ(SumOf(u8First.data(), 20), 0xFFFFU);
+        const UInt8 aStart[] = {0x45, 0x00, 0x00, 0x1C};
+        EXPECT_EQ(memcmp(u8First.data(), aStart, 4), 0);
+        const UInt8 aMiddle[] = {0x00, 0x00, 0x01, 0x02};
+        EXPECT_EQ(memcmp(u8First.data() + 6, aMiddle, 4), 0);
+        const UInt8 aEnd[] = {0x7F, 0x00, 0x00, 0x01, 0xEF, 0x01, 0x01, 0x01,
+                              0x16, 0x00, 0xF8, 0xFC, 0xEF, 0x01, 0x01, 0x01};
+        EXPECT_EQ(memcmp(u8First.data() + 12, aEnd, 16), 0);
+
+        objIgmp.Open("127.0.0.1", "192.168.1.1");
+        EXPECT_EQ(NextDescriptor(), s32Before);
+        objIgmp.MemberShip();
+        objIgmp.Open(nullptr, nullptr);
+        objIgmp.MemberShip();
+        EXPECT_TRUE(objCapture.Next(50).empty());
+        objIgmp.Open(0x7F000001, 0xE0000001);
+        EXPECT_EQ(NextDescriptor(), s32Before + 1);
+    }
+    EXPECT_EQ(NextDescriptor(), s32Before);
+}
+
+TEST(IgmpTest, WithoutThePrivilegeNothingIsOpenedOrSent)
+{
+    if (setuid(65534) != 0 && geteuid() == 0) {
+        GTEST_SKIP() << "cannot give up root";
+    }
+    int s32Before = NextDescriptor();
+    CIGMP objIgmp;
+    objIgmp.Open("127.0.0.1", "239.1.1.1");
+    EXPECT_EQ(NextDescriptor(), s32Before);
+    objIgmp.MemberShip();
+    objIgmp.Close();
+}
+} // namespace
