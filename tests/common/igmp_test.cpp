@@ -6,7 +6,6 @@
 
 #include <arpa/inet.h>
 #include <net/ethernet.h>
-#include <netpacket/packet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,8 +19,8 @@ using CReport = std::array<UInt8, 28>;
 
 /* 192.168.1.10 reports 239.1.1.1 with the identification 0x1234. */
 constexpr CReport kReport = {0x45, 0x00, 0x1C, 0x00, 0x12, 0x34, 0x00, 0x00, 0x01, 0x02,
-                             0x28, 0xB2, 0xC0, 0xA8, 0x01, 0x0A, 0xEF, 0x01, 0x01, 0x01,
-                             0x16, 0x00, 0xF8, 0xFC, 0xEF, 0x01, 0x01, 0x01};
+                             0xDA, 0x13, 0xC0, 0xA8, 0x01, 0x0A, 0xEF, 0x01, 0x01, 0x01,
+                             0x16, 0x00, 0xF9, 0xFC, 0xEF, 0x01, 0x01, 0x01};
 
 /* The sum of RFC 1071 by its definition: 0xFFFF over data that holds its own checksum. */
 UInt32 SumOf(const UInt8 *i_pData, std::size_t i_u64Len)
@@ -63,29 +62,24 @@ TEST(IgmpTest, CheckSumInMemoryOrder)
     }
 }
 
-/* Sees every IPv4 packet of the loopback interface. */
+/* Sees every IPv4 packet that comes round the loopback interface. */
 class CCapture
 {
 public:
     CCapture() : m_s32Socket(socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP))) {}
     ~CCapture() { close(m_s32Socket); }
 
-    /* The next packet that leaves; empty if none came within the limit. */
+    /* The next packet that was sent; empty if there is none within the limit. */
     std::vector<UInt8> Next(int i_s32LimitMs)
     {
+        std::vector<UInt8> u8Packet;
         struct pollfd stPoll = {m_s32Socket, POLLIN, 0};
-        while (poll(&stPoll, 1, i_s32LimitMs) == 1) {
-            std::vector<UInt8> u8Packet(2048);
-            struct sockaddr_ll stFrom = {};
-            socklen_t u32Len = sizeof(stFrom);
-            ssize_t s64Len = recvfrom(m_s32Socket, u8Packet.data(), u8Packet.size(), 0,
-                                      reinterpret_cast<struct sockaddr *>(&stFrom), &u32Len);
-            if (s64Len > 0 && stFrom.sll_pkttype == PACKET_OUTGOING) {
-                u8Packet.resize(static_cast<std::size_t>(s64Len));
-                return u8Packet;
-            }
+        if (poll(&stPoll, 1, i_s32LimitMs) == 1) {
+            u8Packet.resize(2048);
+            ssize_t s64Len = recv(m_s32Socket, u8Packet.data(), u8Packet.size(), 0);
+            u8Packet.resize(s64Len > 0 ? static_cast<std::size_t>(s64Len) : 0);
         }
-        return {};
+        return u8Packet;
     }
 
 private:
@@ -126,7 +120,7 @@ TEST(IgmpTest, TheSameReportLeavesEachTime)
         const UInt8 aMiddle[] = {0x00, 0x00, 0x01, 0x02};
         EXPECT_EQ(memcmp(u8First.data() + 6, aMiddle, 4), 0);
         const UInt8 aEnd[] = {0x7F, 0x00, 0x00, 0x01, 0xEF, 0x01, 0x01, 0x01,
-                              0x16, 0x00, 0xF8, 0xFC, 0xEF, 0x01, 0x01, 0x01};
+                              0x16, 0x00, 0xF9, 0xFC, 0xEF, 0x01, 0x01, 0x01};
         EXPECT_EQ(memcmp(u8First.data() + 12, aEnd, 16), 0);
 
         objIgmp.Open("127.0.0.1", "192.168.1.1");
