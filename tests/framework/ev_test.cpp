@@ -15,7 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "framework/ev.h"
+#include "framework/eventcontext.h"
 
 namespace
 {
@@ -277,5 +277,18 @@ TEST(CEvStartDeathTest, NoPipe)
             select_startevents();
         },
         "s32Err == 0");
+}
+
+TEST(CEvStartDeathTest, OtherSelectErrorsEndTheEventThread)
+{
+    EXPECT_DEATH(
+        {
+            select_startevents();
+            g_s32SelectErrors = {EINTR, EBADF, ENOMEM};
+            (new CEventThread)->Start();
+            sleep(20);
+            exit(0);
+        },
+        "CEventThread::Entry.*s32Err == 0");
 }
 } // namespace

@@ -1,0 +1,288 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "framework/task.h"
+#include "tests/framework/net_support.h"
+
+namespace
+{
+/* The sockets' event thread. */
+class CAccess : public CSocket
+{
+public:
+    static CEventThread *EventThread()
+    {
+        StartEvents();
+        return s_pEventThread;
+    }
+};
+
+/* A context that counts its events and can hold the event thread in one. */
+class CProbe : public CEventContext
+{
+public:
+    explicit CProbe(int i_s32FileDesc) : CEventContext(i_s32FileDesc, CAccess::EventThread()) {}
+    ~CProbe() override { CleanupIfWanted(); }
+
+    void ProcessEvent(int i_s32EventBits) override
+    {
+        m_s32Bits = i_s32EventBits;
+        m_s32Events++;
+        while (m_bHold) {
+            std::this_thread::yield();
+        }
+        CEventContext::ProcessEvent(i_s32EventBits);
+    }
+    bool WaitFor(int i_s32Events)
+    {
+        return WaitUntil([&] { return m_s32Events >= i_s32Events; });
+    }
+
+    using CEventContext::m_bAutoCleanup;
+    using CEventContext::m_s32FileDesc;
+    using CEventContext::m_u64UniqueID;
+    using CEventContext::s_u32UniqueID;
+
+    std::atomic<int> m_s32Events{0};
+    std::atomic<int> m_s32Bits{0};
+    std::atomic<bool> m_bHold{false};
+};
+
+/* Readable for good, or not at all. */
+int Counter(bool i_bReadable)
+{
+    return eventfd(i_bReadable ? 1 : 0, 0);
+}
+
+bool IsOpen(int i_s32FileDesc)
+{
+    return fcntl(i_s32FileDesc, F_GETFD) >= 0;
+}
+
+/* Three rounds of the event thread; whatever was to be handed out is then handed out. */
+void LetEventsPass()
+{
+    CProbe objMarker(Counter(true));
+    for (int i = 1; i <= 3; i++) {
+        objMarker.RequestEvent(1);
+        ASSERT_TRUE(objMarker.WaitFor(i));
+    }
+}
+
+TEST(EventContextTest, OneEventForOneRequest)
+{
+    CProbe objProbe(Counter(true));
+    LetEventsPass();
+    EXPECT_EQ(objProbe.m_s32Events, 0);
+    UInt64 u64UniqueID = 0;
+    for (int i = 1; i <= 3; i++) {
+        objProbe.RequestEvent(i < 3 ? 1 : 2);
+        ASSERT_TRUE(objProbe.WaitFor(i));
+        EXPECT_EQ(objProbe.m_s32Bits, i < 3 ? 1 : 2);
+        LetEventsPass();
+        EXPECT_EQ(objProbe.m_s32Events, i);
+        EXPECT_TRUE(u64UniqueID == 0 || objProbe.m_u64UniqueID == u64UniqueID);
+        u64UniqueID = objProbe.m_u64UniqueID;
+    }
+}
+
+TEST(EventContextTest, TheTaskIsSignalledReadWhateverTheBits)
+{
+    class CReader : public CTask
+    {
+    public:
+        explicit CReader(std::atomic<UInt32> *o_pEvents) : m_pEvents(o_pEvents) {}
+        SInt64 Run() override
+        {
+            UInt32 u32Events = GetEvents();
+            *m_pEvents |= u32Events;
+            return (u32Events & kKillEvent) != 0 ? -1 : 0;
+        }
+
+    private:
+        std::atomic<UInt32> *m_pEvents;
+    };
+    CTaskThreadPool::AddThreads(2);
+    std::atomic<UInt32> u32Events{0};
+    CReader *pTask = new CReader(&u32Events);
+    {
+        CProbe objProbe(Counter(false));
+        objProbe.SetTask(pTask);
+        objProbe.RequestEvent(2);
+        EXPECT_TRUE(WaitUntil([&] { return u32Events != 0; }));
+        EXPECT_EQ(u32Events, 16U);
+    }
+    pTask->Signal(CTask::kKillEvent);
+    CTaskThreadPool::RemoveThreads();
+}
+
+TEST(EventContextTest, CleanupWaitsForTheEventUnderWay)
+{
+    auto pProbe = std::make_unique<CProbe>(Counter(true));
+    int s32FileDesc = pProbe->m_s32FileDesc;
+    pProbe->m_bHold = true;
+    pProbe->RequestEvent(1);
+    ASSERT_TRUE(pProbe->WaitFor(1));
+    std::atomic<bool> bGone{false};
+    CProbe *pHeld = pProbe.get();
+    std::thread objOwner([&] {
+        pProbe.reset();
+        bGone = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(bGone);
+    EXPECT_TRUE(IsOpen(s32FileDesc));
+    pHeld->m_bHold = false;
+    objOwner.join();
+    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32FileDesc); }));
+}
+
+TEST(EventContextTest, ClosedWhileSelectWaitsAndUsedAgain)
+{
+    CProbe objProbe(Counter(false));
+    int s32FileDesc = objProbe.m_s32FileDesc;
+    objProbe.RequestEvent(1);
+    LetEventsPass();
+    objProbe.Cleanup();
+    EXPECT_EQ(objProbe.m_s32FileDesc, -1);
+    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32FileDesc); }));
+    objProbe.Cleanup();
+
+    objProbe.InitNonBlocking(Counter(true));
+    EXPECT_NE(fcntl(objProbe.m_s32FileDesc, F_GETFL) & O_NONBLOCK, 0);
+    objProbe.RequestEvent(1);
+    EXPECT_TRUE(objProbe.WaitFor(1));
+}
+
+TEST(EventContextTest, WhatWasNeverWatchedIsClosedAtOnceUnlessTheOwnerDoes)
+{
+    int s32Closed = Counter(false);
+    int s32Kept = Counter(false);
+    {
+        CProbe objCloses(s32Closed);
+        CProbe objKeeps(s32Kept);
+        objKeeps.m_bAutoCleanup = false;
+    }
+    EXPECT_FALSE(IsOpen(s32Closed));
+    EXPECT_TRUE(IsOpen(s32Kept));
+    close(s32Kept);
+}
+
+TEST(EventContextTest, TheEventOfAnIdThatIsGoneIsDropped)
+{
+    CAccess::EventThread();
+    int s32FileDesc = Counter(true);
+    eventreq stReq = {};
+    stReq.er_type = 1;
+    stReq.er_handle = s32FileDesc;
+    stReq.er_data = reinterpret_cast<void *>(0x123456789L);
+    EXPECT_EQ(select_watchevent(&stReq, 3), 0);
+    LetEventsPass();
+    EXPECT_EQ(select_removeevent(s32FileDesc), 0);
+    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32FileDesc); }));
+}
+
+TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
+{
+    std::vector<std::unique_ptr<CProbe>> objProbes;
+    auto objRegister = [&] {
+        objProbes.push_back(std::make_unique<CProbe>(Counter(true)));
+        objProbes.back()->RequestEvent(1);
+        EXPECT_TRUE(objProbes.back()->WaitFor(1));
+        return objProbes.back()->m_u64UniqueID;
+    };
+    EXPECT_EQ(objRegister(), 2U);
+    CProbe::s_u32UniqueID = 9999999;
+    EXPECT_EQ(objRegister(), 10000000U);
+    EXPECT_EQ(objRegister(), 1U);
+    EXPECT_EQ(objRegister(), 3U);
+    EXPECT_EQ(objProbes.front()->m_s32Events, 1);
+}
+
+TEST(EventContextTest, ManyDescriptorsEachWithItsOwnEvents)
+{
+    AllowManyDescriptors();
+    std::vector<std::unique_ptr<CProbe>> objProbes;
+    for (int i = 0; i < 900; i++) {
+        objProbes.push_back(std::make_unique<CProbe>(Counter(i % 3 == 0)));
+    }
+    for (int s32Round = 1; s32Round <= 3; s32Round++) {
+        for (auto &pProbe : objProbes) {
+            pProbe->RequestEvent(1);
+        }
+        for (int i = 0; i < 900; i += 3) {
+            ASSERT_TRUE(objProbes[static_cast<size_t>(i)]->WaitFor(s32Round)) << i;
+        }
+    }
+    LetEventsPass();
+    for (int i = 0; i < 900; i++) {
+        EXPECT_EQ(objProbes[static_cast<size_t>(i)]->m_s32Events, i % 3 == 0 ? 3 : 0) << i;
+    }
+}
+
+TEST(EventContextTest, AnotherContextTakesOver)
+{
+    CProbe objFrom(Counter(true));
+    objFrom.RequestEvent(1);
+    ASSERT_TRUE(objFrom.WaitFor(1));
+    int s32FileDesc = objFrom.m_s32FileDesc;
+    UInt64 u64UniqueID = objFrom.m_u64UniqueID;
+    int s32Before = Counter(false);
+    CProbe objTo(s32Before);
+    objTo.RequestEvent(1);
+
+    objTo.SnarfEventContext(objFrom);
+    objTo.SnarfEventContext(objTo);
+    EXPECT_EQ(objTo.m_s32FileDesc, s32FileDesc);
+    EXPECT_EQ(objTo.m_u64UniqueID, u64UniqueID);
+    EXPECT_EQ(objFrom.m_s32FileDesc, -1);
+    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32Before); }));
+    objTo.RequestEvent(1);
+    EXPECT_TRUE(objTo.WaitFor(1));
+    EXPECT_EQ(objFrom.m_s32Events, 1);
+
+    objFrom.InitNonBlocking(Counter(true));
+    objFrom.RequestEvent(1);
+    EXPECT_TRUE(objFrom.WaitFor(2));
+    EXPECT_NE(objFrom.m_u64UniqueID, u64UniqueID);
+}
+
+TEST(EventContextDeathTest, WhatTheOwnerMustNotDo)
+{
+    AllowManyDescriptors();
+    int s32FileDesc = Counter(false);
+    EXPECT_DEATH(
+        {
+            CProbe objProbe(dup2(s32FileDesc, 1024));
+            objProbe.RequestEvent(1);
+        },
+        "i_pReq->er_handle < \\(SInt32\\)\\(sizeof\\(fd_set\\) \\* 8\\)");
+    EXPECT_DEATH(
+        {
+            CProbe objProbe(-1);
+            objProbe.RequestEvent(1);
+        },
+        "`false'");
+    EXPECT_DEATH(
+        {
+            CProbe objProbe(-1);
+            objProbe.InitNonBlocking(-1);
+        },
+        "s32Err == 0");
+    EXPECT_DEATH({ CProbe objProbe(1999); }, "s32Err == 0");
+    EXPECT_DEATH(
+        {
+            CProbe objFrom(s32FileDesc);
+            CProbe objTo(-1);
+            objTo.SnarfEventContext(objFrom);
+        },
+        "`0'");
+}
+} // namespace

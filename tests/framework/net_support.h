@@ -1,0 +1,47 @@
+/*
+ * The event thread, as the daemon sets it up, and waiting for what it does.
+ */
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include <sys/resource.h>
+
+#include "framework/ev.h"
+#include "framework/socket.h"
+
+/* The socket layer with its event thread, once per process. */
+inline void StartEvents()
+{
+    static bool s_bStarted = false;
+    if (!s_bStarted) {
+        s_bStarted = true;
+        select_startevents();
+        CSocket::Initialize();
+        CSocket::StartThread();
+    }
+}
+
+/* Up to 2048 descriptors, where the system allows them. */
+inline void AllowManyDescriptors()
+{
+    struct rlimit stLimit = {};
+    getrlimit(RLIMIT_NOFILE, &stLimit);
+    stLimit.rlim_cur = std::min<rlim_t>(2048, stLimit.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &stLimit);
+}
+
+/* Waits until the condition holds; false after 20 seconds. */
+template <typename Condition> bool WaitUntil(Condition i_objCondition)
+{
+    auto objLimit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!i_objCondition()) {
+        if (std::chrono::steady_clock::now() > objLimit) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}

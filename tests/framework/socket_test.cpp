@@ -1,0 +1,498 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "framework/socketutils.h"
+#include "framework/task.h"
+#include "framework/udpsocket.h"
+#include "tests/framework/net_support.h"
+#include "tests/support/private_net.h"
+
+namespace
+{
+constexpr UInt32 kLoopback = 0x7F000001;
+
+class CTestSocket : public CSocket
+{
+public:
+    explicit CTestSocket(UInt32 i_u32Flags) : CSocket(nullptr, i_u32Flags) {}
+    ~CTestSocket() override { CleanupIfWanted(); }
+    int Descriptor() const { return m_s32FileDesc; }
+    int Option(int i_s32Level, int i_s32Option) const
+    {
+        int s32Value = -1;
+        socklen_t u32Len = sizeof(s32Value);
+        EXPECT_EQ(getsockopt(m_s32FileDesc, i_s32Level, i_s32Option, &s32Value, &u32Len), 0);
+        return s32Value;
+    }
+};
+
+class CTestUDPSocket : public CUDPSocket
+{
+public:
+    explicit CTestUDPSocket(UInt32 i_u32Flags = 1) : CUDPSocket(nullptr, i_u32Flags) {}
+    ~CTestUDPSocket() override { CleanupIfWanted(); }
+    UInt16 Port() const { return ntohs(m_stLocalAddr.sin_port); }
+    UInt8 ByteOption(int i_s32Option) const
+    {
+        UInt8 u8Value = 0xEE;
+        socklen_t u32Len = sizeof(u8Value);
+        EXPECT_EQ(getsockopt(m_s32FileDesc, IPPROTO_IP, i_s32Option, &u8Value, &u32Len), 0);
+        return u8Value;
+    }
+    /* Length of the next datagram; minus the result if it is not 0. */
+    int Receive(char *o_pBuffer, unsigned int i_u32Size)
+    {
+        m_u32From = 0xDEAD;
+        m_u16From = 0xDE;
+        unsigned int u32Len = 0xDEAD;
+        OS_Error s32Err = RecvFrom(&m_u32From, &m_u16From, o_pBuffer, i_u32Size, &u32Len);
+        EXPECT_EQ(s32Err != 0, u32Len == 0xDEAD);
+        return s32Err != 0 ? -s32Err : static_cast<int>(u32Len);
+    }
+    UInt32 m_u32From;
+    UInt16 m_u16From;
+};
+
+/* A connected stream: the socket under test and the descriptor of its peer. */
+class CStreamTest : public testing::Test
+{
+protected:
+    CStreamTest() : m_objSocket(0)
+    {
+        CSocket::Initialize();
+        CTestSocket objListener(0);
+        EXPECT_EQ(objListener.Open(SOCK_STREAM), 0);
+        EXPECT_EQ(objListener.Bind(kLoopback, 0), 0);
+        EXPECT_EQ(listen(objListener.Descriptor(), 1), 0);
+        EXPECT_EQ(m_objSocket.Open(SOCK_STREAM), 0);
+        struct sockaddr_in stAddr = {};
+        socklen_t u32Len = sizeof(stAddr);
+        struct sockaddr *pAddr = reinterpret_cast<struct sockaddr *>(&stAddr);
+        EXPECT_EQ(getsockname(objListener.Descriptor(), pAddr, &u32Len), 0);
+        EXPECT_EQ(connect(m_objSocket.Descriptor(), pAddr, u32Len), 0);
+        m_s32Peer = accept(objListener.Descriptor(), nullptr, nullptr);
+        EXPECT_FALSE(m_objSocket.IsConnected());
+        m_objSocket.SetSocketType(CSocket::kConnected);
+        EXPECT_TRUE(m_objSocket.IsConnected());
+    }
+    ~CStreamTest() override { ClosePeer(); }
+    void ClosePeer()
+    {
+        if (m_s32Peer >= 0) {
+            close(m_s32Peer);
+            m_s32Peer = -1;
+        }
+    }
+
+    CTestSocket m_objSocket;
+    int m_s32Peer;
+    char m_szBuffer[64] = "";
+    unsigned int m_u32Len = 77;
+};
+
+TEST_F(CStreamTest, BytesPassAndShortReadsStayShort)
+{
+    EXPECT_EQ(m_objSocket.Send("abcdef", 6, &m_u32Len), 0);
+    EXPECT_EQ(m_u32Len, 6U);
+    char szOne[] = "1";
+    char szNone[] = "";
+    char szTwo[] = "23";
+    struct iovec aParts[] = {{szOne, 1}, {szNone, 0}, {szTwo, 2}};
+    EXPECT_EQ(m_objSocket.WriteV(aParts, 3, &m_u32Len), 0);
+    EXPECT_EQ(m_u32Len, 3U);
+    EXPECT_EQ(m_objSocket.WriteV(aParts, 3, nullptr), 0);
+    EXPECT_EQ(recv(m_s32Peer, m_szBuffer, 12, MSG_WAITALL), 12);
+    EXPECT_EQ(std::string(m_szBuffer, 12), "abcdef123123");
+
+    EXPECT_EQ(write(m_s32Peer, "xyz", 3), 3);
+    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 2, &m_u32Len), 0);
+    EXPECT_EQ(m_u32Len, 2U);
+    EXPECT_EQ(m_objSocket.Read(m_szBuffer, sizeof(m_szBuffer), &m_u32Len), 0);
+    EXPECT_EQ(m_u32Len, 1U);
+}
+
+TEST_F(CStreamTest, ThePeersEndIsNotConnectedFromThenOn)
+{
+    EXPECT_EQ(write(m_s32Peer, "x", 1), 1);
+    ClosePeer();
+    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 0);
+    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 107);
+    EXPECT_FALSE(m_objSocket.IsConnected());
+    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 107);
+    EXPECT_EQ(m_u32Len, 1U);
+}
+
+/* A stream that is gone is a result, for both ways of writing, and not the end of the process. */
+TEST_F(CStreamTest, WritingToAPeerThatIsGone)
+{
+    for (bool bScatter : {false, true}) {
+        struct iovec stPart = {m_szBuffer, 1};
+        OS_Error s32Err = 0;
+        ClosePeer();
+        m_objSocket.SetSocketType(CSocket::kConnected);
+        EXPECT_TRUE(WaitUntil([&] {
+            s32Err = bScatter ? m_objSocket.WriteV(&stPart, 1, nullptr)
+                              : m_objSocket.Send("x", 1, &m_u32Len);
+            return s32Err != 0;
+        }));
+        EXPECT_TRUE(s32Err == EPIPE || s32Err == ECONNRESET) << s32Err;
+        EXPECT_FALSE(m_objSocket.IsConnected());
+    }
+}
+
+TEST_F(CStreamTest, WouldBlockKeepsTheConnection)
+{
+    m_objSocket.SetSocketType(CSocket::kNonBlocking);
+    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 11);
+    std::string strBlock(65536, 'x');
+    struct iovec stPart = {strBlock.data(), strBlock.size()};
+    while (m_objSocket.Send(strBlock.data(), 65536, &m_u32Len) == 0) {
+    }
+    EXPECT_EQ(m_objSocket.Send("x", 1, &m_u32Len), 11);
+    EXPECT_EQ(m_objSocket.WriteV(&stPart, 1, &m_u32Len), 11);
+    EXPECT_TRUE(m_objSocket.IsConnected());
+}
+
+TEST_F(CStreamTest, ASignalDoesNotEndARead)
+{
+    static std::atomic<int> s_s32Signals;
+    struct sigaction stAction = {};
+    stAction.sa_handler = [](int) { s_s32Signals++; };
+    sigaction(SIGUSR1, &stAction, nullptr);
+    pthread_t stReader = pthread_self();
+    std::thread objOther([&] {
+        for (int i = 0; i < 20; i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            pthread_kill(stReader, SIGUSR1);
+        }
+        EXPECT_EQ(write(m_s32Peer, "x", 1), 1);
+    });
+    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 0);
+    EXPECT_EQ(m_u32Len, 1U);
+    objOther.join();
+    EXPECT_GT(s_s32Signals, 0);
+}
+
+TEST(SocketTest, NotConnectedIsSaidWithoutASystemCall)
+{
+    CTestSocket objSocket(0);
+    unsigned int u32Len = 77;
+    char szBuffer[8];
+    struct iovec stPart = {szBuffer, sizeof(szBuffer)};
+    /* There is no descriptor: a call would say EBADF. */
+    EXPECT_EQ(objSocket.Send("x", 1, &u32Len), 107);
+    EXPECT_EQ(objSocket.WriteV(&stPart, 1, nullptr), 107);
+    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 107);
+    EXPECT_EQ(u32Len, 77U);
+    objSocket.SetSocketType(CSocket::kConnected);
+    EXPECT_EQ(objSocket.Send("x", 1, &u32Len), 9);
+    EXPECT_FALSE(objSocket.IsConnected());
+}
+
+TEST(SocketDeathTest, Misuse)
+{
+    unsigned int u32Len = 0;
+    unsigned short u16Port = 0;
+    char szBuffer[8];
+    CTestUDPSocket objSocket;
+    EXPECT_DEATH(objSocket.Send(nullptr, 1, &u32Len), "i_pData != NULL");
+    EXPECT_DEATH(objSocket.WriteV(nullptr, 1, &u32Len), "i_pIOVector != NULL");
+    EXPECT_DEATH(objSocket.Read(nullptr, 1, &u32Len), "o_pBuffer != NULL");
+    EXPECT_DEATH(objSocket.Read(nullptr, 1, nullptr), "o_pRecvLen != NULL");
+    EXPECT_DEATH(objSocket.SendTo(kLoopback, 1, nullptr, 1), "i_pBuffer != NULL");
+    EXPECT_DEATH(objSocket.RecvFrom(nullptr, nullptr, szBuffer, 8, nullptr), "o_pRecvLen != NULL");
+    EXPECT_DEATH(objSocket.RecvFrom(nullptr, &u16Port, szBuffer, 8, &u32Len),
+                 "o_pRemoteAddr != NULL");
+    EXPECT_DEATH(objSocket.RecvFrom(&u32Len, nullptr, szBuffer, 8, &u32Len),
+                 "o_pRemotePort != NULL");
+    EXPECT_DEATH(objSocket.ReuseAddr(), "s32Err == 0");
+    EXPECT_DEATH(objSocket.SetSocketBufSize(4096), "s32Err == 0");
+    EXPECT_EQ(objSocket.SetSocketRcvBufSize(4096), 9);
+    EXPECT_EQ(objSocket.SetTtl(1), 9);
+    ASSERT_EQ(objSocket.Open(), 0);
+    EXPECT_DEATH(objSocket.Open(), "m_s32FileDesc == CEventContext::kInvalidFileDesc");
+    EXPECT_DEATH(objSocket.NoDelay(), "s32Err == 0");
+    EXPECT_DEATH(objSocket.GetLocalDNSStr(), "m_stLocalAddr.sin_addr.s_addr != INADDR_ANY");
+    ASSERT_EQ(objSocket.Bind(kLoopback, 0), 0);
+    EXPECT_DEATH(objSocket.GetLocalAddrStr(), "m_pLocalAddrStrPtr != NULL");
+    CSocketUtils::Initialize(false);
+    EXPECT_TRUE(objSocket.GetLocalAddrStr()->Equal("127.0.0.1"));
+    EXPECT_TRUE(objSocket.GetLocalDNSStr()->Equal("127.0.0.1"));
+}
+
+TEST(SocketTest, OptionsReachTheSystem)
+{
+    CTestSocket objSocket(CSocket::kNonBlocking);
+    ASSERT_EQ(objSocket.Open(SOCK_STREAM), 0);
+    objSocket.ReuseAddr();
+    objSocket.BroadCast();
+    objSocket.KeepAlive();
+    objSocket.NoDelay();
+    objSocket.SetSocketBufSize(20000);
+    EXPECT_EQ(objSocket.SetSocketRcvBufSize(30000), 0);
+    EXPECT_NE(objSocket.Option(SOL_SOCKET, SO_REUSEADDR), 0);
+    EXPECT_NE(objSocket.Option(SOL_SOCKET, SO_BROADCAST), 0);
+    EXPECT_NE(objSocket.Option(SOL_SOCKET, SO_KEEPALIVE), 0);
+    EXPECT_NE(objSocket.Option(IPPROTO_TCP, TCP_NODELAY), 0);
+    /* The kernel doubles what is asked for (socket(7)). */
+    EXPECT_EQ(objSocket.Option(SOL_SOCKET, SO_SNDBUF), 40000);
+    EXPECT_EQ(objSocket.Option(SOL_SOCKET, SO_RCVBUF), 60000);
+}
+
+TEST(SocketTest, OutOfDescriptorsIsAResult)
+{
+    struct rlimit stBefore = {};
+    getrlimit(RLIMIT_NOFILE, &stBefore);
+    struct rlimit stNone = stBefore;
+    stNone.rlim_cur = 0;
+    setrlimit(RLIMIT_NOFILE, &stNone);
+    CTestUDPSocket objSocket;
+    OS_Error s32Err = objSocket.Open();
+    setrlimit(RLIMIT_NOFILE, &stBefore);
+    EXPECT_EQ(s32Err, 24);
+    EXPECT_EQ(objSocket.Open(), 0);
+}
+
+TEST(UDPSocketTest, DatagramsWithTheirSource)
+{
+    CTestUDPSocket objOne;
+    CTestUDPSocket objTwo(CSocket::kNonBlocking | CSocket::kWantsDemuxer);
+    ASSERT_EQ(objOne.Open(), 0);
+    ASSERT_EQ(objTwo.Open(), 0);
+    ASSERT_EQ(objOne.Bind(kLoopback, 0), 0);
+    ASSERT_EQ(objTwo.Bind(kLoopback, 0), 0);
+    char szBuffer[8];
+    EXPECT_EQ(objTwo.Receive(szBuffer, 8), -11);
+    EXPECT_EQ(objTwo.m_u32From, 0xDEADU);
+
+    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), "hello", 5), 0);
+    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), "", 0), 0);
+    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), "0123456789", 10), 0);
+    EXPECT_EQ(objTwo.Receive(szBuffer, 8), 5);
+    EXPECT_EQ(std::string(szBuffer, 5), "hello");
+    EXPECT_EQ(objTwo.m_u32From, kLoopback);
+    EXPECT_EQ(objTwo.m_u16From, objOne.Port());
+    EXPECT_EQ(objTwo.Receive(szBuffer, 8), 0);
+    EXPECT_EQ(objTwo.Receive(szBuffer, 8), 8);
+    EXPECT_EQ(objTwo.Receive(szBuffer, 8), -11);
+    std::string strHuge(65508, 'x');
+    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), strHuge.data(), 65508), 90);
+}
+
+TEST(UDPSocketTest, BindSaysWhichPortAndAFailureLeavesNone)
+{
+    std::string strReason = EnterPrivateNetwork();
+    if (!strReason.empty()) {
+        GTEST_SKIP() << strReason;
+    }
+    CTestUDPSocket objOne;
+    CTestUDPSocket objTwo;
+    ASSERT_EQ(objOne.Open(), 0);
+    ASSERT_EQ(objTwo.Open(), 0);
+    EXPECT_EQ(objOne.Bind(kLoopback, 8366), 0);
+    EXPECT_EQ(objTwo.Bind(kLoopback, 8366), 98);
+    EXPECT_EQ(objTwo.Port(), 0);
+    EXPECT_EQ(objTwo.Bind(0x08080808, 8366), 99);
+    EXPECT_EQ(objOne.GetLocalPortStr()->m_u32Len, 4U);
+    EXPECT_TRUE(objOne.GetLocalPortStr()->Equal("8366"));
+    EXPECT_EQ(objTwo.Bind(kLoopback, 0), 0);
+    EXPECT_TRUE(objTwo.GetLocalPortStr()->Equal(std::to_string(objTwo.Port()).c_str()));
+}
+
+TEST(UDPSocketTest, GroupsAreJoinedAndLeft)
+{
+    std::string strReason = EnterPrivateNetwork();
+    if (!strReason.empty()) {
+        GTEST_SKIP() << strReason;
+    }
+    constexpr UInt32 kGroup = 0xEF010203;
+    CTestUDPSocket objSender;
+    ASSERT_EQ(objSender.Open(), 0);
+    objSender.SetMulticastInterface(kLoopback);
+    objSender.SetMulticastLoop(1);
+    EXPECT_EQ(objSender.ByteOption(IP_MULTICAST_LOOP), 1);
+    objSender.SetMulticastLoop(0);
+    EXPECT_EQ(objSender.ByteOption(IP_MULTICAST_LOOP), 0);
+    EXPECT_EQ(objSender.SetTtl(0x0107), 0);
+    EXPECT_EQ(objSender.ByteOption(IP_MULTICAST_TTL), 7);
+    EXPECT_DEATH(objSender.SetMulticastInterface(0x08080808), "s32Err == 0");
+
+    /* Leaving reverses the bytes of the interface's address, which only some addresses bear. */
+    struct {
+        UInt32 u32Interface;
+        OS_Error s32LeaveErr;
+    } const stCases[] = {{0, 0}, {0x7F00007F, 0}, {kLoopback, EADDRNOTAVAIL}};
+    for (const auto &stCase : stCases) {
+        CTestUDPSocket objMember;
+        ASSERT_EQ(objMember.Open(), 0);
+        objMember.ReuseAddr();
+        ASSERT_EQ(objMember.Bind(0, 0), 0);
+        UInt16 u16Port = objMember.Port();
+        objMember.SetMulticastInterface(stCase.u32Interface);
+        char szBuffer[8];
+        EXPECT_EQ(objMember.JoinMulticast(0xC0A80101), EINVAL);
+        EXPECT_EQ(objMember.JoinMulticast(kGroup), 0);
+        EXPECT_EQ(objMember.JoinMulticast(kGroup), EADDRINUSE);
+        EXPECT_EQ(objSender.SendTo(kGroup, u16Port, "one", 3), 0);
+        EXPECT_TRUE(WaitUntil([&] { return objMember.Receive(szBuffer, 8) == 3; }));
+        EXPECT_EQ(objMember.LeaveMulticast(kGroup), stCase.s32LeaveErr);
+
+        bool bStillMember = stCase.s32LeaveErr != 0;
+        EXPECT_EQ(objSender.SendTo(kGroup, u16Port, "two", 3), 0);
+        EXPECT_EQ(objSender.SendTo(kLoopback, u16Port, "unicast", 7), 0);
+        std::vector<int> s32Lengths;
+        EXPECT_TRUE(WaitUntil([&] {
+            int s32Len = objMember.Receive(szBuffer, 8);
+            if (s32Len >= 0) {
+                s32Lengths.push_back(s32Len);
+            }
+            return s32Len == 7;
+        }));
+        EXPECT_EQ(s32Lengths.size(), bStillMember ? 2U : 1U) << stCase.u32Interface;
+    }
+}
+
+/* Sends every datagram back, as the daemon's control channel reads its own. */
+class CEchoTask : public CTask
+{
+public:
+    CEchoTask() : m_objSocket(this, CSocket::kNonBlocking) { SetTaskName("echo"); }
+    ~CEchoTask() override { s_s32Living--; }
+
+    SInt64 Run() override
+    {
+        EventFlags u32Events = GetEvents();
+        if ((u32Events & kKillEvent) != 0) {
+            return -1;
+        }
+        if ((u32Events & kStartEvent) != 0) {
+            EXPECT_EQ(m_objSocket.Open(), 0);
+            EXPECT_EQ(m_objSocket.Bind(kLoopback, 0), 0);
+            m_objSocket.RequestEvent(EV_READ);
+            m_u16Port = static_cast<UInt16>(atoi(m_objSocket.GetLocalPortStr()->m_pPtr));
+        }
+        if ((u32Events & kReadEvent) != 0) {
+            unsigned int u32Addr = 0;
+            unsigned short u16Port = 0;
+            unsigned int u32Len = 0;
+            char szBuffer[64];
+            while (m_objSocket.RecvFrom(&u32Addr, &u16Port, szBuffer, 64, &u32Len) == 0) {
+                (void)m_objSocket.SendTo(u32Addr, u16Port, szBuffer, u32Len);
+            }
+            m_objSocket.RequestEvent(EV_READ);
+        }
+        return 0;
+    }
+
+    /* A task that runs, and the port it answers on. */
+    static std::pair<CEchoTask *, UInt16> Start()
+    {
+        CEchoTask *pTask = new CEchoTask;
+        s_s32Living++;
+        pTask->Signal(kStartEvent);
+        EXPECT_TRUE(WaitUntil([&] { return pTask->m_u16Port != 0; }));
+        return {pTask, pTask->m_u16Port};
+    }
+
+    static std::atomic<int> s_s32Living;
+
+private:
+    CUDPSocket m_objSocket;
+    std::atomic<UInt16> m_u16Port{0};
+};
+std::atomic<int> CEchoTask::s_s32Living{0};
+
+TEST(SocketTaskTest, EveryDatagramWakesItsTask)
+{
+    StartEvents();
+    CTaskThreadPool::AddThreads(2);
+    std::vector<std::pair<CEchoTask *, UInt16>> objTasks;
+    for (int i = 0; i < 5; i++) {
+        objTasks.push_back(CEchoTask::Start());
+    }
+    CTestUDPSocket objClient;
+    ASSERT_EQ(objClient.Open(), 0);
+    ASSERT_EQ(objClient.Bind(kLoopback, 0), 0);
+    for (int i = 0; i < 200; i++) {
+        UInt16 u16Port = objTasks[static_cast<size_t>(i) % 5].second;
+        char szBuffer[8] = "";
+        ASSERT_EQ(objClient.SendTo(kLoopback, u16Port, &i, sizeof(i)), 0);
+        ASSERT_TRUE(WaitUntil([&] { return objClient.Receive(szBuffer, 8) == sizeof(i); }));
+        EXPECT_EQ(objClient.m_u16From, u16Port);
+        EXPECT_EQ(memcmp(szBuffer, &i, sizeof(i)), 0);
+    }
+    for (auto &objTask : objTasks) {
+        objTask.first->Signal(CTask::kKillEvent);
+    }
+    EXPECT_TRUE(WaitUntil([] { return CEchoTask::s_s32Living == 0; }));
+    CTaskThreadPool::RemoveThreads();
+}
+
+/* Sends to the port until the flag falls. */
+void Flood(const std::atomic<UInt16> &i_u16Port, const std::atomic<bool> &i_bRun)
+{
+    CTestUDPSocket objClient;
+    EXPECT_EQ(objClient.Open(), 0);
+    char szBuffer[8] = "";
+    while (i_bRun) {
+        (void)objClient.SendTo(kLoopback, i_u16Port, "flood", 5);
+        (void)objClient.Receive(szBuffer, 8);
+    }
+}
+
+TEST(SocketTaskTest, TasksAreKilledWhileTheirDatagramsArrive)
+{
+    StartEvents();
+    CTaskThreadPool::AddThreads(2);
+    std::atomic<UInt16> u16Port{1};
+    std::atomic<bool> bRun{true};
+    std::thread objFlood([&] { Flood(u16Port, bRun); });
+    for (int i = 0; i < 100; i++) {
+        auto [pTask, u16Own] = CEchoTask::Start();
+        u16Port = u16Own;
+        std::this_thread::sleep_for(std::chrono::microseconds(i * 20));
+        pTask->Signal(CTask::kKillEvent);
+    }
+    EXPECT_TRUE(WaitUntil([] { return CEchoTask::s_s32Living == 0; }));
+    bRun = false;
+    objFlood.join();
+    CTaskThreadPool::RemoveThreads();
+}
+
+[[noreturn]] void StopUnderLoad()
+{
+    StartEvents();
+    CTaskThreadPool::AddThreads(2);
+    static std::atomic<UInt16> s_u16Ports[3];
+    static std::atomic<bool> s_bRun{true};
+    CEchoTask *pControl = nullptr;
+    for (auto &u16Port : s_u16Ports) {
+        auto [pTask, u16Own] = CEchoTask::Start();
+        pControl = pTask;
+        u16Port = u16Own;
+        std::thread([&] { Flood(u16Port, s_bRun); }).detach();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    pControl->Signal(CTask::kKillEvent);
+    CTaskThreadPool::RemoveThreads();
+    exit(0);
+}
+
+/* The event thread never ends: a process that stops under load still ends with its own code. */
+TEST(SocketTaskDeathTest, AProcessStopsCleanlyUnderLoad)
+{
+    for (int s32Round = 0; s32Round < 3; s32Round++) {
+        EXPECT_EXIT(StopUnderLoad(), testing::ExitedWithCode(0), "");
+    }
+}
+} // namespace
