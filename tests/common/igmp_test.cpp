@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <vector>
@@ -55,7 +56,7 @@ TEST(IgmpTest, CheckSumInMemoryOrder)
     };
     for (const auto &stCase : stCases) {
         std::vector<UInt8> u8Shifted(stCase.u8Data.size() + 1);
-        memcpy(u8Shifted.data() + 1, stCase.u8Data.data(), stCase.u8Data.size());
+        std::copy(stCase.u8Data.begin(), stCase.u8Data.end(), u8Shifted.begin() + 1);
         EXPECT_EQ(CIGMP::CheckSum(u8Shifted.data() + 1, stCase.u8Data.size()),
                   htons(stCase.u16Expected))
             << stCase.u8Data.size();

@@ -279,16 +279,17 @@ TEST(CEvStartDeathTest, NoPipe)
         "s32Err == 0");
 }
 
+void RunIntoSelectErrors()
+{
+    select_startevents();
+    g_s32SelectErrors = {EINTR, EBADF, ENOMEM};
+    (new CEventThread)->Start();
+    sleep(20);
+    exit(0);
+}
+
 TEST(CEvStartDeathTest, OtherSelectErrorsEndTheEventThread)
 {
-    EXPECT_DEATH(
-        {
-            select_startevents();
-            g_s32SelectErrors = {EINTR, EBADF, ENOMEM};
-            (new CEventThread)->Start();
-            sleep(20);
-            exit(0);
-        },
-        "CEventThread::Entry.*s32Err == 0");
+    EXPECT_DEATH(RunIntoSelectErrors(), "CEventThread::Entry.*s32Err == 0");
 }
 } // namespace
