@@ -1,0 +1,55 @@
+/*
+ * What can be told of the daemon from outside: its log, /proc and the published preview.
+ */
+#pragma once
+
+#include <deque>
+#include <string>
+
+#include <sys/types.h>
+
+#include "framework/types.h"
+
+/* What the log says, in words for people. */
+struct LOG_VIEW_S {
+    std::string strTiming = "none reported yet";
+    std::string strStream = "not started";
+    std::string strPreview = "not started";
+    std::string strReceivers;
+    std::deque<std::string> objLatest; /* the newest lines, at most kLatestLines */
+};
+constexpr size_t kLatestLines = 6;
+
+/* Takes one line of the log into account. */
+void ReadLogLine(const std::string &i_strLine, LOG_VIEW_S *io_pView);
+
+/* Follows a log file that may not exist yet and may be rolled over. */
+class CLogTail
+{
+public:
+    explicit CLogTail(const std::string &i_strFile);
+    ~CLogTail();
+    CLogTail(const CLogTail &) = delete;
+    CLogTail &operator=(const CLogTail &) = delete;
+
+    /* Reads what was added since the last call. */
+    void Read(LOG_VIEW_S *io_pView);
+
+private:
+    void ReadOpen(LOG_VIEW_S *io_pView);
+
+    std::string m_strFile;
+    std::string m_strPartial;
+    int m_s32Fd;
+};
+
+struct PROCESS_VIEW_S {
+    bool bRuns = false;
+    UInt64 u64CpuTicks = 0; /* user and system time in clock ticks */
+    UInt64 u64MemoryKb = 0; /* resident */
+    UInt64 u64Threads = 0;
+};
+PROCESS_VIEW_S ReadProcess(pid_t i_s32Pid);
+
+/* Size and age of the published picture, or that there is none. */
+std::string ReadPreview(const char *i_pFile);

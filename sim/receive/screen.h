@@ -1,0 +1,49 @@
+/*
+ * The texts that sim-receive shows: the live screen, the line for a log, the summary.
+ *
+ * Pure functions of what was measured.
+ */
+#pragma once
+
+#include <deque>
+#include <string>
+
+#include "framework/types.h"
+#include "sim/receive/daemon_view.h"
+#include "sim/receive/stream.h"
+
+/* What changed in the last measuring interval. */
+struct RATES_S {
+    double f64PacketsPerS = 0;
+    double f64KbitPerS = 0;
+    double f64PicturesPerS = 0;
+    double f64CpuPercent = 0; /* of one processor */
+};
+
+struct SCREEN_S {
+    double f64Seconds = 0; /* since the start */
+    std::string strSource; /* group and port that are listened to */
+    STREAM_STATS_S stStats;
+    RATES_S stRates;
+    std::deque<double> objKbitHistory;
+    bool bHasDaemon = false;
+    bool bHasLog = false;
+    SInt32 s32Pid = 0;
+    LOG_VIEW_S stLog;
+    PROCESS_VIEW_S stProcess;
+    std::string strPreview;
+    std::string strHint; /* shown at the bottom, lines separated by newlines */
+};
+
+RATES_S RatesBetween(const STREAM_STATS_S &i_stOld, const STREAM_STATS_S &i_stNew,
+                     const PROCESS_VIEW_S &i_stOldProcess, const PROCESS_VIEW_S &i_stNewProcess,
+                     double i_f64Seconds);
+
+/* The whole screen, lines cut to the columns; each line ends by clearing the rest of its row. */
+std::string ScreenText(const SCREEN_S &i_stScreen, size_t i_u64Columns);
+/* One line, for an output that is no terminal. */
+std::string PlainLine(const SCREEN_S &i_stScreen);
+/* For people, at the end. */
+std::string Summary(const STREAM_STATS_S &i_stStats, double i_f64Seconds);
+/* For programs, at the end: one JSON object. */
+std::string SummaryJson(const STREAM_STATS_S &i_stStats, double i_f64Seconds);
