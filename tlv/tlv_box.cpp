@@ -1,0 +1,410 @@
+/*
+ * TLV box codec.
+ *
+ * A record is kept in its form on the wire. Puts append to blocks of bytes that never move, the
+ * first of which is part of the box's own allocation and holds a whole stream command; a box that
+ * fits there is serialised already, a larger one is copied together. A parsed box keeps the copy
+ * of its input, and its records are where they lie in that copy.
+ */
+#include "tlv/tlv_box.h"
+
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "tlv/key_list_layout.h"
+
+/* Values are the raw bytes of the put type, so the wire format is that of the targets we have. */
+static_assert(std::endian::native == std::endian::little);
+static_assert(sizeof(short) == 2 && sizeof(int) == 4);
+static_assert(sizeof(long) == 8 && sizeof(long long) == 8);
+static_assert(sizeof(float) == 4 && sizeof(double) == 8);
+
+namespace
+{
+constexpr std::size_t kHeaderSize = 8; /* type and length */
+static_assert(sizeof(tlv) == kHeaderSize && alignof(tlv) == 1, "records lie at any address");
+constexpr std::size_t kFirstRoom = 512;
+/* Further blocks double in size within these limits; one value may need more. */
+constexpr std::size_t kLeastBlock = 4096;
+constexpr std::size_t kMostBlock = 1048576;
+
+/* Some of a building box's bytes, in the order of the puts. */
+struct block {
+    block *next;
+    std::size_t used;
+    std::size_t capacity;
+    unsigned char *bytes() { return reinterpret_cast<unsigned char *>(this + 1); }
+};
+} // namespace
+
+struct tlv_box {
+    key_list records;      /* type -> where the record's bytes are */
+    unsigned char *buffer; /* null while building */
+    std::int32_t size;
+    block *tail;
+    block head; /* its bytes follow */
+};
+
+namespace
+{
+tlv_box *make_box(std::size_t i_u64Room)
+{
+    auto *pBox = static_cast<tlv_box *>(std::malloc(sizeof(tlv_box) + i_u64Room));
+    if (pBox == nullptr) {
+        return nullptr;
+    }
+    key_list_init(&pBox->records, nullptr);
+    pBox->buffer = nullptr;
+    pBox->size = 0;
+    pBox->tail = &pBox->head;
+    pBox->head = block{nullptr, 0, i_u64Room};
+    return pBox;
+}
+
+/* A new last block with at least i_u64Size bytes; null when memory is exhausted. Rare, and kept out
+ * of the puts so that they need no registers saved for it. */
+[[gnu::noinline]] block *add_block(tlv_box *i_pBox, std::size_t i_u64Size)
+{
+    const std::size_t u64Doubled = 2 * i_pBox->tail->capacity;
+    const std::size_t u64Capacity =
+        std::max(std::clamp(u64Doubled, kLeastBlock, kMostBlock), i_u64Size);
+    auto *pBlock = static_cast<block *>(std::malloc(sizeof(block) + u64Capacity));
+    if (pBlock != nullptr) {
+        *pBlock = block{nullptr, 0, u64Capacity};
+        i_pBox->tail->next = pBlock;
+        i_pBox->tail = pBlock;
+    }
+    return pBlock;
+}
+
+inline int put_value(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pValue,
+                     std::size_t i_u64Length)
+{
+    if (i_pBox == nullptr || i_pBox->buffer != nullptr || i_pValue == nullptr ||
+        i_u64Length > INT_MAX ||
+        static_cast<std::size_t>(i_pBox->size) + kHeaderSize + i_u64Length > INT_MAX) {
+        return -1;
+    }
+    const std::size_t u64Size = kHeaderSize + i_u64Length;
+    block *pBlock = i_pBox->tail;
+    if (u64Size > pBlock->capacity - pBlock->used) {
+        const bool bPresent = key_list_find_key(&i_pBox->records, i_u32Type) == 1;
+        pBlock = bPresent ? nullptr : add_block(i_pBox, u64Size);
+        if (pBlock == nullptr) {
+            return -1;
+        }
+    }
+    unsigned char *pRecord = pBlock->bytes() + pBlock->used;
+    if (key_list_append(&i_pBox->records, i_u32Type, pRecord) != 0) {
+        return -1;
+    }
+    const std::uint32_t u32Header[2] = {i_u32Type, static_cast<std::uint32_t>(i_u64Length)};
+    std::memcpy(pRecord, u32Header, kHeaderSize);
+    std::memcpy(pRecord + kHeaderSize, i_pValue, i_u64Length);
+    pBlock->used += u64Size;
+    i_pBox->size += static_cast<std::int32_t>(u64Size);
+    return 0;
+}
+
+inline const tlv *find_record(const tlv_box *i_pBox, std::uint32_t i_u32Type)
+{
+    void *const *pPlace = i_pBox != nullptr ? key_list_place(&i_pBox->records, i_u32Type) : nullptr;
+    return pPlace != nullptr ? static_cast<const tlv *>(*pPlace) : nullptr;
+}
+
+template <typename T> int get_number(const tlv_box *i_pBox, std::uint32_t i_u32Type, T *o_pValue)
+{
+    const tlv *pNode = find_record(i_pBox, i_u32Type);
+    if (pNode == nullptr || o_pValue == nullptr) {
+        return -1;
+    }
+    unsigned char u8Bytes[sizeof(T)] = {};
+    if (tlv_get_length(pNode) >= sizeof(T)) {
+        std::memcpy(u8Bytes, tlv_get_value(pNode), sizeof(T));
+    } else {
+        std::memcpy(u8Bytes, tlv_get_value(pNode), tlv_get_length(pNode));
+    }
+    std::memcpy(o_pValue, u8Bytes, sizeof(T));
+    return 0;
+}
+} // namespace
+
+std::uint32_t tlv_get_type(const tlv *i_pRecord)
+{
+    std::uint32_t u32Type = 0;
+    std::memcpy(&u32Type, i_pRecord->bytes, sizeof(u32Type));
+    return u32Type;
+}
+
+std::uint32_t tlv_get_length(const tlv *i_pRecord)
+{
+    std::uint32_t u32Length = 0;
+    std::memcpy(&u32Length, i_pRecord->bytes + 4, sizeof(u32Length));
+    return u32Length;
+}
+
+const unsigned char *tlv_get_value(const tlv *i_pRecord)
+{
+    return reinterpret_cast<const unsigned char *>(i_pRecord) + kHeaderSize;
+}
+
+tlv_box *tlv_box_create()
+{
+    return make_box(kFirstRoom);
+}
+
+tlv_box *tlv_box_parse(const void *i_pBuffer, int i_s32Size)
+{
+    const std::size_t u64Size = i_s32Size > 0 ? static_cast<std::size_t>(i_s32Size) : 0;
+    if (i_pBuffer == nullptr && u64Size > 0) {
+        return nullptr;
+    }
+    tlv_box *pBox = make_box(u64Size);
+    if (pBox == nullptr) {
+        return nullptr;
+    }
+    pBox->buffer = pBox->head.bytes();
+    pBox->size = static_cast<std::int32_t>(u64Size);
+    if (u64Size > 0) {
+        std::memcpy(pBox->buffer, i_pBuffer, u64Size);
+    }
+
+    unsigned char *pNext = pBox->buffer;
+    std::size_t u64Left = u64Size;
+    while (u64Left >= kHeaderSize) {
+        std::uint32_t u32Header[2];
+        std::memcpy(u32Header, pNext, kHeaderSize);
+        if (u32Header[1] > u64Left - kHeaderSize) {
+            break;
+        }
+        key_list_append(&pBox->records, u32Header[0], pNext);
+        pNext += kHeaderSize + u32Header[1];
+        u64Left -= kHeaderSize + u32Header[1];
+    }
+    return pBox;
+}
+
+int tlv_box_destroy(tlv_box *i_pBox)
+{
+    if (i_pBox == nullptr) {
+        return -1;
+    }
+    key_list_clear(&i_pBox->records);
+    if (i_pBox->buffer != i_pBox->head.bytes()) {
+        std::free(i_pBox->buffer);
+    }
+    for (block *pBlock = i_pBox->head.next; pBlock != nullptr;) {
+        block *pNext = pBlock->next;
+        std::free(pBlock);
+        pBlock = pNext;
+    }
+    std::free(i_pBox);
+    return 0;
+}
+
+const unsigned char *tlv_box_get_buffer(const tlv_box *i_pBox)
+{
+    return i_pBox != nullptr ? i_pBox->buffer : nullptr;
+}
+
+int tlv_box_get_size(const tlv_box *i_pBox)
+{
+    return i_pBox != nullptr ? i_pBox->size : -1;
+}
+
+int tlv_box_put_char(tlv_box *i_pBox, std::uint32_t i_u32Type, char i_s8Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s8Value, sizeof(i_s8Value));
+}
+
+int tlv_box_put_short(tlv_box *i_pBox, std::uint32_t i_u32Type, short i_s16Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s16Value, sizeof(i_s16Value));
+}
+
+int tlv_box_put_int(tlv_box *i_pBox, std::uint32_t i_u32Type, int i_s32Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s32Value, sizeof(i_s32Value));
+}
+
+int tlv_box_put_long(tlv_box *i_pBox, std::uint32_t i_u32Type, long i_s64Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s64Value, sizeof(i_s64Value));
+}
+
+int tlv_box_put_longlong(tlv_box *i_pBox, std::uint32_t i_u32Type, long long i_s64Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s64Value, sizeof(i_s64Value));
+}
+
+int tlv_box_put_float(tlv_box *i_pBox, std::uint32_t i_u32Type, float i_f32Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_f32Value, sizeof(i_f32Value));
+}
+
+int tlv_box_put_double(tlv_box *i_pBox, std::uint32_t i_u32Type, double i_f64Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_f64Value, sizeof(i_f64Value));
+}
+
+int tlv_box_put_string(tlv_box *i_pBox, std::uint32_t i_u32Type, const char *i_pText)
+{
+    return i_pText != nullptr ? put_value(i_pBox, i_u32Type, i_pText, std::strlen(i_pText) + 1)
+                              : -1;
+}
+
+int tlv_box_put_bytes(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pBytes,
+                      int i_s32Length)
+{
+    return i_s32Length >= 0
+               ? put_value(i_pBox, i_u32Type, i_pBytes, static_cast<std::size_t>(i_s32Length))
+               : -1;
+}
+
+int tlv_box_put_object(tlv_box *i_pBox, std::uint32_t i_u32Type, const tlv_box *i_pNested)
+{
+    return tlv_box_put_bytes(i_pBox, i_u32Type, tlv_box_get_buffer(i_pNested),
+                             tlv_box_get_size(i_pNested));
+}
+
+int tlv_box_serialize(tlv_box *i_pBox)
+{
+    if (i_pBox == nullptr || i_pBox->buffer != nullptr) {
+        return -1;
+    }
+    if (i_pBox->head.next == nullptr) {
+        i_pBox->buffer = i_pBox->head.bytes();
+        return 0;
+    }
+    auto *pBuffer =
+        static_cast<unsigned char *>(std::malloc(static_cast<std::size_t>(i_pBox->size)));
+    if (pBuffer == nullptr) {
+        return -1;
+    }
+    unsigned char *pNext = pBuffer;
+    for (block *pBlock = &i_pBox->head; pBlock != nullptr; pBlock = pBlock->next) {
+        std::memcpy(pNext, pBlock->bytes(), pBlock->used);
+        pNext += pBlock->used;
+    }
+    i_pBox->buffer = pBuffer;
+    return 0;
+}
+
+const tlv *tlv_box_get_node(const tlv_box *i_pBox, std::uint32_t i_u32Type)
+{
+    return find_record(i_pBox, i_u32Type);
+}
+
+const tlv *tlv_box_get_mask_node(const tlv_box *i_pBox, std::uint32_t i_u32Type,
+                                 std::uint32_t i_u32Mask)
+{
+    void *pNode = nullptr;
+    if (i_pBox == nullptr ||
+        key_list_mask_get(&i_pBox->records, i_u32Type, i_u32Mask, &pNode) != 0) {
+        return nullptr;
+    }
+    return static_cast<const tlv *>(pNode);
+}
+
+int tlv_box_get_char(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pValue)
+{
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_short(const tlv_box *i_pBox, std::uint32_t i_u32Type, short *o_pValue)
+{
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_int(const tlv_box *i_pBox, std::uint32_t i_u32Type, int *o_pValue)
+{
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_long(const tlv_box *i_pBox, std::uint32_t i_u32Type, long *o_pValue)
+{
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_longlong(const tlv_box *i_pBox, std::uint32_t i_u32Type, long long *o_pValue)
+{
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_float(const tlv_box *i_pBox, std::uint32_t i_u32Type, float *o_pValue)
+{
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_double(const tlv_box *i_pBox, std::uint32_t i_u32Type, double *o_pValue)
+{
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_string(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pBuffer,
+                       int *io_pLength)
+{
+    return tlv_box_get_bytes(i_pBox, i_u32Type, o_pBuffer, io_pLength);
+}
+
+int tlv_box_get_bytes(const tlv_box *i_pBox, std::uint32_t i_u32Type, void *o_pBuffer,
+                      int *io_pLength)
+{
+    const tlv *pNode = find_record(i_pBox, i_u32Type);
+    if (pNode == nullptr || o_pBuffer == nullptr || io_pLength == nullptr || *io_pLength < 0 ||
+        static_cast<std::uint32_t>(*io_pLength) < tlv_get_length(pNode)) {
+        return -1;
+    }
+    std::memset(o_pBuffer, 0, static_cast<std::size_t>(*io_pLength));
+    std::memcpy(o_pBuffer, tlv_get_value(pNode), tlv_get_length(pNode));
+    *io_pLength = static_cast<int>(tlv_get_length(pNode));
+    return 0;
+}
+
+int tlv_box_get_bytes_ptr(const tlv_box *i_pBox, std::uint32_t i_u32Type,
+                          const unsigned char **o_pBytes, int *o_pLength)
+{
+    const tlv *pNode = find_record(i_pBox, i_u32Type);
+    if (pNode == nullptr || o_pBytes == nullptr || o_pLength == nullptr) {
+        return -1;
+    }
+    *o_pBytes = tlv_get_value(pNode);
+    *o_pLength = static_cast<int>(tlv_get_length(pNode));
+    return 0;
+}
+
+int tlv_box_get_object(const tlv_box *i_pBox, std::uint32_t i_u32Type, tlv_box **o_pNested)
+{
+    const tlv *pNode = find_record(i_pBox, i_u32Type);
+    if (pNode == nullptr || o_pNested == nullptr) {
+        return -1;
+    }
+    tlv_box *pNested = tlv_box_parse(tlv_get_value(pNode), static_cast<int>(tlv_get_length(pNode)));
+    if (pNested == nullptr) {
+        return -1;
+    }
+    *o_pNested = pNested;
+    return 0;
+}
+
+int tlv_packet(std::uint32_t i_u32OuterType, std::uint32_t i_u32InnerType, const void *i_pData,
+               int i_s32Length, tlv_send i_pSend)
+{
+    tlv_box *pInner = tlv_box_create();
+    tlv_box *pOuter = tlv_box_create();
+    int s32Result = -1;
+    if (tlv_box_put_bytes(pInner, i_u32InnerType, i_pData, i_s32Length) == 0 &&
+        tlv_box_serialize(pInner) == 0 && tlv_box_put_object(pOuter, i_u32OuterType, pInner) == 0 &&
+        tlv_box_serialize(pOuter) == 0) {
+        if (i_pSend != nullptr) {
+            i_pSend(tlv_box_get_buffer(pOuter), tlv_box_get_size(pOuter));
+        }
+        s32Result = 0;
+    }
+    tlv_box_destroy(pInner);
+    tlv_box_destroy(pOuter);
+    return s32Result;
+}
