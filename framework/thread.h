@@ -68,7 +68,7 @@ private:
     std::atomic<Bool> m_bStopRequested;
     Bool m_bJoined;
     std::atomic<pthread_t> m_stThreadID;
-    UInt64 m_u64Reserved;
+    [[maybe_unused]] UInt64 m_u64Reserved; /* part of the record's layout, always 0 */
     SInt32 m_s32Policy;
     SInt32 m_s32Priority;
 

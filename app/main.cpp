@@ -1,0 +1,243 @@
+/*
+ * Process start-up, signals and orderly shutdown.
+ *
+ * main makes the process the one running instance, starts the modules in a fixed order, sleeps
+ * until a signal clears the run flag, and stops everything in a fixed order. Only the main thread
+ * starts and stops; the signal handler clears the flag and prints.
+ */
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <log4cpp/Category.hh>
+#include <log4cpp/OstreamAppender.hh>
+#include <log4cpp/PatternLayout.hh>
+#include <log4cpp/PropertyConfigurator.hh>
+
+#include "app/stream_cmd.h"
+#include "common/capture.h"
+#include "common/config.h"
+#include "common/encoder.h"
+#include "common/eventmonitor.h"
+#include "common/gstobj.h"
+#include "common/log.h"
+#include "common/monitor.h"
+#include "common/param.h"
+#include "common/timer.h"
+#include "framework/assertion.h"
+#include "framework/ev.h"
+#include "framework/idletask.h"
+#include "framework/socket.h"
+#include "framework/task.h"
+#include "framework/thread.h"
+#include "framework/timeouttask.h"
+#include "framework/watchdog.h"
+
+namespace
+{
+constexpr char kPidFile[] = "/var/run/mv3300.pid";
+constexpr char kLogConf[] = "/config/logconf/mvx3300.conf";
+constexpr char kPreviewDir[] = "/tmp/image";
+constexpr unsigned int kThreadStackSize = 0x80000;
+constexpr unsigned int kTaskThreads = 2;
+constexpr long kTimeoutIntervalMs = 100;
+constexpr char kControlAddress[] = "127.0.0.1";
+constexpr UInt16 kControlPort = 8366;
+
+/* Cleared by the signal handler on whatever thread it runs. */
+std::atomic<bool> g_bRunFlag{true};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+void help(const char *i_pProgram)
+{
+    printf("%s [options]\n", i_pProgram);
+    printf("    -h --help           show this help\n");
+    printf("    -D --daemonize      Daemonize after startup\n");
+    fflush(stdout);
+}
+
+int HandleInputParam(int argc, char **argv)
+{
+    static const struct option stOptions[] = {{"help", no_argument, nullptr, 'h'},
+                                              {"daemonize", no_argument, nullptr, 'D'},
+                                              {"force", no_argument, nullptr, 'f'},
+                                              {nullptr, 0, nullptr, 0}};
+    for (;;) {
+        switch (getopt_long(argc, argv, "hDf", stOptions, nullptr)) {
+        case -1:
+            return 1;
+        case 'h':
+            help(argv[0]);
+            break;
+        case 'D':
+            if (daemon(0, 0) != 0) {
+                LOG_ERROR("daemon failed: %s", strerror(errno));
+            }
+            CreateWatchdog(argv[0]);
+            break;
+        case 'f':
+            break;
+        default:
+            /* Kept: the daemon starts all the same, with the options read so far. */
+            help(argv[0]);
+            return 1;
+        }
+    }
+}
+
+/* write(2), not printf: only async-signal-safe calls are allowed here (signal-safety(7)). */
+template <std::size_t Size> void PrintFromHandler(const char (&i_szText)[Size])
+{
+    [[maybe_unused]] ssize_t s64Written = write(STDOUT_FILENO, i_szText, Size - 1);
+}
+
+void HandleSig(int i_s32Sig)
+{
+    const int s32SavedErrno = errno;
+    switch (i_s32Sig) {
+    case SIGINT:
+    case SIGTERM:
+        g_bRunFlag = false;
+        PrintFromHandler("\033[0;31mprogram will exit now!\033[0;39m");
+        break;
+    case SIGUSR1:
+        /* Kept for a later version: the handler is not installed for this signal yet. */
+        PrintFromHandler("\033[0;31mstream will switch now!\033[0;39m");
+        break;
+    default:
+        assert(FALSE);
+    }
+    errno = s32SavedErrno;
+}
+
+/* Until the log configuration is read, and for good where it cannot be, lines go to the standard
+ * error stream, so that a failure this early is seen. */
+void LogToStandardError()
+{
+    auto *pLayout = new log4cpp::PatternLayout;
+    pLayout->setConversionPattern("%d %p %m%n");
+    auto *pAppender = new log4cpp::OstreamAppender("stderr", &std::cerr);
+    pAppender->setLayout(pLayout);
+    log4cpp::Category::getRoot().setAppender(pAppender);
+}
+
+void ConfigureLog()
+{
+    try {
+        log4cpp::PropertyConfigurator::configure(kLogConf);
+    } catch (const log4cpp::ConfigureFailure &objFailure) {
+        LogToStandardError();
+        LOG_ERROR("log configuration %s failed: %s", kLogConf, objFailure.what());
+    }
+}
+
+/* Opens and locks the pid file. Returns the descriptor, which stays open for the life of the
+ * process, or -1 when this process is not to start. */
+int LockPidFile()
+{
+    /* Kept: a second instance truncates the first one's file before it finds the lock taken. */
+    int s32Fd = open(kPidFile, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0770);
+    if (s32Fd < 0) {
+        LOG_ERROR("open pid file failed: %s", strerror(errno));
+        return -1;
+    }
+    if (flock(s32Fd, LOCK_EX | LOCK_NB) != 0) {
+        printf("process allready started");
+        close(s32Fd);
+        return -1;
+    }
+    return s32Fd;
+}
+
+void WritePid(int i_s32Fd, const char *i_pPid)
+{
+    const std::size_t u64Length = strlen(i_pPid);
+    errno = 0;
+    if (write(i_s32Fd, i_pPid, u64Length) != static_cast<ssize_t>(u64Length)) {
+        LOG_ERROR("write pid file failed: %s", strerror(errno));
+    }
+}
+
+void InitializeFramework()
+{
+    CThread::Initialize(kThreadStackSize);
+    CTaskThreadPool::AddThreads(kTaskThreads);
+    CTimeoutTask::Initialize(kTimeoutIntervalMs);
+    select_startevents();
+    CSocket::Initialize();
+    CSocket::StartThread();
+    CIdleTask::Initialize();
+    CGstObj::Initialize();
+}
+
+void StartModules()
+{
+    g_objConfig.Start();
+    g_objTimer.Start();
+    g_objCapture.Start();
+    g_objEncoder.Start();
+    g_objMonitor.Start();
+}
+
+void StopModules()
+{
+    /* A file lock that another process holds must not hold up the stop. */
+    RQ_XMLParser::AbandonLockWait();
+    LOG_INFO("encoder stop run");
+    g_objMonitor.StopAndWaitForThread();
+    LOG_INFO("g_objMonitor stop run");
+    g_objCapture.StopAndWaitForThread();
+    LOG_INFO("g_objCapture stop run");
+    g_objTimer.StopAndWaitForThread();
+    LOG_INFO("g_objTimer stop run");
+    g_objEncoder.StopAndWaitForThread();
+    LOG_INFO("g_objEncoder stop run");
+    g_objConfig.StopAndWaitForThread();
+    LOG_INFO("g_objConfig stop run");
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    LogToStandardError();
+    HandleInputParam(argc, argv);
+
+    int s32PidFd = LockPidFile();
+    if (s32PidFd < 0) {
+        return 1;
+    }
+    char szPid[16] = "";
+    snprintf(szPid, sizeof(szPid), "%d", getpid());
+    ConfigureLog();
+    WritePid(s32PidFd, szPid);
+    signal(SIGINT, HandleSig);
+    signal(SIGTERM, HandleSig);
+    mkdir(kPreviewDir, 0777);
+
+    InitializeFramework();
+    StartModules();
+    /* Owned by the task pool, which deletes it when it answers the kill. */
+    CTask *pControlTask = new CEventMonitorTask(EventCallBack, kControlAddress, kControlPort);
+    pControlTask->Signal(CTask::kStartEvent);
+
+    LOG_THREAD_INFO("main");
+    while (g_bRunFlag) {
+        CThread::Sleep(1000);
+    }
+
+    StopModules();
+    pControlTask->Signal(CTask::kKillEvent);
+    CTaskThreadPool::RemoveThreads();
+    CGstObj::Deinitialize();
+    log4cpp::Category::shutdown();
+    return 0;
+}

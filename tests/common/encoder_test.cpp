@@ -1,0 +1,316 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "common/encoder.h"
+#include "common/pipeline_desc.h"
+#include "tests/support/fake_router.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/moved_time.h"
+
+namespace
+{
+constexpr UInt32 kSame = 0xFFFFFFFF;
+
+STREAM_STATUS_S Status(UInt32 i_u32H264, UInt32 i_u32Preview)
+{
+    return {2, i_u32H264, 60, "vbr", 1000000, i_u32Preview, 720, 1};
+}
+
+TEST(PipelineDescTest, ReceiversByFlagsAndList)
+{
+    const struct {
+        UInt32 u32H264;
+        UInt32 u32Preview;
+        const char *pAddrList;
+        const char *pClients;
+    } stCases[] = {
+        {1, 1, "", "234.29.78.95:59202,127.0.0.1:12350"},
+        {1, 1, "10.0.0.1:5000,h:1", "10.0.0.1:5000,h:1,127.0.0.1:12350"},
+        {0, 1, "10.0.0.1:5000", "127.0.0.1:12350"},
+        {1, 0, "", "234.29.78.95:59202"},
+        {1, 0, "10.0.0.1:5000", "10.0.0.1:5000"},
+        {0, 0, "10.0.0.1:5000", ""},
+    };
+    for (const auto &stCase : stCases) {
+        EXPECT_EQ(BuildClients(Status(stCase.u32H264, stCase.u32Preview), stCase.pAddrList,
+                               "234.29.78.95"),
+                  stCase.pClients);
+    }
+    EXPECT_EQ(BuildClients(Status(1, 1), std::string(800, 'a'), "").size(), 767U);
+}
+
+TEST(PipelineDescTest, PreviewWidthFollowsTheAspectAndSurvivesAnyTiming)
+{
+    const struct {
+        INPUT_TIMING_S stTiming;
+        UInt32 u32Height;
+        SInt32 s32Width;
+    } stCases[] = {{{1920, 1080, 60, 0}, 720, 1280},
+                   {{1366, 768, 60, 0}, 270, 480},
+                   {{720, 0, 50, 0}, 720, 0},
+                   {{-1920, 1080, 60, 0}, 720, -1280},
+                   {{INT32_MIN, -1, 1, 0}, 1, INT32_MIN}};
+    for (const auto &stCase : stCases) {
+        EXPECT_EQ(PreviewWidth(stCase.stTiming, stCase.u32Height), stCase.s32Width);
+    }
+}
+
+TEST(PipelineDescTest, WholeTexts)
+{
+    const INPUT_TIMING_S stTiming = {1920, 1080, 60, 0};
+    EXPECT_EQ(BuildH264Cmd(stTiming, Status(1, 1), "10.0.0.1:5000"),
+              "v4l2src device=/dev/video0 ! video/x-raw, format=(string)UYVY, width=1920, "
+              "height=1080, framerate=60/1 ! videoconvert ! vpuenc_h264 bitrate=1000 gop-size=60 "
+              "! rtph264pay mtu=1024 ! queue ! multiudpsink clients=\"10.0.0.1:5000\" "
+              "buffer-size=1000000");
+    EXPECT_EQ(BuildJpegCmd(stTiming, Status(1, 1)),
+              "udpsrc uri=udp://127.0.0.1:12345 caps=\"application/x-rtp\" ! rtph264depay ! "
+              "capsfilter caps=\"video/x-h264\" ! h264parse ! avdec_h264 ! queue ! videoconvert ! "
+              "videoscale ! video/x-raw,width=1280,height=720 ! jpegenc ! multifilesink "
+              "max-files=5 location=/tmp/image/image-%d.jpeg");
+    EXPECT_EQ(BuildPlainCmd("10.0.0.1:5000"),
+              "v4l2src ! video/x-raw ! videoconvert ! vpuenc_h264 ! rtph264pay ! multiudpsink "
+              "clients=\"10.0.0.1:5000\"");
+}
+
+/* The module's handlers with real workers and a configuration of the test's own. The test's thread
+ * stands for the encoder's; pauses are a hundredth of the real ones. */
+class EncoderTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        CGstObj::Initialize();
+        moved_time::DivideSleeps(100);
+        fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *o_pResult) {
+            if (i_stMsg.msgno == MSG_GET_ADDR_LIST) {
+                memcpy(o_pResult, m_strAddrList.c_str(), m_strAddrList.size() + 1);
+            } else if (i_stMsg.msgno == MSG_GET_STREAM_STATUS && m_bAnswers) {
+                memcpy(o_pResult, &m_stConfigured, sizeof(m_stConfigured));
+            }
+            return m_bAnswers ? 1 : 0;
+        });
+    }
+
+    template <typename Record> int Send(UInt32 i_u32MsgNo, const Record &i_stRecord)
+    {
+        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, 0, MODULE_ENCODER, i_u32MsgNo);
+        memcpy(stMsg.payload, &i_stRecord, sizeof(i_stRecord));
+        return m_objEncoder.HandleMsg(&stMsg, nullptr);
+    }
+    int Timing(SInt32 i_s32Width, SInt32 i_s32Height, SInt32 i_s32Fps, SInt32 i_s32Interlaced = 0)
+    {
+        return Send(MSG_ENC_VIDEO_CHG,
+                    INPUT_TIMING_S{i_s32Width, i_s32Height, i_s32Fps, i_s32Interlaced});
+    }
+    void Report(SInt64 i_s64Time, UInt32 i_u32Count)
+    {
+        EXPECT_EQ(Send(MSG_ENC_JPEG_FILE_STATUS, JPEG_FILE_STATUS_S{i_s64Time, i_u32Count, 0}), 1);
+    }
+
+    CLogCapture m_objLog;
+    std::string m_strAddrList = "127.0.0.1:9";
+    STREAM_STATUS_S m_stConfigured = Status(1, 1);
+    bool m_bAnswers = true;
+    CEncoder m_objEncoder;
+};
+
+TEST_F(EncoderTest, NullAndUnknownMessages)
+{
+    EXPECT_EQ(m_objEncoder.HandleMsg(nullptr, nullptr), 0);
+    EXPECT_EQ(Send(0x7FF, 0), 1);
+    EXPECT_EQ(Send(MSG_DEINIT, 0), 1);
+    EXPECT_EQ(Send(MSG_REINIT, 0), 1);
+    EXPECT_TRUE(m_objLog.Lines().empty());
+}
+
+TEST_F(EncoderTest, PlainStartNeedsAnAddressList)
+{
+    m_strAddrList.clear();
+    EXPECT_EQ(Send(MSG_ENC_INIT, 0), 1);
+    EXPECT_TRUE(m_objLog.Has("INFO ENC addr list is null --["));
+    EXPECT_EQ(Send(MSG_ENC_DEINIT, 0), 0);
+    EXPECT_TRUE(m_objLog.Has("INFO enc deinit msg --["));
+    m_strAddrList = "127.0.0.1:9";
+    EXPECT_EQ(Send(MSG_ENC_INIT, 0), 1);
+    EXPECT_TRUE(m_objLog.WaitFor("INFO gst cmd [v4l2src ! video/x-raw ! "));
+}
+
+TEST_F(EncoderTest, ATimingBeforeTheFirstMessageMakesTheWorkers)
+{
+    EXPECT_EQ(Timing(1920, 1080, 60), 1);
+    EXPECT_EQ(m_objLog.Count("start gst enc thread --["), 1);
+    EXPECT_TRUE(m_objLog.Has("INFO gstreamer start ok --["));
+    EXPECT_EQ(Send(MSG_INIT, 0), 1);
+    EXPECT_EQ(m_objLog.Count("start gst enc thread --["), 1);
+}
+
+TEST_F(EncoderTest, BothOffStillStartsAnIdlePreview)
+{
+    m_stConfigured = Status(0, 0);
+    EXPECT_EQ(Timing(1920, 1080, 60), 1);
+    EXPECT_TRUE(m_objLog.Has("INFO cmd jpeg [udpsrc uri=udp://127.0.0.1:12345"));
+    EXPECT_TRUE(m_objLog.Has("INFO h264 and preview not enable --["));
+    EXPECT_FALSE(m_objLog.Has("addr list:"));
+}
+
+TEST_F(EncoderTest, AConfigurationThatDoesNotAnswerKeepsTheLastSettings)
+{
+    EXPECT_EQ(Send(MSG_INIT, 0), 1);
+    m_bAnswers = false;
+    EXPECT_EQ(Timing(1920, 1080, 60), 1);
+    EXPECT_TRUE(m_objLog.Has("bitrate=1000 gop-size=60"));
+}
+
+struct SWITCH_CASE_S {
+    const char *pName;
+    STREAM_STATUS_S stRequest;
+    int s32Switch;
+    const char *pClients; /* null: no H.264 start */
+    const char *pInH264;
+    const char *pInJpeg; /* null: no preview start */
+};
+
+void PrintTo(const SWITCH_CASE_S &i_stCase, std::ostream *o_pStream)
+{
+    *o_pStream << i_stCase.pName;
+}
+
+class SwitchTest : public EncoderTest, public testing::WithParamInterface<SWITCH_CASE_S>
+{
+};
+
+TEST_P(SwitchTest, RebuildsBothPipelinesFromWhatChanged)
+{
+    const SWITCH_CASE_S &stCase = GetParam();
+    ASSERT_EQ(Timing(1920, 1080, 60), 1);
+    ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc"));
+    m_objLog.Clear();
+    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS, stCase.stRequest), 1);
+
+    const auto stForwarded = fake_router::Sent(MSG_SET_STREAM_STATUS);
+    ASSERT_EQ(stForwarded.size(), 1U);
+    EXPECT_EQ(stForwarded[0].dst, MODULE_CONFIG);
+    EXPECT_EQ(memcmp(stForwarded[0].payload, &stCase.stRequest, 60), 0);
+    EXPECT_TRUE(m_objLog.Has("INFO switch status:" + std::to_string(stCase.s32Switch) + " --["));
+    EXPECT_EQ(m_objLog.Count("INFO we need stop gstreamer 264 --["), stCase.s32Switch);
+    EXPECT_EQ(m_objLog.Count("INFO we need stop gstreamer jpeg --["), stCase.s32Switch);
+    EXPECT_EQ(m_objLog.Count("INFO gstreamer start 264 ok --["), stCase.pClients ? 1 : 0);
+    if (stCase.pClients != nullptr) {
+        EXPECT_TRUE(m_objLog.Has(std::string("INFO addr list: ") + stCase.pClients + " --["));
+        EXPECT_TRUE(m_objLog.Has(stCase.pInH264));
+    }
+    EXPECT_EQ(m_objLog.Count("INFO cmd jpeg ["), stCase.pInJpeg ? 1 : 0);
+    if (stCase.pInJpeg != nullptr) {
+        EXPECT_TRUE(m_objLog.Has(stCase.pInJpeg));
+    }
+}
+
+constexpr char kBoth[] = "127.0.0.1:9,127.0.0.1:12350";
+constexpr char kHd[] = "width=1280,height=720";
+INSTANTIATE_TEST_SUITE_P(
+    Requests, SwitchTest,
+    testing::Values(
+        SWITCH_CASE_S{"SameValues", Status(1, 1), 0, nullptr, "", nullptr},
+        SWITCH_CASE_S{"NothingGiven",
+                      {2, kSame, kSame, "", kSame, kSame, kSame, kSame},
+                      0,
+                      nullptr,
+                      "",
+                      nullptr},
+        SWITCH_CASE_S{"ModeOnly",
+                      {0, kSame, kSame, "cbr", kSame, kSame, kSame, kSame},
+                      0,
+                      nullptr,
+                      "",
+                      nullptr},
+        SWITCH_CASE_S{"OtherType", {3, 0, 2, "", 200000, 0, 300, 2}, 0, nullptr, "", nullptr},
+        SWITCH_CASE_S{"BitrateAndGop",
+                      {0, kSame, 30, "", 2500000, 0, 300, kSame},
+                      1,
+                      kBoth,
+                      "bitrate=2500 gop-size=30",
+                      kHd},
+        SWITCH_CASE_S{"PreviewHeight",
+                      {1, 0, 2, "", 200000, kSame, 540, kSame},
+                      1,
+                      kBoth,
+                      "bitrate=1000 gop-size=60",
+                      "width=960,height=540"},
+        SWITCH_CASE_S{"H264Off",
+                      {0, 0, kSame, "", kSame, kSame, kSame, kSame},
+                      1,
+                      "127.0.0.1:12350",
+                      "gop-size=60",
+                      kHd},
+        SWITCH_CASE_S{"PreviewOff",
+                      {1, kSame, kSame, "", kSame, 0, kSame, kSame},
+                      1,
+                      "127.0.0.1:9",
+                      "gop-size=60",
+                      nullptr},
+        SWITCH_CASE_S{
+            "BothOff", {2, 0, kSame, "", kSame, 0, kSame, kSame}, 1, nullptr, "", nullptr}),
+    [](const auto &i_stInfo) { return i_stInfo.param.pName; });
+
+TEST_F(EncoderTest, AChangeWithoutTimingIsKeptForTheNextStart)
+{
+    EXPECT_EQ(Send(MSG_INIT, 0), 1);
+    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
+                   STREAM_STATUS_S{0, kSame, 30, "", kSame, kSame, kSame, kSame}),
+              1);
+    EXPECT_TRUE(m_objLog.Has("INFO newnew stream status, h264 enable:1 gop:30 bitrate:1000000, "
+                             "preview enable:1 height:720 refreshrate:1 --["));
+    EXPECT_TRUE(m_objLog.Has("INFO no input timing --["));
+    EXPECT_FALSE(m_objLog.Has("we need stop"));
+}
+
+TEST_F(EncoderTest, AStalledPreviewIsRestartedAtEveryReport)
+{
+    constexpr char kRestart[] = "INFO cmd jpeg [udpsrc uri=udp://127.0.0.1:12345";
+    ASSERT_EQ(Timing(1920, 1080, 60), 1);
+    ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc"));
+    m_objLog.Clear();
+    Report(1000, 0);
+    Report(1009, 0);
+    EXPECT_FALSE(m_objLog.Has("satus"));
+    Report(1010, 0);
+    EXPECT_TRUE(m_objLog.Has("INFO jpeg file last status <time:1000,count:0> current satus "
+                             "<time:1010,count:0> --["));
+    EXPECT_EQ(m_objLog.Count(kRestart), 1);
+    EXPECT_TRUE(m_objLog.Has("] restart --["));
+    ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc", 1));
+    Report(1011, 0);
+    EXPECT_EQ(m_objLog.Count(kRestart), 2);
+    ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc", 2));
+    /* Progress, forwards or backwards, starts the time anew. */
+    Report(1030, 4);
+    Report(1039, 4);
+    Report(1050, 1);
+    Report(1059, 1);
+    EXPECT_EQ(m_objLog.Count(kRestart), 2);
+    /* A wanted preview needs a started H.264 pipeline. */
+    ASSERT_EQ(Timing(0, 0, 0), 1);
+    Report(1100, 1);
+    EXPECT_EQ(m_objLog.Count(kRestart), 2);
+}
+
+TEST_F(EncoderTest, SupervisionSaysWhatIsMissing)
+{
+    m_stConfigured = Status(1, 0);
+    ASSERT_EQ(Timing(1920, 1080, 60), 1);
+    Report(1000, 0);
+    Report(1020, 0);
+    EXPECT_FALSE(m_objLog.Has("satus"));
+    ASSERT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
+                   STREAM_STATUS_S{1, kSame, kSame, "", kSame, kSame, 540, kSame}),
+              1);
+    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
+                   STREAM_STATUS_S{1, kSame, kSame, "", kSame, 1, kSame, kSame}),
+              1);
+    Report(1040, 0);
+    EXPECT_TRUE(m_objLog.Has("] restart --["));
+}
+} // namespace
