@@ -1,0 +1,250 @@
+#include "tests/system/box.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace
+{
+constexpr char kLogFile[] = "/run/mv3300d.log";
+constexpr char kLogConf[] = "/config/logconf/mvx3300.conf";
+constexpr char kSourceControl[] = "/run/mv3300-sim/video0";
+
+std::vector<char *> Pointers(const std::vector<std::string> &i_strArgs)
+{
+    std::vector<char *> pArgs;
+    for (const std::string &strArg : i_strArgs) {
+        pArgs.push_back(const_cast<char *>(strArg.c_str()));
+    }
+    pArgs.push_back(nullptr);
+    return pArgs;
+}
+
+std::size_t EntriesOf(const std::string &i_strDirectory)
+{
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator(i_strDirectory), {}));
+}
+} // namespace
+
+CProgram::CProgram(const std::vector<std::string> &i_strArgs,
+                   const std::vector<std::string> &i_strEnv)
+    : m_s32Pid(-1), m_s32Status(-1), m_bEnded(false)
+{
+    static int s_s32Programs = 0;
+    m_strOutputPath = "/run/program-" + std::to_string(++s_s32Programs) + ".out";
+    std::vector<char *> pArgs = Pointers(i_strArgs);
+    m_s32Pid = fork();
+    if (m_s32Pid == 0) {
+        int s32Fd = open(m_strOutputPath.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
+        dup2(s32Fd, STDOUT_FILENO);
+        dup2(s32Fd, STDERR_FILENO);
+        for (const std::string &strVariable : i_strEnv) {
+            putenv(const_cast<char *>(strVariable.c_str()));
+        }
+        execv(pArgs[0], pArgs.data());
+        _exit(127);
+    }
+}
+
+CProgram::~CProgram()
+{
+    if (Running()) {
+        Signal(SIGTERM);
+        if (Wait(Seconds(45)) == -1) {
+            ADD_FAILURE() << "process " << m_s32Pid << " does not end";
+            Signal(SIGKILL);
+            Wait();
+        }
+    }
+}
+
+void CProgram::Signal(int i_s32Signal) const
+{
+    kill(m_s32Pid, i_s32Signal);
+}
+
+int CProgram::Wait(std::chrono::milliseconds i_objLimit)
+{
+    const auto objEnd = std::chrono::steady_clock::now() + i_objLimit;
+    while (!m_bEnded) {
+        if (waitpid(m_s32Pid, &m_s32Status, WNOHANG) == m_s32Pid) {
+            m_bEnded = true;
+            break;
+        }
+        if (std::chrono::steady_clock::now() > objEnd) {
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return m_s32Status;
+}
+
+bool CProgram::Running()
+{
+    return Wait(std::chrono::milliseconds(0)) == -1 && !m_bEnded;
+}
+
+std::string CProgram::Output() const
+{
+    return ReadFile(m_strOutputPath);
+}
+
+std::string RunToEnd(const std::vector<std::string> &i_strArgs)
+{
+    CProgram objProgram(i_strArgs);
+    EXPECT_EQ(objProgram.Wait(), 0) << i_strArgs[0] << ": " << objProgram.Output();
+    return objProgram.Output();
+}
+
+std::string ReadFile(const std::string &i_strPath)
+{
+    std::ifstream objFile(i_strPath);
+    std::stringstream objText;
+    objText << objFile.rdbuf();
+    return objText.str();
+}
+
+void WriteFile(const std::string &i_strPath, const std::string &i_strText)
+{
+    std::filesystem::create_directories(std::filesystem::path(i_strPath).parent_path());
+    std::ofstream(i_strPath, std::ios::trunc) << i_strText;
+}
+
+namespace
+{
+std::vector<std::string> DaemonCommand(const std::vector<std::string> &i_strArgs)
+{
+    std::vector<std::string> strCommand = {MV3300_DAEMON};
+    strCommand.insert(strCommand.end(), i_strArgs.begin(), i_strArgs.end());
+    return strCommand;
+}
+} // namespace
+
+CDaemon::CDaemon(const std::vector<std::string> &i_strArgs,
+                 const std::vector<std::string> &i_strEnv)
+    : CProgram(DaemonCommand(i_strArgs), i_strEnv)
+{
+}
+
+int CDaemon::Count(const std::string &i_strText) const
+{
+    std::ifstream objFile(kLogFile);
+    int s32Count = 0;
+    for (std::string strLine; std::getline(objFile, strLine);) {
+        s32Count += strLine.find(i_strText) != std::string::npos;
+    }
+    return s32Count;
+}
+
+bool CDaemon::WaitFor(const std::string &i_strText, int i_s32Count,
+                      std::chrono::milliseconds i_objLimit) const
+{
+    const auto objEnd = std::chrono::steady_clock::now() + i_objLimit;
+    while (Count(i_strText) < i_s32Count) {
+        if (std::chrono::steady_clock::now() > objEnd) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+bool CDaemon::WaitUntilUp() const
+{
+    return WaitFor("uevent device_fd = ") && WaitFor("start gst enc jpeg thread") &&
+           WaitFor("start loop of monitor");
+}
+
+std::size_t CDaemon::Descriptors() const
+{
+    return EntriesOf("/proc/" + std::to_string(Pid()) + "/fd");
+}
+
+std::size_t CDaemon::Threads() const
+{
+    return EntriesOf("/proc/" + std::to_string(Pid()) + "/task");
+}
+
+void SendTiming(const std::string &i_strTiming)
+{
+    RunToEnd({MV3300_SIM_UEVENT, i_strTiming});
+}
+
+RECEIVED_S Receive(const std::string &i_strAddress, int i_s32Port, int i_s32Seconds)
+{
+    CProgram objReceiver({MV3300_SIM_RECEIVE, "--group", i_strAddress, "--port",
+                          std::to_string(i_s32Port), "--seconds", std::to_string(i_s32Seconds),
+                          "--json"});
+    objReceiver.Wait();
+    RECEIVED_S stReceived;
+    const std::string strOutput = objReceiver.Output();
+    const std::size_t u64Begin = strOutput.find('{');
+    const auto objJson = nlohmann::json::parse(
+        u64Begin == std::string::npos ? "" : strOutput.substr(u64Begin), nullptr, false);
+    if (objJson.is_discarded()) {
+        ADD_FAILURE() << "the receiver printed: " << strOutput;
+        return stReceived;
+    }
+    stReceived.s32Pictures = objJson.value("pictures", 0);
+    stReceived.s32Width = objJson.value("width", 0);
+    stReceived.s32Height = objJson.value("height", 0);
+    stReceived.f64Rate = objJson.value("rate", 0.0);
+    stReceived.s64Packets = objJson.value("packets", 0L);
+    stReceived.s64Gaps = objJson.value("lost", 0L);
+    stReceived.f64Kbits = objJson.value("kbit_per_s", 0.0);
+    return stReceived;
+}
+
+void WriteParams(const std::vector<std::pair<std::string, std::string>> &i_strParams)
+{
+    std::string strText = "<CONFIGURATION><CHANNEL_1>";
+    for (const auto &[strName, strValue] : i_strParams) {
+        strText += "<PARAM NAME=\"" + strName + "\" TYPE=\"string\">" + strValue + "</PARAM>";
+    }
+    WriteFile(kParamFile, strText + "</CHANNEL_1></CONFIGURATION>");
+}
+
+void SetSource(const std::string &i_strWord)
+{
+    WriteFile(kSourceControl, i_strWord + "\n");
+}
+
+/* Outside the box the program runs itself again inside one; the list of cases needs none. */
+int main(int argc, char **argv)
+{
+    const bool bList = std::any_of(argv + 1, argv + argc, [](const char *pArg) {
+        return std::string(pArg).find("--gtest_list_tests") == 0;
+    });
+    if (!bList && getenv("MV3300_BOX") == nullptr) {
+        std::vector<std::string> strArgs = {MV3300_BOX_SCRIPT, "--build", MV3300_BUILD_DIR};
+        strArgs.insert(strArgs.end(), argv, argv + argc);
+        strArgs[3] = std::filesystem::absolute(argv[0]);
+        execv(MV3300_BOX_SCRIPT, Pointers(strArgs).data());
+        std::cerr << "cannot run " << MV3300_BOX_SCRIPT << "\n";
+        return 1;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    if (!bList) {
+        WriteFile(kLogConf, std::string("log4cpp.rootCategory=DEBUG, file\n"
+                                        "log4cpp.appender.file=FileAppender\n"
+                                        "log4cpp.appender.file.fileName=") +
+                                kLogFile +
+                                "\nlog4cpp.appender.file.layout=PatternLayout\n"
+                                "log4cpp.appender.file.layout.ConversionPattern=%d %p %m%n\n");
+    }
+    return RUN_ALL_TESTS();
+}

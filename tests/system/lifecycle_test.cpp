@@ -1,0 +1,132 @@
+/* Start-up, options, signals and shutdown of the real process. */
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/system/box.h"
+
+namespace
+{
+const char *const kStopLines[] = {"encoder stop run --[",      "g_objMonitor stop run --[",
+                                  "g_objCapture stop run --[", "g_objTimer stop run --[",
+                                  "g_objEncoder stop run --[", "g_objConfig stop run --["};
+
+class LifecycleTest : public testing::TestWithParam<int>
+{
+};
+
+TEST_P(LifecycleTest, RunsAsOneInstanceAndStopsInOrder)
+{
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp()) << objDaemon.Output();
+    EXPECT_EQ(ReadFile(kPidFile), std::to_string(objDaemon.Pid()));
+    for (const char *pName :
+         {"config", "timer", "capture", "encoder", "monitor", "main", "gst-h264", "gst-jpeg"}) {
+        EXPECT_TRUE(objDaemon.WaitFor(std::string("INFO thread info [") + pName + ":")) << pName;
+    }
+    EXPECT_TRUE(std::filesystem::is_directory("/tmp/image"));
+
+    objDaemon.Signal(GetParam());
+    EXPECT_EQ(objDaemon.Wait(Seconds(20)), 0);
+    EXPECT_NE(objDaemon.Output().find("\033[0;31mprogram will exit now!\033[0;39m"),
+              std::string::npos);
+    const std::string strLog = ReadFile("/run/mv3300d.log");
+    std::size_t u64At = 0;
+    for (const char *pLine : kStopLines) {
+        u64At = strLog.find(pLine, u64At);
+        ASSERT_NE(u64At, std::string::npos) << pLine;
+    }
+    /* The workers end with the encoder, before its own line. */
+    EXPECT_LT(strLog.find("gst-jpeg stop running --["), strLog.find("g_objEncoder stop run --["));
+}
+INSTANTIATE_TEST_SUITE_P(Signals, LifecycleTest, testing::Values(SIGTERM, SIGINT));
+
+TEST(InstanceTest, ASecondOneEndsAndEmptiesThePidFile)
+{
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    CDaemon objSecond;
+    EXPECT_EQ(WEXITSTATUS(objSecond.Wait(Seconds(10))), 1);
+    EXPECT_NE(objSecond.Output().find("process allready started"), std::string::npos);
+    EXPECT_EQ(ReadFile(kPidFile), "");
+    EXPECT_TRUE(objDaemon.Running());
+}
+
+TEST(InstanceTest, APidFileThatCannotBeOpenedIsSaidAndEndsTheStart)
+{
+    std::filesystem::create_directory(kPidFile);
+    CDaemon objDaemon;
+    EXPECT_EQ(WEXITSTATUS(objDaemon.Wait(Seconds(10))), 1);
+    EXPECT_NE(objDaemon.Output().find("open pid file failed: Is a directory --[main.cpp:"),
+              std::string::npos)
+        << objDaemon.Output();
+}
+
+TEST(OptionTest, HelpForceAndUnknownOptionsAllStart)
+{
+    const struct {
+        std::vector<std::string> strArgs;
+        int s32Helps;
+    } stCases[] = {{{"-f"}, 0}, {{"--force"}, 0}, {{"-h", "-f"}, 1}, {{"--nonsense", "-h"}, 1}};
+    for (const auto &stCase : stCases) {
+        CDaemon objDaemon(stCase.strArgs);
+        const int s32Before = objDaemon.Count("thread info [main:");
+        EXPECT_TRUE(objDaemon.WaitFor("thread info [main:", s32Before + 1)) << stCase.strArgs[0];
+        int s32Helps = 0;
+        const std::string strOutput = objDaemon.Output();
+        const std::string strHelp = " [options]\n    -h --help           show this help\n"
+                                    "    -D --daemonize      Daemonize after startup\n";
+        for (std::size_t u64At = 0; (u64At = strOutput.find(strHelp, u64At)) != std::string::npos;
+             u64At++) {
+            s32Helps++;
+        }
+        EXPECT_EQ(s32Helps, stCase.s32Helps) << strOutput;
+    }
+}
+
+TEST(LogTest, WithoutAConfigurationTheLinesGoToStandardError)
+{
+    std::filesystem::remove("/config/logconf/mvx3300.conf");
+    CDaemon objDaemon;
+    for (int i = 0; i < 500 && objDaemon.Output().find("thread info [main:") == std::string::npos;
+         i++) {
+        usleep(20000);
+    }
+    const std::string strOutput = objDaemon.Output();
+    EXPECT_NE(strOutput.find("log configuration /config/logconf/mvx3300.conf failed: "),
+              std::string::npos);
+    EXPECT_NE(strOutput.find("thread info [main:"), std::string::npos) << strOutput;
+    objDaemon.Signal(SIGTERM);
+    EXPECT_EQ(objDaemon.Wait(Seconds(20)), 0);
+}
+
+TEST(ParamFileTest, AFileLockedElsewhereDelaysTheStreamButNotTheStop)
+{
+    WriteParams({});
+    int s32Fd = open(kParamFile, O_RDWR);
+    ASSERT_EQ(flock(s32Fd, LOCK_EX), 0);
+    {
+        CDaemon objDaemon;
+        ASSERT_TRUE(objDaemon.WaitFor("start gst enc jpeg thread"));
+        SendTiming("320x240@30-0");
+        ASSERT_TRUE(objDaemon.WaitFor("input timing width:320") || true);
+        objDaemon.Signal(SIGTERM);
+        EXPECT_EQ(objDaemon.Wait(Seconds(30)), 0);
+    }
+    CDaemon objDaemon;
+    SendTiming("320x240@30-0");
+    EXPECT_FALSE(objDaemon.WaitFor("Let's run [gst-h264]!", 1, Seconds(2)));
+    close(s32Fd);
+    EXPECT_TRUE(objDaemon.WaitUntilUp());
+    SendTiming("320x240@25-0");
+    EXPECT_TRUE(objDaemon.WaitFor("framerate=25/1"));
+    EXPECT_TRUE(objDaemon.WaitFor("Let's run [gst-h264]!"));
+}
+} // namespace

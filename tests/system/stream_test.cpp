@@ -1,0 +1,209 @@
+/* The way of a timing from the kernel to a picture at a receiver. */
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/system/box.h"
+
+namespace
+{
+constexpr char kPlaying[] = "Let's run [gst-h264]! --[";
+
+class StreamTest : public testing::Test
+{
+protected:
+    static void ExpectPictures(const char *i_pWhat, int i_s32Width, int i_s32Height,
+                               double i_f64Rate)
+    {
+        RECEIVED_S stReceived = Receive(kGroup, kGroupPort);
+        EXPECT_GT(stReceived.s32Pictures, 0) << i_pWhat;
+        EXPECT_EQ(stReceived.s32Width, i_s32Width) << i_pWhat;
+        EXPECT_EQ(stReceived.s32Height, i_s32Height) << i_pWhat;
+        EXPECT_NEAR(stReceived.f64Rate, i_f64Rate, i_f64Rate / 3) << i_pWhat;
+        EXPECT_EQ(stReceived.s64Gaps, 0) << i_pWhat;
+    }
+};
+
+TEST_F(StreamTest, TimingsStartKeepChangeAndStopTheStream)
+{
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    SendTiming("320x240@30-0");
+    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --["));
+    EXPECT_TRUE(objDaemon.WaitFor("multicast ip : 234.29.78.95  --["));
+    EXPECT_TRUE(objDaemon.WaitFor("addr list: 234.29.78.95:59202,127.0.0.1:12350 --["));
+    ExpectPictures("first timing", 320, 240, 30);
+
+    SendTiming("320x240@30-0");
+    ASSERT_TRUE(objDaemon.WaitFor("start gstreamer status:1 --["));
+    ExpectPictures("same timing", 320, 240, 30);
+    EXPECT_EQ(objDaemon.Count(kPlaying), 1);
+
+    SendTiming("640x360@15-0");
+    ASSERT_TRUE(objDaemon.WaitFor(kPlaying, 2));
+    ExpectPictures("changed timing", 640, 360, 15);
+
+    SendTiming("0x0@0-0");
+    ASSERT_TRUE(objDaemon.WaitFor("Going out [gst-h264] --[", 2));
+    EXPECT_EQ(Receive(kGroup, kGroupPort, 1).s64Packets, 0);
+    /* The preview is left alone by a lost signal. */
+    EXPECT_EQ(objDaemon.Count("Going out [gst-jpeg] --["), 0);
+
+    SendTiming("640x360@15-0");
+    ASSERT_TRUE(objDaemon.WaitFor(kPlaying, 3));
+    SendTiming("640x360@15-1");
+    ASSERT_TRUE(objDaemon.WaitFor("WARN interlaced not support --["));
+    EXPECT_TRUE(objDaemon.WaitFor("Going out [gst-h264] --[", 3));
+    SendTiming("640x360@15-0");
+    ASSERT_TRUE(objDaemon.WaitFor(kPlaying, 4));
+    ExpectPictures("after interlaced", 640, 360, 15);
+}
+
+TEST_F(StreamTest, ATimingBeforeTheEncoderIsReadyIsNotLost)
+{
+    CDaemon objDaemon;
+    for (int i = 0; i < 200 && objDaemon.Count("input timing width:320") == 0; i++) {
+        SendTiming("320x240@30-0");
+    }
+    EXPECT_TRUE(objDaemon.WaitFor(kPlaying));
+    ExpectPictures("early timing", 320, 240, 30);
+}
+
+TEST_F(StreamTest, ReceiversOfTheParameterFileTakeTheGroupsPlace)
+{
+    WriteParams({{"addr_list", "127.0.0.1:5004,127.0.0.1:5006"},
+                 {"h264_stream_bitrate", "300000"},
+                 {"preview_stream_enable", "false"}});
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    SendTiming("320x240@30-0");
+    ASSERT_TRUE(objDaemon.WaitFor("addr list: 127.0.0.1:5004,127.0.0.1:5006 --["));
+    ASSERT_TRUE(objDaemon.WaitFor(kPlaying));
+    for (int s32Port : {5004, 5006}) {
+        RECEIVED_S stReceived = Receive("127.0.0.1", s32Port);
+        EXPECT_EQ(stReceived.s32Height, 240) << s32Port;
+    }
+    EXPECT_EQ(Receive(kGroup, kGroupPort, 1).s64Packets, 0);
+    EXPECT_TRUE(objDaemon.WaitFor("bitrate=300 gop-size=60"));
+}
+
+TEST_F(StreamTest, ADamagedParameterFileMeansDefaultsAndIsLeftAlone)
+{
+    const std::string strDamaged = "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"addr_list\"";
+    WriteFile(kParamFile, strDamaged);
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    SendTiming("320x240@30-0");
+    ASSERT_TRUE(objDaemon.WaitFor("bitrate=1000 gop-size=60"));
+    ASSERT_TRUE(objDaemon.WaitFor(kPlaying));
+    ExpectPictures("damaged file", 320, 240, 30);
+    EXPECT_EQ(ReadFile(kParamFile), strDamaged);
+}
+
+TEST_F(StreamTest, AbsurdTimingsAreSurvived)
+{
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    const char *const kAbsurd[] = {"-2147483648x-2147483648@-2147483648-0",
+                                   "99999999999999x99999999999@99999999999-0", "-1x-1@-1-0",
+                                   "2147483647x1@2147483647-0", "1x2147483647@1-0"};
+    int s32Timings = 0;
+    for (const char *pTiming : kAbsurd) {
+        RunToEnd({MV3300_SIM_UEVENT, "--raw", "SUBSYSTEM=i2c", "DRIVER=tc358743",
+                  std::string("EVENT=") + pTiming});
+        ASSERT_TRUE(objDaemon.WaitFor("INFO input timing ", ++s32Timings)) << pTiming;
+    }
+    /* None of these announces a timing, and the last one ends up without a signal. */
+    RunToEnd({MV3300_SIM_UEVENT, "--raw", "SUBSYSTEM=usb", "DRIVER=tc358743", "EVENT=1x1@1-0"});
+    RunToEnd({MV3300_SIM_UEVENT, "--raw", "SUBSYSTEM=i2c", "DRIVER=other", "EVENT=1x1@1-0"});
+    RunToEnd({MV3300_SIM_UEVENT, "--raw", "SUBSYSTEM=i2c", "DRIVER=tc358743"});
+    ASSERT_TRUE(objDaemon.WaitFor("input timing width:0 height:0 fps:0 interlaced:0"));
+    EXPECT_EQ(objDaemon.Count("INFO input timing "), s32Timings + 1);
+    const int s32Played = objDaemon.Count(kPlaying);
+    SendTiming("320x240@30-0");
+    ASSERT_TRUE(objDaemon.WaitFor(kPlaying, s32Played + 1));
+    ExpectPictures("after absurd timings", 320, 240, 30);
+}
+
+TEST_F(StreamTest, SourceFaultsAreLoggedAndTheNextSignalWorks)
+{
+    const struct {
+        const char *pWord;
+        const char *pLine;
+    } stCases[] = {{"absent", "Received error in [gst-h264] --["},
+                   {"fail", "Received error in [gst-h264] --["},
+                   {"end", "The source in [gst-h264] got dry --["}};
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    int s32Starts = 0;
+    for (const auto &stCase : stCases) {
+        const int s32Before = objDaemon.Count(stCase.pLine);
+        if (std::string(stCase.pWord) == "absent") {
+            SetSource(stCase.pWord);
+        }
+        SendTiming("320x240@30-0");
+        ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", ++s32Starts)) << stCase.pWord;
+        SetSource(stCase.pWord);
+        EXPECT_TRUE(objDaemon.WaitFor(stCase.pLine, s32Before + 1)) << stCase.pWord;
+        SetSource("run");
+        SendTiming("0x0@0-0");
+        ASSERT_TRUE(objDaemon.WaitFor("stop gstreamer, status:1 --[", s32Starts)) << stCase.pWord;
+    }
+    SendTiming("320x240@30-0");
+    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", ++s32Starts));
+    ExpectPictures("after the faults", 320, 240, 30);
+}
+
+TEST_F(StreamTest, AnUnknownElementIsNamedAndTheDaemonGoesOn)
+{
+    CDaemon objDaemon({}, {"GST_PLUGIN_PATH=/nowhere", "GST_REGISTRY=/run/other-registry.bin"});
+    ASSERT_TRUE(objDaemon.WaitFor("start gst enc jpeg thread", 1, Seconds(60)));
+    SendTiming("320x240@30-0");
+    EXPECT_TRUE(objDaemon.WaitFor(
+        "ERROR pipeline could not be constructed: no element \"vpuenc_h264\" in [gst-h264]"));
+    SendTiming("0x0@0-0");
+    EXPECT_TRUE(objDaemon.WaitFor("stop gstreamer, status:1 --["));
+    EXPECT_TRUE(objDaemon.Running());
+}
+
+TEST_F(StreamTest, WithoutEth0TheGroupIsMissedAndItsReturnBringsTheStream)
+{
+    RunToEnd({"/bin/sh", "-c", "ip link set eth0 name gone0"});
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    SendTiming("320x240@30-0");
+    EXPECT_TRUE(objDaemon.WaitFor("ERROR getMac ioctl error --["));
+    EXPECT_TRUE(objDaemon.WaitFor("ERROR get_multicast_ip error --["));
+    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --["));
+    RunToEnd({"/bin/sh", "-c",
+              "ip link set gone0 down; ip link set gone0 name eth0; ip link set eth0 up; "
+              "ip route replace 224.0.0.0/4 dev eth0"});
+    SendTiming("320x240@15-0");
+    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", 2));
+    ExpectPictures("eth0 is back", 320, 240, 15);
+}
+
+TEST_F(StreamTest, RestartsLeaveDescriptorsAndThreadsWhereTheyWere)
+{
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    std::size_t u64Descriptors = 0;
+    std::size_t u64Threads = 0;
+    for (int i = 1; i <= 6; i++) {
+        SendTiming(i % 2 ? "320x240@30-0" : "320x240@15-0");
+        ASSERT_TRUE(objDaemon.WaitFor(kPlaying, i));
+        ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", i));
+        sleep(1);
+        if (i == 2) {
+            u64Descriptors = objDaemon.Descriptors();
+            u64Threads = objDaemon.Threads();
+        }
+    }
+    EXPECT_EQ(objDaemon.Descriptors(), u64Descriptors);
+    EXPECT_EQ(objDaemon.Threads(), u64Threads);
+}
+} // namespace
