@@ -9,7 +9,8 @@
 
 #include "common/msg_queue.h"
 
-constexpr char kEndless[] = "fakesrc is-live=true do-timestamp=true ! fakesink";
+/* Paced, since a source that never pauses can keep its locks from the thread that stops it. */
+constexpr char kEndless[] = "fakesrc ! identity sleep-time=1000 ! fakesink";
 constexpr char kDry[] = "fakesrc num-buffers=1 ! fakesink";
 constexpr char kFailing[] = "fakesrc ! identity error-after=2 ! fakesink";
 constexpr char kUnknown[] = "fakesrc ! nosuchelement ! fakesink";
