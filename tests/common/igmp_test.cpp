@@ -52,6 +52,7 @@ TEST(IgmpTest, CheckSumInMemoryOrder)
         {{0x00, 0x01, 0xF2, 0x03, 0xF4, 0xF5, 0xF6, 0xF7}, 0x220D}, /* the RFC's own example */
         {{0x12, 0x34, 0x56}, 0x97CB},                               /* an odd byte is a high one */
         {{0xFF, 0xFF, 0x00, 0x01}, 0xFFFE},                         /* a carry comes round */
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x00}, 0xFEFF},             /* and one out of a carry too */
         {std::vector<UInt8>(65536, 0xFF), 0x0000},                  /* as do many */
     };
     for (const auto &stCase : stCases) {

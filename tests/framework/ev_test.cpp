@@ -21,6 +21,7 @@ namespace
 {
 /* errno of the next selects; 0 lets one through to the system. */
 std::vector<int> g_s32SelectErrors;
+int g_s32SelectNum = 0; /* how many descriptors the last select looked at */
 } // namespace
 
 extern "C" int __real_select(int, fd_set *, fd_set *, fd_set *, struct timeval *);
@@ -29,6 +30,7 @@ extern "C" int __wrap_select(int i_s32Num, fd_set *io_pRead, fd_set *io_pWrite, 
 {
     EXPECT_EQ(io_pTimeout->tv_sec, 15);
     EXPECT_EQ(io_pExcept, nullptr);
+    g_s32SelectNum = i_s32Num;
     if (!g_s32SelectErrors.empty()) {
         int s32Err = g_s32SelectErrors.front();
         g_s32SelectErrors.erase(g_s32SelectErrors.begin());
@@ -138,16 +140,22 @@ TEST_F(CEvTest, ARemovedDescriptorIsClosedByTheWaitAndItsResultsAreDropped)
     int s32FarEnd = SocketAt(300, true);
     SocketAt(150, true);
     SocketAt(100, false);
+    SocketAt(500, false);
     EXPECT_EQ(Watch(150, 1), 0);
     EXPECT_EQ(Watch(300, 3), 0);
+    EXPECT_EQ(Watch(500, 1), 0);
     EXPECT_EQ(Next(), std::make_pair(150, 1));
     EXPECT_EQ(select_removeevent(300), 0);
     EXPECT_TRUE(IsOpen(300));
     ExpectNothingBut(100);
+    EXPECT_EQ(g_s32SelectNum, 501);
     EXPECT_FALSE(IsOpen(300));
     EXPECT_EQ(send(s32FarEnd, "x", 1, MSG_NOSIGNAL), -1);
 
-    /* The highest descriptor is gone; lower ones are still found, and so is a new highest. */
+    /* The highest descriptor goes; lower ones are still found, and so is a new highest. */
+    EXPECT_EQ(select_removeevent(500), 0);
+    ExpectNothingBut(100);
+    EXPECT_EQ(g_s32SelectNum, 101);
     SocketAt(301, true);
     EXPECT_EQ(Watch(150, 1), 0);
     EXPECT_EQ(Next(), std::make_pair(150, 1));
