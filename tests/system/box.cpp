@@ -21,6 +21,7 @@ namespace
 {
 constexpr char kLogFile[] = "/run/mv3300d.log";
 constexpr char kLogConf[] = "/config/logconf/mvx3300.conf";
+constexpr char kBoxPid[] = "/run/mv3300-sim/box.pid";
 constexpr char kSourceControl[] = "/run/mv3300-sim/video0";
 
 std::vector<char *> Pointers(const std::vector<std::string> &i_strArgs)
@@ -223,13 +224,34 @@ void SetSource(const std::string &i_strWord)
     WriteFile(kSourceControl, i_strWord + "\n");
 }
 
+namespace
+{
+/* Every case starts as on a fresh box, also when several run in the same one. */
+class CFreshBox : public testing::EmptyTestEventListener
+{
+    void OnTestStart(const testing::TestInfo &) override
+    {
+        std::filesystem::remove_all(kPidFile);
+        std::filesystem::remove(kLogFile);
+        std::filesystem::remove(kParamFile);
+        SetSource("run");
+        WriteFile(kLogConf, std::string("log4cpp.rootCategory=DEBUG, file\n"
+                                        "log4cpp.appender.file=FileAppender\n"
+                                        "log4cpp.appender.file.fileName=") +
+                                kLogFile +
+                                "\nlog4cpp.appender.file.layout=PatternLayout\n"
+                                "log4cpp.appender.file.layout.ConversionPattern=%d %p %m%n\n");
+    }
+};
+} // namespace
+
 /* Outside the box the program runs itself again inside one; the list of cases needs none. */
 int main(int argc, char **argv)
 {
     const bool bList = std::any_of(argv + 1, argv + argc, [](const char *pArg) {
         return std::string(pArg).find("--gtest_list_tests") == 0;
     });
-    if (!bList && getenv("MV3300_BOX") == nullptr) {
+    if (!bList && !std::filesystem::exists(kBoxPid)) {
         std::vector<std::string> strArgs = {MV3300_BOX_SCRIPT, "--build", MV3300_BUILD_DIR};
         strArgs.insert(strArgs.end(), argv, argv + argc);
         strArgs[3] = std::filesystem::absolute(argv[0]);
@@ -239,12 +261,7 @@ int main(int argc, char **argv)
     }
     testing::InitGoogleTest(&argc, argv);
     if (!bList) {
-        WriteFile(kLogConf, std::string("log4cpp.rootCategory=DEBUG, file\n"
-                                        "log4cpp.appender.file=FileAppender\n"
-                                        "log4cpp.appender.file.fileName=") +
-                                kLogFile +
-                                "\nlog4cpp.appender.file.layout=PatternLayout\n"
-                                "log4cpp.appender.file.layout.ConversionPattern=%d %p %m%n\n");
+        testing::UnitTest::GetInstance()->listeners().Append(new CFreshBox);
     }
     return RUN_ALL_TESTS();
 }
