@@ -247,7 +247,11 @@ int main(int argc, char **argv)
     OPTIONS_S stOptions;
     CLI::App objApp("Receives, decodes and measures the encoder's stream.", "sim-receive");
     AddOptions(&objApp, &stOptions);
-    CLI11_PARSE(objApp, argc, argv);
+    try {
+        objApp.parse(argc, argv);
+    } catch (const CLI::ParseError &objError) {
+        return objApp.exit(objError) == 0 ? 0 : 2;
+    }
     signal(SIGINT, HandleStop);
     signal(SIGTERM, HandleStop);
     gst_init(nullptr, nullptr);

@@ -135,7 +135,11 @@ int main(int argc, char **argv)
             throw CLI::ValidationError("sim-uevent", "say a timing, --none or --raw NAME=VALUE");
         }
     });
-    CLI11_PARSE(objApp, argc, argv);
+    try {
+        objApp.parse(argc, argv);
+    } catch (const CLI::ParseError &objError) {
+        return objApp.exit(objError) == 0 ? 0 : 2;
+    }
     try {
         return Run(strTiming, bNone, objRaw, objWithout, bQuiet);
     } catch (const std::invalid_argument &objError) {

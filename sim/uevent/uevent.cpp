@@ -13,6 +13,48 @@ struct NAMED_SIZE_S {
 constexpr NAMED_SIZE_S kNamedSizes[] = {
     {720, 480}, {720, 576}, {1280, 720}, {1920, 1080}, {3840, 2160}};
 
+struct TIMING_S {
+    int s32Width = 0, s32Height = 0, s32Fps = 0, s32Interlaced = 0;
+};
+
+/* "1920x1080@60-0" or "1920x1080@60" */
+bool ReadInFull(const std::string &i_strText, TIMING_S *o_pTiming)
+{
+    TIMING_S stRead;
+    int s32Used = 0;
+    const int s32Fields =
+        sscanf(i_strText.c_str(), "%5dx%5d@%3d%n-%1d%n", &stRead.s32Width, &stRead.s32Height,
+               &stRead.s32Fps, &s32Used, &stRead.s32Interlaced, &s32Used);
+    if (s32Fields < 3 || static_cast<size_t>(s32Used) != i_strText.size() || stRead.s32Width < 0 ||
+        stRead.s32Height < 0 || stRead.s32Fps < 0) {
+        return false;
+    }
+    *o_pTiming = stRead;
+    return true;
+}
+
+/* "1080p60" or "1080i50" */
+bool ReadByName(const std::string &i_strText, TIMING_S *o_pTiming)
+{
+    TIMING_S stRead;
+    char szScan[2] = "";
+    int s32Used = 0;
+    if (sscanf(i_strText.c_str(), "%4d%1[pi]%3d%n", &stRead.s32Height, szScan, &stRead.s32Fps,
+               &s32Used) != 3 ||
+        static_cast<size_t>(s32Used) != i_strText.size() || stRead.s32Fps <= 0) {
+        return false;
+    }
+    stRead.s32Interlaced = szScan[0] == 'i' ? 1 : 0;
+    for (const NAMED_SIZE_S &stSize : kNamedSizes) {
+        if (stSize.s32Height == stRead.s32Height) {
+            stRead.s32Width = stSize.s32Width;
+            *o_pTiming = stRead;
+            return true;
+        }
+    }
+    return false;
+}
+
 const std::string *FindVar(const UeventVars &i_objVars, const std::string &i_strName)
 {
     for (const auto &stVar : i_objVars) {
@@ -26,30 +68,12 @@ const std::string *FindVar(const UeventVars &i_objVars, const std::string &i_str
 
 Bool TimingToEvent(const std::string &i_strTiming, std::string *o_pEvent)
 {
-    int s32Width = 0, s32Height = 0, s32Fps = 0, s32Interlaced = 0, s32Used = 0;
-    char cScan = 0;
-    const char *pText = i_strTiming.c_str();
-    const int s32Length = static_cast<int>(i_strTiming.size());
-    if (sscanf(pText, "%5dx%5d@%3d%n-%1d%n", &s32Width, &s32Height, &s32Fps, &s32Used,
-               &s32Interlaced, &s32Used) >= 3) {
-        if (s32Used != s32Length || s32Width < 0 || s32Height < 0 || s32Fps < 0 ||
-            s32Interlaced < 0) {
-            return false;
-        }
-    } else if (sscanf(pText, "%4d%1[pi]%3d%n", &s32Height, &cScan, &s32Fps, &s32Used) == 3 &&
-               s32Used == s32Length) {
-        for (const NAMED_SIZE_S &stSize : kNamedSizes) {
-            s32Width = stSize.s32Height == s32Height ? stSize.s32Width : s32Width;
-        }
-        s32Interlaced = cScan == 'i' ? 1 : 0;
-        if (s32Width == 0 || s32Fps <= 0) {
-            return false;
-        }
-    } else {
+    TIMING_S stTiming;
+    if (!ReadInFull(i_strTiming, &stTiming) && !ReadByName(i_strTiming, &stTiming)) {
         return false;
     }
-    *o_pEvent = std::to_string(s32Width) + "x" + std::to_string(s32Height) + "@" +
-                std::to_string(s32Fps) + "-" + std::to_string(s32Interlaced);
+    *o_pEvent = std::to_string(stTiming.s32Width) + "x" + std::to_string(stTiming.s32Height) + "@" +
+                std::to_string(stTiming.s32Fps) + "-" + std::to_string(stTiming.s32Interlaced);
     return true;
 }
 
