@@ -61,7 +61,8 @@ box -- sh -c 'setsid sleep 300 >/dev/null 2>&1 & echo $! >left'
 expect "what was left behind is ended" gone \
     "$(fate_of "$(cat left)")"
 
-"$BOX" --build "$BUILD" -- sh -c 'echo $$ >signalled; exec sleep 300' &
+"$BOX" --build "$BUILD" -- \
+    sh -c 'trap "sleep 0.3; exit 7" TERM; echo $$ >signalled; while :; do sleep 0.1; done' &
 supervisor=$!
 for _ in {1..100}; do
     [[ ! -s signalled ]] || break
@@ -70,7 +71,7 @@ done
 kill -TERM "$supervisor"
 status=0
 wait "$supervisor" || status=$?
-expect "a signal ends the command" "143 gone" \
+expect "a signal goes to the command, which ends in its own time" "7 gone" \
     "$status $(fate_of "$(cat signalled)")"
 
 [[ $failures -eq 0 ]] || exit 1
