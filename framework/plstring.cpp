@@ -188,7 +188,9 @@ UInt32 CPLString::PrintableLen() const
 
 void CPLString::PrintStr() const
 {
-    fwrite(m_pPtr, 1, PrintableLen(), stdout);
+    if (m_pPtr != nullptr) {
+        fwrite(m_pPtr, 1, PrintableLen(), stdout);
+    }
 }
 
 void CPLString::PrintStr(const char *i_pSuffix) const
