@@ -57,6 +57,7 @@ TEST(PLString, NullEqualsNullOnly)
 TEST(PLString, CaseIsIgnoredForLettersOnly)
 {
     EXPECT_TRUE(CText("abc")->EqualIgnoreCase("ABC", 3));
+    EXPECT_TRUE(CText("mQyZ")->EqualIgnoreCase("MqYz", 4));
     EXPECT_FALSE(CText("abc")->EqualIgnoreCase("ABC", 2));
     EXPECT_TRUE(CText("abc")->NumEqualIgnoreCase("AB", 2));
     EXPECT_FALSE(CText("ab")->NumEqualIgnoreCase("ABC", 3));

@@ -250,25 +250,37 @@ TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAlone)
     CTaskThreadPool::RemoveThreads();
 }
 
-TEST_F(CTaskTest, ATaskLetGoOfTheGlobalLockRunsBesideOthers)
+TEST_F(CTaskTest, GivingUpTheGlobalLockEarlyLetsOthersInAndNobodyOut)
 {
-    CTaskThreadPool::AddThreads(2);
-    std::atomic<bool> bOtherRan{false};
+    CTaskThreadPool::AddThreads(3);
+    std::atomic<bool> bOtherInside{false}, bOtherMayGo{false};
     CTestTask objOther([&](CTestTask &) {
-        bOtherRan = true;
+        bOtherInside = true;
+        WaitUntil([&] { return bOtherMayGo.load(); });
+        bOtherInside = false;
         return 0;
     });
-    CTestTask objAlone([&](CTestTask &i_refTask) {
+    CTestTask objFirst([&](CTestTask &i_refTask) {
         objOther.Signal(CTask::kStartEvent);
         CThread::Sleep(20);
-        EXPECT_FALSE(bOtherRan);
+        EXPECT_FALSE(bOtherInside);
         i_refTask.GlobalUnlock();
-        WaitUntil([&] { return bOtherRan.load(); });
+        WaitUntil([&] { return bOtherInside.load(); });
         return 0;
     });
-    objAlone.SetGlobalLock();
-    objAlone.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return objAlone.m_s32Runs == 1; });
+    CTestTask objSecond([&](CTestTask &) {
+        EXPECT_FALSE(bOtherInside);
+        return 0;
+    });
+    objFirst.SetGlobalLock();
+    objFirst.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return objFirst.m_s32Runs == 1; });
+    CThread::Sleep(5);
+    objSecond.SetGlobalLock();
+    objSecond.Signal(CTask::kStartEvent);
+    CThread::Sleep(20);
+    bOtherMayGo = true;
+    WaitUntil([&] { return objSecond.m_s32Runs == 1; });
     CTaskThreadPool::RemoveThreads();
 }
 
@@ -311,24 +323,27 @@ TEST_F(CTaskTest, NoSignalIsLostAndNoTaskRunsTwiceAtOnce)
 
 TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
 {
+    constexpr int kRounds = 25, kTasks = 24;
     std::atomic<bool> bStop{false};
-    std::atomic<CTestTask *> pCurrent{nullptr};
+    std::atomic<int> s32Ready{0};
     std::vector<std::unique_ptr<CTestTask>> pTasks;
+    for (int i = 0; i < kRounds * kTasks; i++) {
+        /* A few still wait for their next run when their thread ends. */
+        pTasks.push_back(std::make_unique<CTestTask>(
+            [i](CTestTask &) -> SInt64 { return i % 8 == 0 ? 3600000 : 0; }));
+    }
     std::thread objSender([&] {
-        while (!bStop) {
-            CTestTask *pTask = pCurrent;
-            if (pTask != nullptr) {
-                pTask->Signal(CTask::kReadEvent);
+        for (unsigned i = 0; !bStop; i++) {
+            int s32Ours = s32Ready;
+            if (s32Ours > 0) {
+                pTasks[s32Ours - 1 - i % kTasks]->Signal(CTask::kReadEvent);
             }
         }
     });
-    for (int i = 0; i < 150; i++) {
-        /* Every second task still waits for its next run when its thread ends. */
-        pTasks.push_back(std::make_unique<CTestTask>(
-            [i](CTestTask &) -> SInt64 { return i % 2 == 0 ? 0 : 3600000; }));
+    for (int i = 1; i <= kRounds; i++) {
         CTaskThreadPool::AddThreads(2);
-        pCurrent = pTasks.back().get();
-        WaitUntil([&] { return pTasks.back()->m_s32Runs > 0; });
+        s32Ready = i * kTasks;
+        WaitUntil([&] { return pTasks[i * kTasks - 1]->m_s32Runs > 2; });
         CTaskThreadPool::RemoveThreads();
     }
     bStop = true;
