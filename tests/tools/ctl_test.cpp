@@ -1,0 +1,239 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <sstream>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/tools/fake_daemon.h"
+#include "tools/ctl_main.h"
+
+namespace
+{
+class CtlTest : public testing::Test
+{
+protected:
+    int Run(const std::string &i_strLine) { return Run(i_strLine, m_objDaemon.Endpoint()); }
+    int Run(const std::string &i_strLine, const CONTROL_ENDPOINT_S &i_stEndpoint)
+    {
+        std::vector<std::string> strWords = {"mv3300ctl"};
+        std::istringstream objLine(i_strLine);
+        for (std::string strWord; objLine >> strWord;) {
+            strWords.push_back(strWord);
+        }
+        std::vector<const char *> pWords;
+        for (const std::string &strWord : strWords) {
+            pWords.push_back(strWord.c_str());
+        }
+        std::ostringstream objOut;
+        std::ostringstream objErr;
+        const int s32Result =
+            RunCtl(static_cast<int>(pWords.size()), pWords.data(), i_stEndpoint, objOut, objErr);
+        m_strOut = objOut.str();
+        m_strErr = objErr.str();
+        return s32Result;
+    }
+    bool Told(const std::string &i_strText) const
+    {
+        return m_strErr.find(i_strText) != std::string::npos;
+    }
+
+    CFakeDaemon m_objDaemon;
+    std::string m_strOut;
+    std::string m_strErr;
+};
+
+TEST_F(CtlTest, GetShowsTheSettings)
+{
+    EXPECT_EQ(Run("get"), 0);
+    EXPECT_EQ(m_strOut, "h264         on\n"
+                        "gop          60       frames\n"
+                        "mode         vbr\n"
+                        "bitrate      1M       bit/s\n"
+                        "preview      on\n"
+                        "height       720      lines\n"
+                        "refreshrate  1        pictures/s\n");
+    EXPECT_EQ(Run("get --json"), 0);
+    EXPECT_EQ(m_strOut, "{\"h264\":true,\"gop\":60,\"mode\":\"vbr\",\"bitrate\":1000000,"
+                        "\"preview\":true,\"height\":720,\"refreshrate\":1}\n");
+    /* One field alone is answered too, though the daemon wants a flag in every ask. */
+    EXPECT_EQ(Run("get gop"), 0);
+    EXPECT_EQ(m_strOut, "gop          60       frames\n");
+}
+
+TEST_F(CtlTest, SetTellsWhatTookEffectOnceItDid)
+{
+    m_objDaemon.m_s32Lag = 3;
+    EXPECT_EQ(Run("set --bitrate 2M --gop 60 --preview off"), 0);
+    EXPECT_EQ(m_strOut, "gop          60  already so\n"
+                        "bitrate      1M -> 2M  taken\n"
+                        "preview      on -> off  taken\n");
+    EXPECT_EQ(m_objDaemon.Value(3), 2000000);
+    EXPECT_EQ(m_objDaemon.Value(4), 0);
+}
+
+TEST_F(CtlTest, SetTellsWhatWasRefusedAndWhy)
+{
+    EXPECT_EQ(Run("set --gop 121 --bitrate 2M --mode cbr"), 1);
+    EXPECT_EQ(m_strOut,
+              "gop          stays 60  refused: the control channel takes 2 to 120 frames\n"
+              "mode         stays vbr  refused: the daemon reads the mode but does not pass it on; "
+              "it stays as it is in the parameter file\n"
+              "bitrate      stays 1M  refused: another value is out of its range, and the daemon "
+              "then drops the whole request\n");
+    EXPECT_EQ(m_objDaemon.Value(3), 1000000);
+
+    /* The mode does not keep the rest from being taken, nor the client waiting. */
+    EXPECT_EQ(Run("set --mode cbr --gop 30 --json --timeout 60s"), 1);
+    const auto objJson = nlohmann::json::parse(m_strOut);
+    EXPECT_EQ(objJson["ok"], false);
+    EXPECT_EQ(objJson["fields"][0]["outcome"], "taken");
+    EXPECT_EQ(objJson["fields"][0]["before"], 60);
+    EXPECT_EQ(objJson["fields"][0]["now"], 30);
+    EXPECT_EQ(objJson["fields"][1]["outcome"], "refused");
+    EXPECT_EQ(Run("set --mode vbr"), 0);
+}
+
+TEST_F(CtlTest, SetThatDoesNotShowInTimeIsNotTaken)
+{
+    m_objDaemon.m_s32Lag = 1000;
+    EXPECT_EQ(Run("set --gop 30 --timeout 500ms"), 1);
+    EXPECT_EQ(
+        m_strOut.rfind("gop          stays 60  not taken: the daemon does not report it yet", 0),
+        0U);
+}
+
+TEST_F(CtlTest, UsageErrorsSendNothing)
+{
+    for (const char *pLine :
+         {"", "put", "get nothing", "get --json=x=y", "set", "set --gop", "set --gop ten",
+          "set --gop -1", "set --gop 5 --gop 6", "set --bitrate 2G", "set --mode abr",
+          "set --h264 maybe", "set 30", "get --timeout 0", "watch --interval never"}) {
+        EXPECT_EQ(Run(pLine), 2) << pLine;
+        EXPECT_NE(m_strErr, "") << pLine;
+        EXPECT_EQ(m_strOut, "") << pLine;
+    }
+    EXPECT_EQ(m_objDaemon.m_s32Requests, 0);
+    EXPECT_EQ(Run("--help"), 0);
+    EXPECT_NE(m_strOut.find("Exit codes"), std::string::npos);
+}
+
+TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
+{
+    std::thread objChange([this] {
+        while (m_objDaemon.m_s32Requests < 2) {
+            usleep(1000);
+        }
+        m_objDaemon.SetValue(1, 30);
+    });
+    EXPECT_EQ(Run("watch --json --interval 20ms --for 1s"), 0);
+    objChange.join();
+    std::istringstream objLines(m_strOut);
+    std::string strFirst;
+    std::string strSecond;
+    std::string strThird;
+    std::getline(objLines, strFirst);
+    std::getline(objLines, strSecond);
+    EXPECT_EQ(nlohmann::json::parse(strFirst)["changes"]["bitrate"], 1000000);
+    EXPECT_EQ(nlohmann::json::parse(strSecond)["changes"].dump(), "{\"gop\":30}");
+    EXPECT_FALSE(std::getline(objLines, strThird)) << strThird;
+}
+
+TEST_F(CtlTest, WatchGoesOnWhenTheDaemonPausesForAWhile)
+{
+    std::thread objPause([this] {
+        while (m_objDaemon.m_s32Requests < 2) {
+            usleep(1000);
+        }
+        m_objDaemon.m_bSilent = true;
+        const int s32Then = m_objDaemon.m_s32Requests;
+        while (m_objDaemon.m_s32Requests < s32Then + 3) {
+            usleep(1000);
+        }
+        m_objDaemon.SetValue(1, 30);
+        m_objDaemon.m_bSilent = false;
+    });
+    EXPECT_EQ(Run("watch --interval 20ms --for 2s --timeout 50ms"), 0);
+    objPause.join();
+    EXPECT_NE(m_strOut.find("gop          60 -> 30\n"), std::string::npos) << m_strOut;
+    EXPECT_EQ(m_strErr.find("no answer"), m_strErr.rfind("no answer")) << "told once";
+    EXPECT_TRUE(Told("the daemon answers again"));
+}
+
+TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
+{
+    CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
+    close(BindLoopback(0, &stEndpoint.u16RequestPort));
+    const auto objStart = std::chrono::steady_clock::now();
+    EXPECT_EQ(Run("get --timeout 60s", stEndpoint), 3);
+    EXPECT_LT(std::chrono::steady_clock::now() - objStart, std::chrono::seconds(30));
+    EXPECT_TRUE(Told("the daemon is not running")) << m_strErr;
+    EXPECT_EQ(Run("set --gop 30", stEndpoint), 3);
+    EXPECT_EQ(Run("watch", stEndpoint), 3);
+}
+
+TEST_F(CtlTest, ASilentDaemonAndItsLockAreNamed)
+{
+    CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
+    stEndpoint.strPidFile = testing::TempDir() + "mv3300ctl_test.pid";
+    const int s32Fd = open(stEndpoint.strPidFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(flock(s32Fd, LOCK_EX | LOCK_NB), 0);
+    m_objDaemon.m_bSilent = true;
+    EXPECT_EQ(Run("get --timeout 100ms", stEndpoint), 3);
+    EXPECT_TRUE(Told("no answer within 0.1 s")) << m_strErr;
+    EXPECT_TRUE(Told("process " + std::to_string(getpid()) + " holds ")) << m_strErr;
+    close(s32Fd);
+    EXPECT_EQ(Run("get --timeout 100ms", stEndpoint), 3);
+    EXPECT_TRUE(Told("no process holds ")) << m_strErr;
+    EXPECT_EQ(Run("set --gop 30 --timeout 100ms", stEndpoint), 3);
+    EXPECT_TRUE(Told("what became of them is unknown")) << m_strErr;
+    std::remove(stEndpoint.strPidFile.c_str());
+}
+
+TEST_F(CtlTest, AStrangeDatagramIsPassedOver)
+{
+    m_objDaemon.SendBeforeReply("garbage that is no box");
+    EXPECT_EQ(Run("get gop"), 0);
+    EXPECT_EQ(m_strOut, "gop          60       frames\n");
+    /* Another reader's reply, with fewer fields than were asked for. */
+    m_objDaemon.SendBeforeReply(
+        std::string("\x04\0\0\0\x0D\0\0\0\x01\0\x01\0\x05\0\0\0true\0", 21));
+    EXPECT_EQ(Run("get gop"), 0);
+    EXPECT_EQ(m_strOut, "gop          60       frames\n");
+}
+
+TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)
+{
+    UInt16 u16Port = 0;
+    const int s32Fd = BindLoopback(m_objDaemon.Endpoint().u16ReplyPort, &u16Port);
+    EXPECT_EQ(Run("set --gop 30 --timeout 100ms"), 4);
+    EXPECT_TRUE(Told("another reader of the daemon's replies")) << m_strErr;
+    EXPECT_EQ(m_objDaemon.m_s32Requests, 0);
+
+    std::thread objRelease([s32Fd] {
+        usleep(50000);
+        close(s32Fd);
+    });
+    EXPECT_EQ(Run("get"), 0) << m_strErr;
+    objRelease.join();
+}
+
+TEST(FindLockHolderTest, KnowsTheHolderFromWaitersAndOtherLocks)
+{
+    std::istringstream objLocks("1: POSIX  ADVISORY  WRITE 11 08:01:77 0 EOF\n"
+                                "2: FLOCK  ADVISORY  WRITE 12 08:02:77 0 EOF\n"
+                                "3: FLOCK  ADVISORY  WRITE 13 08:01:78 0 EOF\n"
+                                "4: -> FLOCK  ADVISORY  WRITE 14 08:01:77 0 EOF\n"
+                                "5: FLOCK  ADVISORY  WRITE 15 08:1a:77 0 EOF\n");
+    EXPECT_EQ(FindLockHolder(objLocks, 8, 0x1a, 77), 15);
+    objLocks.clear();
+    objLocks.seekg(0);
+    EXPECT_EQ(FindLockHolder(objLocks, 8, 1, 77), std::nullopt);
+}
+} // namespace

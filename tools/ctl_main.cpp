@@ -1,0 +1,304 @@
+/*
+ * The control client's commands.
+ */
+#include "tools/ctl_main.h"
+
+#include <algorithm>
+#include <ctime>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/report.h"
+
+namespace
+{
+using CClock = std::chrono::steady_clock;
+using CMilliseconds = std::chrono::milliseconds;
+
+constexpr CFieldAsks kAskAll = {true, true, true, true, true, true, true};
+constexpr CMilliseconds kReadBackPause(200);
+
+struct OPTIONS_S {
+    bool bJson = false;
+    std::string strTimeout;
+    std::vector<std::string> strFields;
+    std::array<std::string, STREAM_FIELD_COUNT> strValues;
+    std::string strInterval = "1s";
+    std::string strFor;
+};
+
+class CCtl
+{
+public:
+    CCtl(const CONTROL_ENDPOINT_S &i_stEndpoint, std::ostream &io_objOut, std::ostream &io_objErr)
+        : m_stEndpoint(i_stEndpoint), m_objOut(io_objOut), m_objErr(io_objErr)
+    {
+    }
+
+    int Get(const OPTIONS_S &i_stOptions)
+    {
+        const ANSWER_S stAnswer = Ask({}, m_objTimeout);
+        if (stAnswer.eResult != AskResult::Answered) {
+            return Fail(stAnswer);
+        }
+        const CFieldValues objShown = Selected(stAnswer.objValues, i_stOptions.strFields);
+        m_objOut << (i_stOptions.bJson ? FormatJson(objShown) : FormatTable(objShown));
+        return CTL_OK;
+    }
+
+    int Set(const OPTIONS_S &i_stOptions)
+    {
+        CFieldValues objAsked;
+        std::string strError = "give at least one value to set, such as --bitrate 2M";
+        bool bAny = false;
+        for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+            if (i_stOptions.strValues[i].empty()) {
+                continue;
+            }
+            objAsked[i] = ParseField(i, i_stOptions.strValues[i], strError);
+            if (!objAsked[i]) {
+                return Usage(strError);
+            }
+            bAny = true;
+        }
+        if (!bAny) {
+            return Usage(strError);
+        }
+        return SendSet(objAsked, i_stOptions.bJson);
+    }
+
+    int Watch(const OPTIONS_S &i_stOptions)
+    {
+        const auto objInterval = ParseDuration(i_stOptions.strInterval);
+        const auto objFor = ParseDuration(i_stOptions.strFor);
+        if (!objInterval || (!i_stOptions.strFor.empty() && !objFor)) {
+            return Usage("--interval and --for take a time such as 500ms, 2s or 5min");
+        }
+        const auto objEnd = objFor ? CClock::now() + *objFor : CClock::time_point::max();
+        CFieldValues objLast;
+        AskResult eLast = AskResult::Answered;
+        while (true) {
+            const ANSWER_S stAnswer = Ask({}, m_objTimeout);
+            const bool bAnswered = stAnswer.eResult == AskResult::Answered;
+            if (!bAnswered && !objLast[STREAM_FIELD_H264]) {
+                return Fail(stAnswer);
+            }
+            if (bAnswered) {
+                if (eLast != AskResult::Answered) {
+                    m_objErr << "mv3300ctl: the daemon answers again\n" << std::flush;
+                }
+                ShowChanges(objLast, stAnswer.objValues, i_stOptions.bJson);
+                objLast = stAnswer.objValues;
+            } else if (stAnswer.eResult != eLast) {
+                Fail(stAnswer);
+            }
+            eLast = stAnswer.eResult;
+            if (!m_objOut || CClock::now() + *objInterval > objEnd) {
+                return CTL_OK;
+            }
+            std::this_thread::sleep_for(*objInterval);
+        }
+    }
+
+    /* False if the text is no time. */
+    bool SetTimeout(const std::string &i_strTimeout, CMilliseconds i_objDefault)
+    {
+        const auto objTimeout = ParseDuration(i_strTimeout);
+        m_objTimeout = objTimeout.value_or(i_objDefault);
+        return objTimeout || i_strTimeout.empty();
+    }
+
+    int Usage(const std::string &i_strError)
+    {
+        m_objErr << "mv3300ctl: " << i_strError << "\nTry 'mv3300ctl --help'.\n";
+        return CTL_USAGE;
+    }
+
+private:
+    ANSWER_S Ask(const CFieldValues &i_objSets, CMilliseconds i_objTimeout) const
+    {
+        return AskDaemon(m_stEndpoint, kAskAll, i_objSets, i_objTimeout);
+    }
+
+    int Fail(const ANSWER_S &i_stAnswer)
+    {
+        const std::optional<SInt32> objHolder = FindDaemon(m_stEndpoint.strPidFile);
+        m_objErr << "mv3300ctl: "
+                 << ExplainFailure(i_stAnswer, m_stEndpoint, m_objTimeout, objHolder) << ".\n"
+                 << std::flush;
+        switch (i_stAnswer.eResult) {
+        case AskResult::ReplyPortTaken:
+            return CTL_REPLY_PORT;
+        case AskResult::SystemError:
+            return CTL_SYSTEM_ERROR;
+        default:
+            return CTL_NO_ANSWER;
+        }
+    }
+
+    int FailSet(const ANSWER_S &i_stAnswer)
+    {
+        if (i_stAnswer.eResult == AskResult::NoAnswer) {
+            m_objErr << "mv3300ctl: the values were sent, but what became of them is unknown\n";
+        }
+        return Fail(i_stAnswer);
+    }
+
+    static CFieldValues Selected(const CFieldValues &i_objValues,
+                                 const std::vector<std::string> &i_strFields)
+    {
+        CFieldValues objSelected;
+        for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+            if (i_strFields.empty() ||
+                std::count(i_strFields.begin(), i_strFields.end(), STREAM_FIELDS[i].pName) > 0) {
+                objSelected[i] = i_objValues[i];
+            }
+        }
+        return objSelected;
+    }
+
+    /* A set is not acknowledged, and the daemon may be busy with the stream for seconds, so what
+     * became of it is read back until all of it shows or the time is up. The request's own reply
+     * tells what was before. */
+    int SendSet(const CFieldValues &i_objAsked, bool i_bJson)
+    {
+        const auto objUntil = CClock::now() + m_objTimeout;
+        const ANSWER_S stBefore = Ask(i_objAsked, m_objTimeout);
+        if (stBefore.eResult != AskResult::Answered) {
+            return FailSet(stBefore);
+        }
+        ANSWER_S stNow;
+        do {
+            std::this_thread::sleep_for(kReadBackPause);
+            const auto objLeft =
+                std::chrono::duration_cast<CMilliseconds>(objUntil - CClock::now());
+            stNow = Ask({}, std::max(objLeft, kReadBackPause));
+            if (stNow.eResult != AskResult::Answered) {
+                return FailSet(stNow);
+            }
+        } while (IsSetPending(i_objAsked, stNow.objValues) && CClock::now() < objUntil);
+
+        const std::vector<SET_RESULT_S> objResults =
+            JudgeSet(i_objAsked, stBefore.objValues, stNow.objValues);
+        m_objOut << (i_bJson ? FormatSetJson(objResults) : FormatSet(objResults));
+        const bool bTaken =
+            std::all_of(objResults.begin(), objResults.end(), [](const SET_RESULT_S &i_stResult) {
+                return i_stResult.strReason.empty();
+            });
+        return bTaken ? CTL_OK : CTL_NOT_TAKEN;
+    }
+
+    void ShowChanges(const CFieldValues &i_objLast, const CFieldValues &i_objNow, bool i_bJson)
+    {
+        if (i_objLast == i_objNow) {
+            return;
+        }
+        char szTime[32];
+        const std::time_t s64Now = std::time(nullptr);
+        std::tm stLocal = {};
+        localtime_r(&s64Now, &stLocal);
+        if (i_bJson) {
+            std::strftime(szTime, sizeof(szTime), "%Y-%m-%dT%H:%M:%S%z", &stLocal);
+            m_objOut << FormatChangesJson(szTime, i_objLast, i_objNow) << std::flush;
+            return;
+        }
+        std::strftime(szTime, sizeof(szTime), "%H:%M:%S", &stLocal);
+        std::istringstream objLines(i_objLast[STREAM_FIELD_H264]
+                                        ? FormatChanges(i_objLast, i_objNow)
+                                        : FormatTable(i_objNow));
+        for (std::string strLine; std::getline(objLines, strLine);) {
+            m_objOut << szTime << "  " << strLine << "\n";
+        }
+        m_objOut << std::flush;
+    }
+
+    CONTROL_ENDPOINT_S m_stEndpoint;
+    std::ostream &m_objOut;
+    std::ostream &m_objErr;
+    CMilliseconds m_objTimeout{};
+};
+
+/* The daemon itself may wait 2.9 s before it answers, and a set may have to wait for two streams
+ * that are still starting. */
+constexpr CMilliseconds kAnswerTime(5000);
+constexpr CMilliseconds kSetTime(25000);
+
+const char *const kFooter =
+    "Exit codes: 0 done, 1 a value was refused or not taken, 2 usage, 3 no answer or the daemon is "
+    "not running,\n4 the reply port is taken, 5 the system refused. See mv3300ctl(1).";
+
+void Describe(CLI::App &io_objApp, OPTIONS_S &o_stOptions)
+{
+    io_objApp.require_subcommand(1);
+    io_objApp.set_version_flag("--version", "mv3300ctl " MV3300_VERSION);
+    io_objApp.footer(kFooter);
+
+    CLI::App *pGet = io_objApp.add_subcommand("get", "Show the settings");
+    std::vector<std::string> strNames;
+    for (const STREAM_FIELD_S &stField : STREAM_FIELDS) {
+        strNames.emplace_back(stField.pName);
+    }
+    pGet->add_option("FIELD", o_stOptions.strFields, "Only these settings")
+        ->check(CLI::IsMember(strNames));
+
+    CLI::App *pSet = io_objApp.add_subcommand("set", "Change settings and tell what took effect");
+    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+        const STREAM_FIELD_S &stField = STREAM_FIELDS[i];
+        std::string strHelp = stField.pHelp;
+        if (stField.eKind == FieldKind::Number) {
+            strHelp += ", " + FormatRange(i);
+        }
+        pSet->add_option("--" + std::string(stField.pName), o_stOptions.strValues[i], strHelp)
+            ->type_name("VALUE")
+            ->check([](const std::string &i_strText) {
+                return i_strText.empty() ? std::string("a value is missing") : std::string();
+            });
+    }
+
+    CLI::App *pWatch = io_objApp.add_subcommand("watch", "Show the settings and every change");
+    pWatch->add_option("--interval", o_stOptions.strInterval, "Between two looks (default 1s)")
+        ->type_name("TIME");
+    pWatch->add_option("--for", o_stOptions.strFor, "End after this time (default: never)")
+        ->type_name("TIME");
+
+    for (CLI::App *pCommand : {pGet, pSet, pWatch}) {
+        pCommand->add_flag("--json", o_stOptions.bJson, "JSON instead of text, one line each");
+        pCommand
+            ->add_option("--timeout", o_stOptions.strTimeout,
+                         "How long to wait, such as 500ms or 3s (default " +
+                             std::string(pCommand == pSet ? "25s)" : "5s)"))
+            ->type_name("TIME");
+    }
+}
+} // namespace
+
+int RunCtl(int i_s32Argc, const char *const *i_pArgv, const CONTROL_ENDPOINT_S &i_stEndpoint,
+           std::ostream &io_objOut, std::ostream &io_objErr)
+{
+    CLI::App objApp("Shows and changes the settings of the running mv3300d.", "mv3300ctl");
+    OPTIONS_S stOptions;
+    Describe(objApp, stOptions);
+    try {
+        objApp.parse(i_s32Argc, i_pArgv);
+    } catch (const CLI::ParseError &objError) {
+        return objApp.exit(objError, io_objOut, io_objErr) == 0 ? CTL_OK : CTL_USAGE;
+    }
+    CCtl objCtl(i_stEndpoint, io_objOut, io_objErr);
+    const bool bSet = objApp.got_subcommand("set");
+    if (!objCtl.SetTimeout(stOptions.strTimeout, bSet ? kSetTime : kAnswerTime)) {
+        return objCtl.Usage("--timeout takes a time such as 500ms or 3s");
+    }
+    const int s32Result = bSet                             ? objCtl.Set(stOptions)
+                          : objApp.got_subcommand("watch") ? objCtl.Watch(stOptions)
+                                                           : objCtl.Get(stOptions);
+    io_objOut.flush();
+    if (!io_objOut) {
+        io_objErr << "mv3300ctl: the output cannot be written\n";
+        return CTL_SYSTEM_ERROR;
+    }
+    return s32Result;
+}
