@@ -106,7 +106,7 @@ void HandleSig(int i_s32Sig)
     switch (i_s32Sig) {
     case SIGINT:
     case SIGTERM:
-        g_bRunFlag = false;
+        g_bRunFlag.store(false, std::memory_order_relaxed);
         PrintFromHandler("\033[0;31mprogram will exit now!\033[0;39m");
         break;
     case SIGUSR1:
@@ -119,21 +119,45 @@ void HandleSig(int i_s32Sig)
     errno = s32SavedErrno;
 }
 
-/* Until the log configuration is read, and for good where it cannot be, lines go to the standard
- * error stream, so that a failure this early is seen. */
+/* A descriptor that whoever started the daemon has closed would be given to one of its files, and
+ * what is printed would end up there. */
+void OpenStandardStreams()
+{
+    for (int s32Fd = STDIN_FILENO; s32Fd <= STDERR_FILENO; s32Fd++) {
+        if (fcntl(s32Fd, F_GETFD) == -1) {
+            open("/dev/null", O_RDWR);
+        }
+    }
+}
+
+/* Until the log configuration is read, and for good where it cannot be used, lines go to the
+ * standard error stream, so that a failure this early is seen. Undoes what a configuration that
+ * failed half way has set. */
 void LogToStandardError()
 {
+    log4cpp::Category &objRoot = log4cpp::Category::getRoot();
+    log4cpp::Category &objCategory = log4cpp::Category::getInstance("CATEGORY");
+    objRoot.removeAllAppenders();
+    objCategory.removeAllAppenders();
+    objCategory.setAdditivity(true);
+    objCategory.setPriority(log4cpp::Priority::NOTSET);
+    objRoot.setPriority(log4cpp::Priority::INFO);
     auto *pLayout = new log4cpp::PatternLayout;
     pLayout->setConversionPattern("%d %p %m%n");
     auto *pAppender = new log4cpp::OstreamAppender("stderr", &std::cerr);
     pAppender->setLayout(pLayout);
-    log4cpp::Category::getRoot().setAppender(pAppender);
+    objRoot.addAppender(pAppender);
 }
 
 void ConfigureLog()
 {
     try {
         log4cpp::PropertyConfigurator::configure(kLogConf);
+        /* A log file that cannot be opened is no failure to the configurator. */
+        if (!log4cpp::Appender::reopenAll()) {
+            LogToStandardError();
+            LOG_ERROR("log configuration %s: a log file cannot be opened", kLogConf);
+        }
     } catch (const log4cpp::ConfigureFailure &objFailure) {
         LogToStandardError();
         LOG_ERROR("log configuration %s failed: %s", kLogConf, objFailure.what());
@@ -208,6 +232,7 @@ void StopModules()
 
 int main(int argc, char **argv)
 {
+    OpenStandardStreams();
     LogToStandardError();
     HandleInputParam(argc, argv);
 
@@ -230,7 +255,7 @@ int main(int argc, char **argv)
     pControlTask->Signal(CTask::kStartEvent);
 
     LOG_THREAD_INFO("main");
-    while (g_bRunFlag) {
+    while (g_bRunFlag.load(std::memory_order_relaxed)) {
         CThread::Sleep(1000);
     }
 

@@ -44,7 +44,9 @@ void PushStart(CGstEnc &i_objWorker, UInt32 i_u32Module, const std::string &i_st
     i_objWorker.PushMsg(&stMsg);
 }
 
-/* The status turns 1 when the worker begins the start, not when the pipeline plays. */
+/* Waits until the worker has taken its start: before that it still counts as not started, and the
+ * next message would start it a second time.
+ * The status turns 1 when the worker begins the start, not when the pipeline plays. */
 bool WaitForStart(CGstEnc &i_objWorker)
 {
     for (int i = 0; i < kStartPolls; i++) {
@@ -281,6 +283,7 @@ void CEncoder::StartForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32JpegSta
     const std::string strClients = BuildClients(m_stStreamStatus, strAddrList, strMulticastIp);
     if (strClients.empty()) {
         LOG_INFO("h264 and preview not enable");
+        WaitForStart(*m_pGstEncJpeg);
         return;
     }
     if (StartH264(i_stTiming, strClients)) {
@@ -450,4 +453,5 @@ void CEncoder::RestartJpeg(const JPEG_FILE_STATUS_S &i_stCurrent)
     }
     LOG_INFO("cmd jpeg [%s] restart", m_strJpegCmd.c_str());
     PushStart(*m_pGstEncJpeg, MODULE_GST_JPEG, m_strJpegCmd);
+    WaitForStart(*m_pGstEncJpeg);
 }

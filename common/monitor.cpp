@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "framework/clock.h"
 
 namespace
 {
@@ -128,7 +129,7 @@ SInt32 CMonitor::main_loop()
         if (s32Watch < 0) {
             return -1;
         }
-        m_s64ReportTime = time(nullptr);
+        m_s64ReportTime = GetTimeInMs() / 1000;
         m_u32Count = 0;
         struct pollfd stPoll = {objInotify.m_s32Fd, POLLIN, 0};
         while (true) {
@@ -151,7 +152,8 @@ SInt32 CMonitor::main_loop()
 
 void CMonitor::ReportWhenDue()
 {
-    SInt64 s64Now = time(nullptr);
+    /* Measured on the monotonic clock: a wall clock set back must not stop the reports. */
+    SInt64 s64Now = GetTimeInMs() / 1000;
     if (s64Now - m_s64ReportTime <= kReportPauseSec) {
         return;
     }
@@ -162,7 +164,7 @@ void CMonitor::ReportWhenDue()
     m_s64ReportTime = s64Now;
     MSG_DESC_INFO_S stMsg =
         MakeMsg(MSG_TYPE_ASYNC, MODULE_MONITOR, MODULE_ENCODER, MSG_ENC_JPEG_FILE_STATUS);
-    const JPEG_FILE_STATUS_S stStatus = {s64Now, m_u32Count, 0};
+    const JPEG_FILE_STATUS_S stStatus = {time(nullptr), m_u32Count, 0};
     memcpy(stMsg.payload, &stStatus, sizeof(stStatus));
     SendSyncAndAsyncMsg(&stMsg, nullptr);
 }

@@ -13,6 +13,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "framework/thread.h"
@@ -97,6 +98,12 @@ UInt32 RQ_XMLParser::Parse(LOCK_WAIT_NOTICE i_pNotice)
     }
     if (fd >= 0 && !WaitForLock(i_pNotice)) {
         return tinyxml2::XML_ERROR_FILE_COULD_NOT_BE_OPENED;
+    }
+    /* Reading a pipe or a device could wait, or go on, for ever. */
+    struct stat stStat;
+    if (fd >= 0 && (fstat(fd, &stStat) != 0 || !S_ISREG(stStat.st_mode))) {
+        m_strLoadError = "not a regular file";
+        return doc.Parse(FLUSHED_XML);
     }
     if (doc.LoadFile(path) == tinyxml2::XML_SUCCESS) {
         return tinyxml2::XML_SUCCESS;

@@ -30,6 +30,7 @@ std::string BuildClients(const STREAM_STATUS_S &i_stStatus, const std::string &i
                          const std::string &i_strMulticastIp)
 {
     char szClients[kClientsSize] = "";
+    /* A change request may carry any number as a flag: all but 0 is on. */
     const bool bH264 = i_stStatus.u32H264Enable != 0;
     const bool bPreview = i_stStatus.u32PrevEnable != 0;
     if (bH264 && !i_strAddrList.empty()) {
@@ -53,7 +54,7 @@ std::string BuildH264Cmd(const INPUT_TIMING_S &i_stTiming, const STREAM_STATUS_S
              "framerate=%d/1 ! videoconvert ! vpuenc_h264 bitrate=%d gop-size=%d ! "
              "rtph264pay mtu=1024 ! queue ! multiudpsink clients=\"%s\" buffer-size=1000000",
              i_stTiming.width, i_stTiming.height, i_stTiming.fps,
-             static_cast<SInt32>(i_stStatus.u32H264Bitrate) / 1000,
+             static_cast<SInt32>(i_stStatus.u32H264Bitrate / 1000),
              static_cast<SInt32>(i_stStatus.u32H264Gop), i_strClients.c_str());
     return szCmd;
 }

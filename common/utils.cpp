@@ -13,6 +13,7 @@
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -152,6 +153,7 @@ Bool GetLocalBcastIPStr(const char *i_pIfName, char *o_pOut)
     }
     struct ifreq stRequest;
     if (QueryInterface(s32Fd, SIOCGIFBRDADDR, i_pIfName, &stRequest)) {
+        memset(o_pOut, 0, kIpTextSize);
         IpToText(&stRequest.ifr_broadaddr, o_pOut);
     } else {
         printf("Get Local Bcast IP failed\n");
@@ -371,6 +373,8 @@ SInt32 system_vfork(const char *i_pCmd)
      * nothing but become the shell. NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork) */
     pid_t s32Pid = vfork();
     if (s32Pid == 0) {
+        /* Ignored by the daemon's sockets; a command expects the default. */
+        signal(SIGPIPE, SIG_DFL);
         execl("/bin/sh", "sh", "-c", i_pCmd, static_cast<char *>(nullptr));
         _exit(127);
     }

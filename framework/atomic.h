@@ -2,8 +2,8 @@
  * Integer operations that are atomic with respect to one another.
  *
  * They are serialised by one process-wide mutex, not by the processor: a plain read or write of
- * the same word elsewhere is not covered. May be called from any thread, at any time of the
- * process's life.
+ * the same word elsewhere is not covered. May be called from any thread, from the start of main to
+ * the very end of the process.
  */
 #pragma once
 

@@ -38,12 +38,13 @@ public:
     void Join();
     void StopAndWaitForThread();
 
-    /* The stop request: any thread may set, read or clear it. */
-    void SendStopRequest() { m_bStopRequested.store(true); }
-    Bool IsStopRequested() const { return m_bStopRequested.load(); }
+    /* The stop request: any thread may set, read or clear it. It orders nothing else: what must be
+     * seen together with it is guarded by a lock of its own. */
+    void SendStopRequest() { m_bStopRequested.store(true, std::memory_order_relaxed); }
+    Bool IsStopRequested() const { return m_bStopRequested.load(std::memory_order_relaxed); }
     Bool ResetStopRequest()
     {
-        m_bStopRequested.store(false);
+        m_bStopRequested.store(false, std::memory_order_relaxed);
         return true;
     }
 

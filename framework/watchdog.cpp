@@ -57,6 +57,8 @@ void WaitForChild(pid_t i_s32Child)
 
 int CreateWatchdog(const char *)
 {
+    /* An ignored SIGCHLD is inherited over exec and would keep the child's end from wait(2). */
+    signal(SIGCHLD, SIG_DFL);
     for (;;) {
         pid_t processID = fork();
         assert(processID >= 0);

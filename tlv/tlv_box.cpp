@@ -259,6 +259,9 @@ int tlv_box_put_string(tlv_box *i_pBox, std::uint32_t i_u32Type, const char *i_p
 int tlv_box_put_bytes(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pBytes,
                       int i_s32Length)
 {
+    if (i_s32Length == 0) {
+        i_pBytes = "";
+    }
     return i_s32Length >= 0
                ? put_value(i_pBox, i_u32Type, i_pBytes, static_cast<std::size_t>(i_s32Length))
                : -1;
@@ -266,6 +269,9 @@ int tlv_box_put_bytes(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pB
 
 int tlv_box_put_object(tlv_box *i_pBox, std::uint32_t i_u32Type, const tlv_box *i_pNested)
 {
+    if (tlv_box_get_buffer(i_pNested) == nullptr) {
+        return -1;
+    }
     return tlv_box_put_bytes(i_pBox, i_u32Type, tlv_box_get_buffer(i_pNested),
                              tlv_box_get_size(i_pNested));
 }

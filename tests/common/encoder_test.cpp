@@ -297,6 +297,18 @@ TEST_F(EncoderTest, AStalledPreviewIsRestartedAtEveryReport)
     EXPECT_EQ(m_objLog.Count(kRestart), 2);
 }
 
+/* A report or a timing that is waiting behind a restart must not start the preview once more. */
+TEST_F(EncoderTest, ARestartedPreviewIsStartedOnce)
+{
+    ASSERT_EQ(Timing(1920, 1080, 60), 1);
+    ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc"));
+    m_objLog.Clear();
+    Report(1000, 0);
+    Report(1020, 0);
+    ASSERT_EQ(Timing(1280, 720, 60), 1);
+    EXPECT_EQ(m_objLog.Count("INFO cmd jpeg [udpsrc"), 1);
+}
+
 TEST_F(EncoderTest, SupervisionSaysWhatIsMissing)
 {
     m_stConfigured = Status(1, 0);

@@ -20,7 +20,6 @@
 namespace
 {
 constexpr char kLogFile[] = "/run/mv3300d.log";
-constexpr char kLogConf[] = "/config/logconf/mvx3300.conf";
 constexpr char kBoxPid[] = "/run/mv3300-sim/box.pid";
 constexpr char kSourceControl[] = "/run/mv3300-sim/video0";
 

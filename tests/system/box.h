@@ -87,4 +87,5 @@ void SetSource(const std::string &i_strWord);
 inline constexpr char kGroup[] = "234.29.78.95";
 inline constexpr int kGroupPort = 59202;
 inline constexpr char kParamFile[] = "/config/mv3300/param.xml";
+inline constexpr char kLogConf[] = "/config/logconf/mvx3300.conf";
 inline constexpr char kPidFile[] = "/var/run/mv3300.pid";

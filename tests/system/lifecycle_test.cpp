@@ -91,20 +91,38 @@ TEST(OptionTest, HelpForceAndUnknownOptionsAllStart)
     }
 }
 
-TEST(LogTest, WithoutAConfigurationTheLinesGoToStandardError)
+TEST(LogTest, WithoutAUsableConfigurationEveryLineGoesToStandardErrorOnce)
 {
-    std::filesystem::remove("/config/logconf/mvx3300.conf");
-    CDaemon objDaemon;
-    for (int i = 0; i < 500 && objDaemon.Output().find("thread info [main:") == std::string::npos;
-         i++) {
-        usleep(20000);
+    const struct {
+        const char *pText; /* null: no file */
+        const char *pSaid;
+    } stCases[] = {
+        {nullptr, "mvx3300.conf failed: "},
+        {"rootCategory=WARN, file\ncategory.CATEGORY=INFO, fil\nadditivity.CATEGORY=false\n"
+         "appender.file=FileAppender\nappender.file.fileName=/run/half.log\n"
+         "appender.file.layout=BasicLayout\n",
+         "mvx3300.conf failed: "},
+        {"rootCategory=INFO, file\nappender.file=FileAppender\n"
+         "appender.file.fileName=/nowhere/file.log\nappender.file.layout=BasicLayout\n",
+         "mvx3300.conf: a log file cannot be opened"},
+    };
+    for (const auto &stCase : stCases) {
+        std::filesystem::remove(kLogConf);
+        if (stCase.pText != nullptr) {
+            WriteFile(kLogConf, stCase.pText);
+        }
+        CDaemon objDaemon;
+        const char *const pUp = "thread info [main:";
+        for (int i = 0; i < 500 && objDaemon.Output().find(pUp) == std::string::npos; i++) {
+            usleep(20000);
+        }
+        objDaemon.Signal(SIGTERM);
+        EXPECT_EQ(objDaemon.Wait(Seconds(20)), 0);
+        const std::string strOutput = objDaemon.Output();
+        EXPECT_NE(strOutput.find(stCase.pSaid), std::string::npos) << strOutput;
+        EXPECT_NE(strOutput.find(pUp), std::string::npos) << strOutput;
+        EXPECT_EQ(strOutput.find(pUp), strOutput.rfind(pUp)) << strOutput;
     }
-    const std::string strOutput = objDaemon.Output();
-    EXPECT_NE(strOutput.find("log configuration /config/logconf/mvx3300.conf failed: "),
-              std::string::npos);
-    EXPECT_NE(strOutput.find("thread info [main:"), std::string::npos) << strOutput;
-    objDaemon.Signal(SIGTERM);
-    EXPECT_EQ(objDaemon.Wait(Seconds(20)), 0);
 }
 
 TEST(ParamFileTest, AFileLockedElsewhereHoldsUpTheStartButNotTheStop)
