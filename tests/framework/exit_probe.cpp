@@ -8,34 +8,55 @@
 #include <cstring>
 
 #include "framework/clock.h"
+#include "framework/ev.h"
 #include "framework/idletask.h"
 #include "framework/task.h"
 #include "framework/thread.h"
 #include "framework/timeouttask.h"
+#include "framework/udpsocket.h"
 
 namespace
 {
-/* Always busy: runs again soon, sets its idle timer, wakes its neighbour. */
+/* Always busy: runs again soon, sets its idle timer, wakes its neighbour, talks to itself. */
 class CBusyTask : public CIdleTask
 {
 public:
-    CBusyTask() : m_objRecord(this, 1, kTimeoutEvent) {}
+    CBusyTask() : m_objSocket(this, CSocket::kNonBlocking), m_objRecord(this, 1, kTimeoutEvent)
+    {
+        if (m_objSocket.Open() != 0 || m_objSocket.Bind(INADDR_LOOPBACK, 0) != 0) {
+            exit(1);
+        }
+    }
 
     SInt64 Run() override
     {
         if ((GetEvents() & kKillEvent) != 0) {
             return -1;
         }
-        SetIdleTimer(1);
+        KeepEveryThreadBusy();
         if (m_pNeighbour != nullptr) {
             m_pNeighbour->Signal(kReadEvent);
         }
         return GetTimeInMcros() % 2;
     }
 
+    void KeepEveryThreadBusy()
+    {
+        unsigned u32Addr, u32Len;
+        unsigned short u16Port;
+        char aBytes[8];
+        while (m_objSocket.RecvFrom(&u32Addr, &u16Port, aBytes, sizeof(aBytes), &u32Len) == 0) {
+        }
+        m_objSocket.RequestEvent(1);
+        u16Port = static_cast<unsigned short>(atoi(m_objSocket.GetLocalPortStr()->m_pPtr));
+        m_objSocket.SendTo(INADDR_LOOPBACK, u16Port, "again", 5);
+        SetIdleTimer(1);
+    }
+
     CTask *m_pNeighbour = nullptr;
 
 private:
+    CUDPSocket m_objSocket;
     CTimeoutTask m_objRecord;
 };
 
@@ -48,6 +69,9 @@ int main(int argc, char **argv)
     CThread::Initialize(0x80000);
     CTaskThreadPool::AddThreads(2);
     CTimeoutTask::Initialize(100);
+    select_startevents();
+    CSocket::Initialize();
+    CSocket::StartThread();
     CIdleTask::Initialize();
     for (int i = 0; i < kTasks; i++) {
         g_aTasks[i] = new CBusyTask;
@@ -61,9 +85,9 @@ int main(int argc, char **argv)
     if (argc > 1 && strcmp(argv[1], "stop") == 0) {
         g_aTasks[0]->Signal(CTask::kKillEvent);
         CTaskThreadPool::RemoveThreads();
-        /* The idle thread goes on with these while the process leaves. */
+        /* The idle and event threads go on with these while the process leaves. */
         for (int i = 1; i < kTasks; i++) {
-            g_aTasks[i]->SetIdleTimer(i % 2);
+            g_aTasks[i]->KeepEveryThreadBusy();
         }
     }
     return 0;
