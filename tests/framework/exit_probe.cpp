@@ -21,7 +21,7 @@ namespace
 class CBusyTask : public CIdleTask
 {
 public:
-    CBusyTask() : m_objSocket(this, CSocket::kNonBlocking), m_objRecord(this, 1, kTimeoutEvent)
+    CBusyTask() : m_objSocket(this, CSocket::kNonBlocking), m_objRecord(this, 0, kTimeoutEvent)
     {
         if (m_objSocket.Open() != 0 || m_objSocket.Bind(INADDR_LOOPBACK, 0) != 0) {
             exit(1);
@@ -33,6 +33,7 @@ public:
         if ((GetEvents() & kKillEvent) != 0) {
             return -1;
         }
+        m_objRecord.SetTimeout(1); /* not before: the task may be signalled from here on */
         KeepEveryThreadBusy();
         if (m_pNeighbour != nullptr) {
             m_pNeighbour->Signal(kReadEvent);
@@ -59,6 +60,13 @@ private:
     CUDPSocket m_objSocket;
     CTimeoutTask m_objRecord;
 };
+
+/* Made before every other static object, so destroyed after them: gives the threads time to meet
+ * what should not have been destroyed. */
+struct CSlowEnd {
+    ~CSlowEnd() { CThread::Sleep(5); }
+};
+[[gnu::init_priority(101)]] CSlowEnd g_objSlowEnd;
 
 constexpr int kTasks = 16;
 CBusyTask *g_aTasks[kTasks];
