@@ -313,3 +313,5 @@ BENCHMARK(BoxDecode<EncodeBoxMsgpack, DecodeBoxMsgpack>)
     ->RangeMultiplier(10)
     ->Range(1, 1000);
 } // namespace
+
+BENCHMARK_MAIN();
