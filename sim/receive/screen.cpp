@@ -193,7 +193,8 @@ std::string ScreenText(const SCREEN_S &i_stScreen, size_t i_u64Columns)
     objRows.Add("  Picture       " + PictureText(i_stScreen));
     objRows.Add("  GOP           " + GopText(stStats.u32Gop));
     objRows.Add("  Gaps          " + GapText(stStats.stRtp));
-    objRows.Add(Format("  Starts        %" PRIu64, stStats.stRtp.u64Sessions));
+    objRows.Add(Format("  Restarts      %" PRIu64,
+                       stStats.stRtp.u64Sessions - std::min<UInt64>(1, stStats.stRtp.u64Sessions)));
     if (!stStats.strError.empty()) {
         objRows.Add("  Stopped:      " + stStats.strError);
     }
