@@ -61,9 +61,10 @@ need_box() {
 configure_and_build() {
     local folder=$1
     shift
+    mkdir -p "$folder"
     say "configuring ${folder#"$REPO"/}"
-    cmake -S "$REPO" -B "$folder" "$@" >"$folder.log" 2>&1 || {
-        cat "$folder.log" >&2
+    cmake -S "$REPO" -B "$folder" "$@" >"$folder/configure.log" 2>&1 || {
+        cat "$folder/configure.log" >&2
         die "the configuration failed"
     }
     say "building ${folder#"$REPO"/} on $(nproc) processors"
