@@ -121,9 +121,11 @@ int key_list_count(const key_list *i_pList)
 
 int key_list_keyset(const key_list *i_pList, std::uint32_t *o_pKeys, int i_s32Capacity)
 {
-    if (i_pList == nullptr || i_pList->count > i_s32Capacity ||
-        (o_pKeys == nullptr && i_pList->count > 0)) {
+    if (i_pList == nullptr || i_pList->count > i_s32Capacity) {
         return -1;
+    }
+    if (o_pKeys == nullptr) {
+        return i_pList->count == 0 ? 0 : -1;
     }
     for (const key_list_node *pNode = &i_pList->head; pNode != nullptr; pNode = pNode->next) {
         for (int i = 0; i < pNode->used; i++) {

@@ -239,6 +239,7 @@ void Describe(CLI::App &io_objApp, OPTIONS_S &o_stOptions)
 
     CLI::App *pGet = io_objApp.add_subcommand("get", "Show the settings");
     std::vector<std::string> strNames;
+    strNames.reserve(STREAM_FIELD_COUNT);
     for (const STREAM_FIELD_S &stField : STREAM_FIELDS) {
         strNames.emplace_back(stField.pName);
     }
