@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include "common/log.h"
-#include "framework/clock.h"
 
 namespace
 {
@@ -129,7 +128,7 @@ SInt32 CMonitor::main_loop()
         if (s32Watch < 0) {
             return -1;
         }
-        m_s64ReportTime = GetTimeInMs() / 1000;
+        m_s64ReportTime = time(nullptr);
         m_u32Count = 0;
         struct pollfd stPoll = {objInotify.m_s32Fd, POLLIN, 0};
         while (true) {
@@ -152,9 +151,10 @@ SInt32 CMonitor::main_loop()
 
 void CMonitor::ReportWhenDue()
 {
-    /* Measured on the monotonic clock: a wall clock set back must not stop the reports. */
-    SInt64 s64Now = GetTimeInMs() / 1000;
-    if (s64Now - m_s64ReportTime <= kReportPauseSec) {
+    SInt64 s64Now = time(nullptr);
+    const SInt64 s64Passed = s64Now - m_s64ReportTime;
+    /* A wall clock set back must not stop the reports until it has caught up. */
+    if (s64Passed >= 0 && s64Passed <= kReportPauseSec) {
         return;
     }
     /* Takes an empty directory too, which would block every later picture. */
@@ -164,7 +164,7 @@ void CMonitor::ReportWhenDue()
     m_s64ReportTime = s64Now;
     MSG_DESC_INFO_S stMsg =
         MakeMsg(MSG_TYPE_ASYNC, MODULE_MONITOR, MODULE_ENCODER, MSG_ENC_JPEG_FILE_STATUS);
-    const JPEG_FILE_STATUS_S stStatus = {time(nullptr), m_u32Count, 0};
+    const JPEG_FILE_STATUS_S stStatus = {s64Now, m_u32Count, 0};
     memcpy(stMsg.payload, &stStatus, sizeof(stStatus));
     SendSyncAndAsyncMsg(&stMsg, nullptr);
 }

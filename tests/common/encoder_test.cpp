@@ -288,8 +288,8 @@ TEST_F(EncoderTest, AStalledPreviewIsRestartedAtEveryReport)
     /* Progress, forwards or backwards, starts the time anew. */
     Report(1030, 4);
     Report(1039, 4);
-    Report(1050, 1);
-    Report(1059, 1);
+    Report(1039, 1);
+    Report(1048, 1);
     EXPECT_EQ(m_objLog.Count(kRestart), 2);
     /* A wanted preview needs a started H.264 pipeline. */
     ASSERT_EQ(Timing(0, 0, 0), 1);

@@ -163,6 +163,10 @@ TEST_F(MonitorTest, ReportsComeWhenMoreThanTwoSecondsHavePassed)
         s64Least = std::min(s64Least, stReports[i].time - stReports[i - 1].time);
     }
     EXPECT_EQ(s64Least, 3);
+
+    moved_time::Advance(-3600000);
+    NextReport();
+    EXPECT_LT(Reports().back().time, stReports.back().time);
 }
 
 TEST_F(MonitorTest, DirectoriesAndALostWatchDoNotStopTheReports)
