@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Shared set-up of the scripts: installs what is missing and builds. Sourced, not run.
 #
 # Works on a bare Debian 12, as root or with sudo. Nothing is installed that is there already, and
