@@ -76,14 +76,19 @@ TEST(PipelineDescTest, WholeTexts)
 }
 
 /* The module's handlers with real workers and a configuration of the test's own. The test's thread
- * stands for the encoder's; pauses are a hundredth of the real ones. */
+ * stands for the encoder's; pauses are a twentieth of the real ones. */
 class EncoderTest : public testing::Test
 {
 protected:
     void SetUp() override
     {
         CGstObj::Initialize();
-        moved_time::DivideSleeps(100);
+        /* Loads the plug-ins, which may take longer than the shortened waits. */
+        GstElement *pPreview =
+            gst_parse_launch(BuildJpegCmd({1920, 1080, 60, 0}, m_stConfigured).c_str(), nullptr);
+        ASSERT_NE(pPreview, nullptr);
+        gst_object_unref(pPreview);
+        moved_time::DivideSleeps(20);
         fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *o_pResult) {
             if (i_stMsg.msgno == MSG_GET_ADDR_LIST) {
                 memcpy(o_pResult, m_strAddrList.c_str(), m_strAddrList.size() + 1);
@@ -300,6 +305,7 @@ TEST_F(EncoderTest, AStalledPreviewIsRestartedAtEveryReport)
 /* A report or a timing that is waiting behind a restart must not start the preview once more. */
 TEST_F(EncoderTest, ARestartedPreviewIsStartedOnce)
 {
+    moved_time::Reset(); /* the real pauses: a real pipeline is raced here */
     ASSERT_EQ(Timing(1920, 1080, 60), 1);
     ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc"));
     m_objLog.Clear();
