@@ -80,10 +80,10 @@ void BareParse(benchmark::State &io_objState)
     }
 }
 
-BENCHMARK(LoadParameters)->Arg(37);
-BENCHMARK(BareParse)->Arg(37);
-BENCHMARK(LoadParameters)->Arg(10000);
-BENCHMARK(BareParse)->Arg(10000);
+BENCHMARK(LoadParameters)->Name("param/load/ours")->Arg(37);
+BENCHMARK(BareParse)->Name("param/load/tinyxml2")->Arg(37);
+BENCHMARK(LoadParameters)->Name("param/load/ours")->Arg(10000);
+BENCHMARK(BareParse)->Name("param/load/tinyxml2")->Arg(10000);
 } // namespace
 
 BENCHMARK_MAIN();
