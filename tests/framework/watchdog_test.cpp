@@ -83,8 +83,9 @@ INSTANTIATE_TEST_SUITE_P(
     Ends, WatchdogTest,
     testing::Values(
         WATCHDOG_CASE_S{"Clean", 0, 0, 1, 0, "child exited cleanly so parent is exiting"},
-        WATCHDOG_CASE_S{"Code3", 0, 3, 2, 0, "s32Status=768 exit s32Status=3\n"
-                                             "child exited with s32Status=3\n"},
+        WATCHDOG_CASE_S{"Code3", 0, 3, 2, 0,
+                        "s32Status=768 exit s32Status=3\n"
+                        "child exited with s32Status=3\n"},
         WATCHDOG_CASE_S{"Code255", 0, 255, 1, 1, "child exited with s32Status=-1\n"},
         WATCHDOG_CASE_S{"Abort", SIGABRT, 0, 2, 0, "child was signalled, 6.\n"},
         WATCHDOG_CASE_S{"Bus", SIGBUS, 0, 2, 0, "child was signalled, 7.\n"},

@@ -6,5 +6,6 @@
 #include <string>
 
 /* Moves the calling process, which has one thread, into a new network namespace and brings its
- * loopback interface up, with the route of the multicast groups. Empty, or the reason why it is not possible. */
+ * loopback interface up, with the route of the multicast groups. Empty, or the reason why it is not
+ * possible. */
 std::string EnterPrivateNetwork();
