@@ -19,7 +19,6 @@
 
 namespace
 {
-constexpr int kPopTimeoutMs = 500;
 constexpr int kPollTimeoutMs = 1000;
 constexpr unsigned kReopenPauseMs = 1000;
 constexpr int kReceiveBufferSize = 65536;
@@ -110,36 +109,14 @@ void SendTiming(const INPUT_TIMING_S &i_stTiming)
 
 void CCapture::Entry()
 {
-    SetName("capture");
-    LOG_THREAD_INFO("capture");
-    MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, MODULE_CAPTURE, MODULE_CAPTURE, MSG_INIT);
-    SendSyncAndAsyncMsg(&stMsg, nullptr);
-    while (!IsStopRequested()) {
-        stMsg = {};
-        if (PopMsg(kPopTimeoutMs, &stMsg) == 1) {
-            HandleMsg(&stMsg, nullptr);
-        }
-    }
+    BeginThread("capture");
+    SendToSelf(MODULE_CAPTURE, MSG_INIT);
+    ServeUntilStop();
 }
 
-int CCapture::PushMsg(const MSG_DESC_INFO_S *i_pMsg)
+void CCapture::LogPushFail() const
 {
-    int s32Result = m_objMsgQueue.PushMsg(i_pMsg);
-    if (s32Result == 0) {
-        LOG_ERROR("CCapture pushmsg fail");
-    }
-    return s32Result;
-}
-
-int CCapture::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
-{
-    return m_objMsgQueue.PopMsg(i_s32Timeout, o_pMsg);
-}
-
-int CCapture::HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    CMutexLocker objLocker(&m_objMutex);
-    return HandleSyncAsyncMsg(i_pMsg, o_pResult);
+    LOG_ERROR("CCapture pushmsg fail");
 }
 
 int CCapture::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)

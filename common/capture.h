@@ -10,9 +10,7 @@
 
 #include <cstddef>
 
-#include "common/msg_queue.h"
-#include "framework/mutex.h"
-#include "framework/thread.h"
+#include "common/module.h"
 #include "framework/types.h"
 
 /* What one uevent datagram says. The texts point into the datagram; never null. */
@@ -28,7 +26,7 @@ struct uevent {
     INPUT_TIMING_S timing; /* zeros where none was read */
 };
 
-class CCapture : public CThread
+class CCapture : public CModule
 {
 public:
     /* Longest datagram taken from the kernel; what is longer is cut. */
@@ -38,10 +36,7 @@ public:
     ~CCapture() override { StopAndWaitForThread(); }
 
     void Entry() override;
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
-    int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
-    int HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* Returns when a stop was requested. */
     int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
@@ -59,11 +54,9 @@ public:
     void parse_event(const char *i_pBuffer, uevent *o_pEvent);
 
 private:
+    void LogPushFail() const override;
     int OpenUntilStop();
     void ReceiveAll(int i_s32Fd);
-
-    CMutex m_objMutex;
-    CMsgQueue m_objMsgQueue;
 };
 
 extern CCapture g_objCapture;

@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include <strings.h>
-#include <unistd.h>
 
 #include "common/log.h"
 #include "common/param.h"
@@ -17,7 +16,6 @@ CONFIG_INFO_S g_stConfigInfo;
 
 namespace
 {
-constexpr int kPopTimeoutMs = 500;
 constexpr std::size_t kSrcDeviceIdLength = 12;
 
 struct RANGE_S {
@@ -131,36 +129,14 @@ CConfig::CConfig(const char *i_pPath) : m_stConfigInfo{}, m_pPath(i_pPath) {}
 
 void CConfig::Entry()
 {
-    SetName("config");
-    LOG_THREAD_INFO("config");
-    MSG_DESC_INFO_S stRead = MakeMsg(MSG_TYPE_ASYNC, MODULE_CONFIG, MODULE_CONFIG, MSG_READ_CONFIG);
-    SendSyncAndAsyncMsg(&stRead, nullptr);
-    while (!IsStopRequested()) {
-        MSG_DESC_INFO_S stMsg = {};
-        if (PopMsg(kPopTimeoutMs, &stMsg) == 1) {
-            HandleMsg(&stMsg, nullptr);
-        }
-    }
+    BeginThread("config");
+    SendToSelf(MODULE_CONFIG, MSG_READ_CONFIG);
+    ServeUntilStop();
 }
 
-int CConfig::PushMsg(const MSG_DESC_INFO_S *i_pMsg)
+void CConfig::LogPushFail() const
 {
-    int s32Result = m_objMsgQueue.PushMsg(i_pMsg);
-    if (s32Result == 0) {
-        LOG_ERROR("config pushmsg fail");
-    }
-    return s32Result;
-}
-
-int CConfig::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
-{
-    return m_objMsgQueue.PopMsg(i_s32Timeout, o_pMsg);
-}
-
-int CConfig::HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    CMutexLocker objLocker(&m_objMutex);
-    return HandleSyncAsyncMsg(i_pMsg, o_pResult);
+    LOG_ERROR("config pushmsg fail");
 }
 
 int CConfig::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)

@@ -11,9 +11,7 @@
 
 #include <cstddef>
 
-#include "common/msg_queue.h"
-#include "framework/mutex.h"
-#include "framework/thread.h"
+#include "common/module.h"
 #include "framework/types.h"
 
 /* Compared byte for byte, so it has no padding and is zeroed whole before it is filled. */
@@ -37,7 +35,7 @@ static_assert(offsetof(CONFIG_INFO_S, szSrcDeviceId) == 1080);
 /* The configuration as the file last gave it; touched only while the file is being read. */
 extern CONFIG_INFO_S g_stConfigInfo;
 
-class CConfig : public CThread
+class CConfig : public CModule
 {
 public:
     /* i_pPath: the parameter file; has to outlive the object. */
@@ -46,15 +44,9 @@ public:
 
     void Entry() override;
 
-    /* Any thread may call these three. See CMsgQueue for the first two. */
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
-    int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
-    /* Handles the message in the calling thread, under the module mutex. 1 success, 0 failure;
-     * o_pResult as the handler of the message number says. */
-    int HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-
 private:
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    void LogPushFail() const override;
+    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* o_pResult: null, or a byte that is set to 1 when the configuration changed, to 0 when not. */
     int HandleReadConfigMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
@@ -71,8 +63,6 @@ private:
      * what the module had, 0 it is the same. */
     int GetConfigInfoFromFile();
 
-    CMutex m_objMutex;
-    CMsgQueue m_objMsgQueue;
     CONFIG_INFO_S m_stConfigInfo;
     const char *m_pPath;
 };

@@ -8,8 +8,6 @@
 
 #include <cstring>
 
-#include <unistd.h>
-
 #include "common/log.h"
 #include "common/pipeline_desc.h"
 #include "common/utils.h"
@@ -98,39 +96,17 @@ CEncoder::~CEncoder()
 
 void CEncoder::Entry()
 {
-    SetName("encoder");
-    LOG_THREAD_INFO("encoder");
-    MSG_DESC_INFO_S stInit = MakeMsg(MSG_TYPE_ASYNC, MODULE_ENCODER, MODULE_ENCODER, MSG_INIT);
-    SendSyncAndAsyncMsg(&stInit, nullptr);
-    while (!IsStopRequested()) {
-        MSG_DESC_INFO_S stMsg = {};
-        if (PopMsg(500, &stMsg)) {
-            HandleMsg(&stMsg, nullptr);
-        }
-    }
+    BeginThread("encoder");
+    SendToSelf(MODULE_ENCODER, MSG_INIT);
+    ServeUntilStop();
     LOG_INFO("encoder stop running");
     EndWorker(m_pGstEncH264);
     EndWorker(m_pGstEncJpeg);
 }
 
-int CEncoder::PushMsg(const MSG_DESC_INFO_S *i_pMsg)
+void CEncoder::LogPushFail() const
 {
-    int s32Result = m_objMsgQueue.PushMsg(i_pMsg);
-    if (s32Result == 0) {
-        LOG_ERROR("CEncoder pushmsg fail");
-    }
-    return s32Result;
-}
-
-int CEncoder::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
-{
-    return m_objMsgQueue.PopMsg(i_s32Timeout, o_pMsg);
-}
-
-int CEncoder::HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    CMutexLocker objLocker(&m_objMutex);
-    return HandleSyncAsyncMsg(i_pMsg, o_pResult);
+    LOG_ERROR("CEncoder pushmsg fail");
 }
 
 int CEncoder::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)

@@ -13,22 +13,16 @@
 #include <string>
 
 #include "common/gstenc.h"
-#include "common/msg_queue.h"
-#include "framework/thread.h"
+#include "common/module.h"
 
-class CEncoder : public CThread
+class CEncoder : public CModule
 {
 public:
     CEncoder();
     ~CEncoder() override;
 
     void Entry() override;
-
-    /* Any thread. 1 queued, 0 refused. */
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
-    int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
-    int HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* Makes and starts the workers that do not exist yet, then fetches the stream status. */
     int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
@@ -46,6 +40,7 @@ public:
     int HandleJpegFileStatusMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
 private:
+    void LogPushFail() const override;
     void CreateWorkers();
     void QueryStreamStatus();
     bool StopForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32H264Started);
@@ -58,8 +53,6 @@ private:
     bool JpegStalled(const JPEG_FILE_STATUS_S &i_stCurrent) const;
     void RestartJpeg(const JPEG_FILE_STATUS_S &i_stCurrent);
 
-    CMutex m_objMutex;
-    CMsgQueue m_objMsgQueue;
     std::unique_ptr<CGstEnc> m_pGstEncH264;
     std::unique_ptr<CGstEnc> m_pGstEncJpeg;
     INPUT_TIMING_S m_stLastTiming;

@@ -3,8 +3,6 @@
  */
 #include "common/gstenc.h"
 
-#include <unistd.h>
-
 #include "common/log.h"
 
 CGstEnc::CGstEnc() : CGstEnc("gst-enc") {}
@@ -25,36 +23,15 @@ CGstEnc::~CGstEnc()
 void CGstEnc::Entry()
 {
     const char *pName = m_strName.empty() ? "gst-enc" : m_strName.c_str();
-    SetName(pName);
-    LOG_THREAD_INFO(pName);
-    while (!IsStopRequested()) {
-        MSG_DESC_INFO_S stMsg = {};
-        if (PopMsg(500, &stMsg) != 0) {
-            HandleMsg(&stMsg, nullptr);
-        }
-    }
+    BeginThread(pName);
+    ServeUntilStop();
     LOG_INFO("%s stop running", m_strName.c_str());
     HandleStopMsgEnc(nullptr, nullptr);
 }
 
-int CGstEnc::PushMsg(const MSG_DESC_INFO_S *i_pMsg)
+void CGstEnc::LogPushFail() const
 {
-    int s32Result = m_objMsgQueue.PushMsg(i_pMsg);
-    if (s32Result == 0) {
-        LOG_ERROR("CGstEnc pushmsg to %s fail", m_strName.c_str());
-    }
-    return s32Result;
-}
-
-int CGstEnc::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
-{
-    return m_objMsgQueue.PopMsg(i_s32Timeout, o_pMsg);
-}
-
-int CGstEnc::HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg)
-{
-    CMutexLocker objLocker(&m_objMutex);
-    return HandleSyncAsyncMsg(i_pMsg, i_pArg);
+    LOG_ERROR("CGstEnc pushmsg to %s fail", m_strName.c_str());
 }
 
 int CGstEnc::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg)

@@ -16,12 +16,10 @@
 #include <string>
 
 #include "common/gstobj.h"
-#include "common/msg_queue.h"
-#include "framework/mutex.h"
-#include "framework/thread.h"
+#include "common/module.h"
 #include "framework/types.h"
 
-class CGstEnc : public CThread
+class CGstEnc : public CModule
 {
 public:
     CGstEnc();
@@ -36,16 +34,8 @@ public:
      * stop. */
     int GetStartStatus() { return m_iStartStatus.load(); }
 
-    /* Queues a copy. 1 queued; 0 for a null message or a full queue (the message is dropped and
-     * logged). */
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
-    /* As CMsgQueue::PopMsg: 1 taken, 0 none within i_s32Timeout milliseconds. */
-    int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
-
-    /* Handles one message under the worker's mutex and returns the handler's result. */
-    int HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
     /* 0 for a null message and for MSG_STOP, which is ignored; 1 for an unknown number. */
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
+    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg) override;
     int HandleInitMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
     int HandleDeinitMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
     int HandleReinitMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
@@ -56,8 +46,8 @@ public:
     int HandleStopMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
 
 private:
-    CMutex m_objMutex;
-    CMsgQueue m_objMsgQueue;
+    void LogPushFail() const override;
+
     CGstObj m_objGstObj;
     std::atomic<SInt32> m_iStartStatus;
     std::string m_strName;

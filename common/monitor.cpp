@@ -17,7 +17,6 @@
 
 namespace
 {
-constexpr int kPopTimeoutMs = 500;
 constexpr int kPollTimeoutMs = 1000;
 constexpr SInt64 kReportPauseSec = 2;
 constexpr unsigned kWriterPauseMs = 20;
@@ -50,37 +49,15 @@ CMonitor::CMonitor(std::string i_strDir, std::string i_strPicture)
 
 void CMonitor::Entry()
 {
-    SetName("monitor");
-    LOG_THREAD_INFO("monitor");
-    MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, MODULE_MONITOR, MODULE_MONITOR, MSG_INIT);
-    SendSyncAndAsyncMsg(&stMsg, nullptr);
-    while (!IsStopRequested()) {
-        stMsg = {};
-        if (PopMsg(kPopTimeoutMs, &stMsg) == 1) {
-            HandleMsg(&stMsg, nullptr);
-        }
-    }
+    BeginThread("monitor");
+    SendToSelf(MODULE_MONITOR, MSG_INIT);
+    ServeUntilStop();
 }
 
-int CMonitor::PushMsg(const MSG_DESC_INFO_S *i_pMsg)
+void CMonitor::LogPushFail() const
 {
-    int s32Result = m_objMsgQueue.PushMsg(i_pMsg);
-    if (s32Result == 0) {
-        /* Kept: the capture module's words. */
-        LOG_ERROR("CCapture pushmsg fail");
-    }
-    return s32Result;
-}
-
-int CMonitor::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
-{
-    return m_objMsgQueue.PopMsg(i_s32Timeout, o_pMsg);
-}
-
-int CMonitor::HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    CMutexLocker objLocker(&m_objMutex);
-    return HandleSyncAsyncMsg(i_pMsg, o_pResult);
+    /* Kept: the capture module's words. */
+    LOG_ERROR("CCapture pushmsg fail");
 }
 
 int CMonitor::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)

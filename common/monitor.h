@@ -11,12 +11,10 @@
 
 #include <string>
 
-#include "common/msg_queue.h"
-#include "framework/mutex.h"
-#include "framework/thread.h"
+#include "common/module.h"
 #include "framework/types.h"
 
-class CMonitor : public CThread
+class CMonitor : public CModule
 {
 public:
     /* i_strDir: where pictures are moved in, with a slash at the end; must exist when the loop
@@ -26,10 +24,7 @@ public:
     ~CMonitor() override { StopAndWaitForThread(); }
 
     void Entry() override;
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
-    int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
-    int HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* Returns when a stop was requested, or at once if the directory cannot be watched. */
     int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
@@ -40,12 +35,11 @@ public:
     SInt32 main_loop();
 
 private:
+    void LogPushFail() const override;
     void ReportWhenDue();
     void ReadEvents(int i_s32Fd, int i_s32Watch);
     void Publish(const char *i_pName);
 
-    CMutex m_objMutex;
-    CMsgQueue m_objMsgQueue;
     const std::string m_strDir;
     const std::string m_strPicture;
     SInt64 m_s64ReportTime; /* seconds since the epoch */

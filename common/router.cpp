@@ -22,28 +22,23 @@ CMutex g_objRuningMutex;
 
 namespace
 {
-/* Calls the function with the module of the id. False for an id that no module has here: the
- * pipeline workers are reached through the encoder only. */
-template <typename Function> bool WithModule(UInt32 i_u32Id, Function i_objFunction)
+/* Null for an id that no module has here: the pipeline workers are reached through the encoder
+ * only. */
+CModule *FindModule(UInt32 i_u32Id)
 {
     switch (i_u32Id) {
     case MODULE_CONFIG:
-        i_objFunction(g_objConfig);
-        return true;
+        return &g_objConfig;
     case MODULE_ENCODER:
-        i_objFunction(g_objEncoder);
-        return true;
+        return &g_objEncoder;
     case MODULE_TIMER:
-        i_objFunction(g_objTimer);
-        return true;
+        return &g_objTimer;
     case MODULE_CAPTURE:
-        i_objFunction(g_objCapture);
-        return true;
+        return &g_objCapture;
     case MODULE_MONITOR:
-        i_objFunction(g_objMonitor);
-        return true;
+        return &g_objMonitor;
     default:
-        return false;
+        return nullptr;
     }
 }
 } // namespace
@@ -53,11 +48,10 @@ int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
     if (i_pMsg == nullptr) {
         return 0;
     }
-    int s32Result = 0;
+    CModule *pModule = FindModule(i_pMsg->dst);
     if (i_pMsg->msgtype == MSG_TYPE_ASYNC) {
-        if (WithModule(i_pMsg->dst,
-                       [&](auto &objModule) { s32Result = objModule.PushMsg(i_pMsg); })) {
-            return s32Result;
+        if (pModule != nullptr) {
+            return pModule->PushMsg(i_pMsg);
         }
         LOG_ERROR("async message, unknown module<%d>", i_pMsg->dst);
     } else if (i_pMsg->msgtype == MSG_TYPE_SYNC) {
@@ -67,11 +61,9 @@ int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
                 i_pMsg->msgtype, i_pMsg->src, i_pMsg->dst, i_pMsg->msgno);
             return 0;
         }
-        const bool bKnown = WithModule(i_pMsg->dst, [&](auto &objModule) {
-            s32Result = objModule.HandleMsg(i_pMsg, o_pResult);
-        });
+        const int s32Result = pModule != nullptr ? pModule->HandleMsg(i_pMsg, o_pResult) : 0;
         PutRunningMutex(&g_objRuningMutex);
-        if (bKnown) {
+        if (pModule != nullptr) {
             return s32Result;
         }
         LOG_ERROR("sync message, unknown module<%d>", i_pMsg->dst);

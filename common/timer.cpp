@@ -30,8 +30,7 @@ CTimer::CTimer(unsigned int i_u32Wait) : m_u32Wait(std::max(i_u32Wait, kWaitMs))
 
 void CTimer::Entry()
 {
-    SetName("timer");
-    LOG_THREAD_INFO("timer");
+    BeginThread("timer");
     while (!IsStopRequested()) {
         /* A wait that ends without a message leaves this one: scan the timers. */
         MSG_DESC_INFO_S stMsg = {};
@@ -41,24 +40,9 @@ void CTimer::Entry()
     }
 }
 
-int CTimer::PushMsg(const MSG_DESC_INFO_S *i_pMsg)
+void CTimer::LogPushFail() const
 {
-    int s32Result = m_objMsgQueue.PushMsg(i_pMsg);
-    if (s32Result == 0) {
-        LOG_ERROR("CTimer pushmsg fail");
-    }
-    return s32Result;
-}
-
-int CTimer::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
-{
-    return m_objMsgQueue.PopMsg(i_s32Timeout, o_pMsg);
-}
-
-int CTimer::HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    CMutexLocker objLocker(&m_objMutex);
-    return HandleSyncAsyncMsg(i_pMsg, o_pResult);
+    LOG_ERROR("CTimer pushmsg fail");
 }
 
 int CTimer::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)

@@ -13,9 +13,7 @@
 #include <cstddef>
 #include <map>
 
-#include "common/msg_queue.h"
-#include "framework/mutex.h"
-#include "framework/thread.h"
+#include "common/module.h"
 #include "framework/types.h"
 
 /* Timer request: head of the payload of MSG_SET_TIMER and MSG_CANCEL_TIMER. */
@@ -38,7 +36,7 @@ struct TIMER_INFO_S {
 static_assert(sizeof(TIMER_INFO_S) == 1080);
 static_assert(offsetof(TIMER_INFO_S, expiry) == 16);
 
-class CTimer : public CThread
+class CTimer : public CModule
 {
 public:
     CTimer();
@@ -47,10 +45,7 @@ public:
     ~CTimer() override { StopAndWaitForThread(); }
 
     void Entry() override;
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
-    int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
-    int HandleMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* Sends what is due and computes the next wait. */
     int HandleTimeout();
@@ -63,8 +58,8 @@ public:
     UInt32 GetWait() const { return m_u32Wait.load(std::memory_order_relaxed); }
 
 private:
-    CMutex m_objMutex;
-    CMsgQueue m_objMsgQueue;
+    void LogPushFail() const override;
+
     std::atomic<UInt32> m_u32Wait;
     /* In order of insertion, by a running number. A walk finds its place by the number, because a
      * timeout that it sends can come back as a request that changes the list. */
