@@ -1,29 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include "common/config.h"
 #include "common/param.h"
+#include "tests/support/fake_router.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
-
-namespace
-{
-std::mutex g_objSentMutex;
-std::vector<MSG_DESC_INFO_S> g_stSent;
-CConfig *g_pReceiver = nullptr;
-} // namespace
-
-/* Stands in for the router: notes what is sent, and hands it on when a module is set. */
-int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    std::lock_guard objLock(g_objSentMutex);
-    EXPECT_EQ(o_pResult, nullptr);
-    g_stSent.push_back(*i_pMsg);
-    return g_pReceiver != nullptr ? g_pReceiver->PushMsg(i_pMsg) : 1;
-}
 
 namespace
 {
@@ -213,19 +197,19 @@ TEST_F(ConfigTest, GettersAnswerInTheBufferOrByAMessage)
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, strResult.data()), 1);
         EXPECT_EQ(strResult.substr(0, stCase.strStart.size()), stCase.strStart);
         EXPECT_EQ(strResult.substr(stCase.u64Size), std::string(600 - stCase.u64Size, '\x5A'));
-        EXPECT_TRUE(g_stSent.empty());
+        EXPECT_TRUE(fake_router::Sent(stCase.u32MsgNo).empty());
 
         stMsg.msgtype = 1;
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, nullptr), 1);
-        ASSERT_EQ(g_stSent.size(), 1U);
+        const std::vector<MSG_DESC_INFO_S> stSent = fake_router::Sent(stCase.u32MsgNo);
+        ASSERT_EQ(stSent.size(), 1U);
         MSG_DESC_INFO_S stExpected = {};
         stExpected.msgtype = 1;
         stExpected.src = 0;
         stExpected.dst = 12;
         stExpected.msgno = stCase.u32MsgNo;
         memcpy(stExpected.payload, strResult.data(), stCase.u64Size);
-        EXPECT_EQ(memcmp(&g_stSent[0], &stExpected, sizeof(stExpected)), 0) << stCase.u32MsgNo;
-        g_stSent.clear();
+        EXPECT_EQ(memcmp(&stSent[0], &stExpected, sizeof(stExpected)), 0) << stCase.u32MsgNo;
     }
 }
 
@@ -312,7 +296,8 @@ TEST_F(ConfigTest, UnknownNumbersAndNullMessages)
 TEST_F(ConfigTest, ThreadReadsTheFileAndStopsWhileItIsLocked)
 {
     WriteParams({{"h264_stream_gop", "30"}});
-    g_pReceiver = &m_objConfig;
+    fake_router::OnMessage(
+        [this](const MSG_DESC_INFO_S &i_stMsg, void *) { return m_objConfig.PushMsg(&i_stMsg); });
     RQ_XMLParser objHolder(m_strPath.c_str());
     ASSERT_EQ(objHolder.Parse(), 0U);
     m_objConfig.Start();
@@ -324,8 +309,9 @@ TEST_F(ConfigTest, ThreadReadsTheFileAndStopsWhileItIsLocked)
     EXPECT_TRUE(m_objLog.Has("ERROR HandleReadConfigMsg " + m_strPath + " err<4> --["));
     EXPECT_EQ(m_objLog.Count("is locked"), 1);
     EXPECT_EQ(Show(GetStatus()), "2: 0 0  0, 0 0 0") << "the record is left unchanged";
-    ASSERT_EQ(g_stSent.size(), 1U);
+    const std::vector<MSG_DESC_INFO_S> stSent = fake_router::Sent(256);
+    ASSERT_EQ(stSent.size(), 1U);
     MSG_DESC_INFO_S stExpected = MakeMsg(1, 0, 0, 256);
-    EXPECT_EQ(memcmp(&g_stSent[0], &stExpected, sizeof(stExpected)), 0);
+    EXPECT_EQ(memcmp(&stSent[0], &stExpected, sizeof(stExpected)), 0);
 }
 } // namespace
