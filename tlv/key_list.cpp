@@ -3,6 +3,7 @@
  */
 #include "tlv/key_list.h"
 
+#include <climits>
 #include <cstdlib>
 
 #include "tlv/key_list_layout.h"
@@ -11,14 +12,29 @@ namespace
 {
 void init_node(key_list_node *o_pNode, key_list_node *i_pPrevious)
 {
-    o_pNode->used = 0;
     o_pNode->next = nullptr;
     o_pNode->previous = i_pPrevious;
+}
+
+/* Calls the function with each key and value, front to back. */
+template <typename F> void each(const key_list *i_pList, F i_pFunction)
+{
+    const key_list_node *pNode = &i_pList->head;
+    for (std::uint32_t i = 0; i < static_cast<std::uint32_t>(i_pList->count); i++) {
+        if (i > 0 && i % KEY_LIST_NODE_ENTRIES == 0) {
+            pNode = pNode->next;
+        }
+        const std::uint32_t u32Index = i % KEY_LIST_NODE_ENTRIES;
+        i_pFunction(pNode->keys[u32Index], pNode->values[u32Index]);
+    }
 }
 } // namespace
 
 key_list_node *key_list_grow(key_list *i_pList)
 {
+    if (i_pList->count > INT_MAX - static_cast<int>(KEY_LIST_NODE_ENTRIES)) {
+        return nullptr;
+    }
     auto *pNode = static_cast<key_list_node *>(std::malloc(sizeof(key_list_node)));
     if (pNode != nullptr) {
         init_node(pNode, i_pList->tail);
@@ -40,15 +56,12 @@ void key_list_init(key_list *o_pList, key_list_release i_pRelease)
 
 void key_list_clear(key_list *i_pList)
 {
-    key_list_node *pNode = &i_pList->head;
-    while (pNode != nullptr) {
-        for (int i = 0; i_pList->release != nullptr && i < pNode->used; i++) {
-            i_pList->release(pNode->values[i]);
-        }
+    if (i_pList->release != nullptr) {
+        each(i_pList, [i_pList](std::uint32_t, void *i_pValue) { i_pList->release(i_pValue); });
+    }
+    for (key_list_node *pNode = i_pList->head.next; pNode != nullptr;) {
         key_list_node *pNext = pNode->next;
-        if (pNode != &i_pList->head) {
-            std::free(pNode);
-        }
+        std::free(pNode);
         pNode = pNext;
     }
 }
@@ -85,18 +98,13 @@ int key_list_get(const key_list *i_pList, std::uint32_t i_u32Key, void **o_pValu
 int key_list_mask_get(const key_list *i_pList, std::uint32_t i_u32Key, std::uint32_t i_u32Mask,
                       void **o_pValue)
 {
-    if (i_pList == nullptr || o_pValue == nullptr) {
+    void *const *pPlace =
+        i_pList != nullptr ? key_list_place(i_pList, i_u32Key, i_u32Mask) : nullptr;
+    if (pPlace == nullptr || o_pValue == nullptr) {
         return -1;
     }
-    for (const key_list_node *pNode = &i_pList->head; pNode != nullptr; pNode = pNode->next) {
-        for (int i = 0; i < pNode->used; i++) {
-            if (((i_u32Key ^ pNode->keys[i]) & i_u32Mask) == 0) {
-                *o_pValue = pNode->values[i];
-                return 0;
-            }
-        }
-    }
-    return -1;
+    *o_pValue = *pPlace;
+    return 0;
 }
 
 int key_list_find_key(const key_list *i_pList, std::uint32_t i_u32Key)
@@ -127,10 +135,6 @@ int key_list_keyset(const key_list *i_pList, std::uint32_t *o_pKeys, int i_s32Ca
     if (o_pKeys == nullptr) {
         return i_pList->count == 0 ? 0 : -1;
     }
-    for (const key_list_node *pNode = &i_pList->head; pNode != nullptr; pNode = pNode->next) {
-        for (int i = 0; i < pNode->used; i++) {
-            *o_pKeys++ = pNode->keys[i];
-        }
-    }
+    each(i_pList, [&o_pKeys](std::uint32_t i_u32Key, void *) { *o_pKeys++ = i_u32Key; });
     return i_pList->count;
 }

@@ -1,10 +1,11 @@
 /*
  * TLV box codec.
  *
- * A record is kept in its form on the wire. Puts append to blocks of bytes that never move, the
+ * A value is kept where it lies on the wire. Puts append to blocks of bytes that never move, the
  * first of which is part of the box's own allocation and holds a whole stream command; a box that
  * fits there is serialised already, a larger one is copied together. A parsed box keeps the copy
- * of its input, and its records are where they lie in that copy.
+ * of its input, and its values are where they lie in that copy. The records that name the values
+ * are in chunks of their own, since they have to be aligned and bytes on the wire are not.
  */
 #include "tlv/tlv_box.h"
 
@@ -25,8 +26,9 @@ static_assert(sizeof(float) == 4 && sizeof(double) == 8);
 namespace
 {
 constexpr std::size_t kHeaderSize = 8; /* type and length */
-static_assert(sizeof(tlv) == kHeaderSize && alignof(tlv) == 1, "records lie at any address");
-constexpr std::size_t kFirstRoom = 512;
+/* A box with it is still one that the C library hands out from the thread's own store. */
+constexpr std::size_t kFirstRoom = 384;
+constexpr std::uint32_t kChunkRecords = 16;
 /* Further blocks double in size within these limits; one value may need more. */
 constexpr std::size_t kLeastBlock = 4096;
 constexpr std::size_t kMostBlock = 1048576;
@@ -38,12 +40,20 @@ struct block {
     std::size_t capacity;
     unsigned char *bytes() { return reinterpret_cast<unsigned char *>(this + 1); }
 };
+
+struct chunk {
+    chunk *next;
+    tlv records[kChunkRecords];
+};
 } // namespace
 
 struct tlv_box {
-    key_list records;      /* type -> where the record's bytes are */
+    key_list records;      /* type -> record */
     unsigned char *buffer; /* null while building */
     std::int32_t size;
+    std::uint32_t room; /* records that the chunks hold */
+    chunk *last_chunk;
+    chunk first_chunk;
     block *tail;
     block head; /* its bytes follow */
 };
@@ -59,6 +69,9 @@ tlv_box *make_box(std::size_t i_u64Room)
     key_list_init(&pBox->records, nullptr);
     pBox->buffer = nullptr;
     pBox->size = 0;
+    pBox->room = kChunkRecords;
+    pBox->last_chunk = &pBox->first_chunk;
+    pBox->first_chunk.next = nullptr;
     pBox->tail = &pBox->head;
     pBox->head = block{nullptr, 0, i_u64Room};
     return pBox;
@@ -80,6 +93,36 @@ tlv_box *make_box(std::size_t i_u64Room)
     return pBlock;
 }
 
+/* False when memory is exhausted. */
+[[gnu::noinline]] bool add_chunk(tlv_box *i_pBox)
+{
+    auto *pChunk = static_cast<chunk *>(std::malloc(sizeof(chunk)));
+    if (pChunk == nullptr) {
+        return false;
+    }
+    pChunk->next = nullptr;
+    i_pBox->last_chunk->next = pChunk;
+    i_pBox->last_chunk = pChunk;
+    i_pBox->room += kChunkRecords;
+    return true;
+}
+
+/* -1, with the records unchanged, when the type is present or memory is exhausted. */
+inline int add_record(tlv_box *i_pBox, std::uint32_t i_u32Type, std::uint32_t i_u32Length,
+                      const unsigned char *i_pValue)
+{
+    const auto u32Count = static_cast<std::uint32_t>(i_pBox->records.count);
+    if (u32Count == i_pBox->room && !add_chunk(i_pBox)) {
+        return -1;
+    }
+    tlv *pRecord = &i_pBox->last_chunk->records[u32Count % kChunkRecords];
+    if (key_list_append(&i_pBox->records, i_u32Type, pRecord) != 0) {
+        return -1;
+    }
+    *pRecord = tlv{i_u32Type, i_u32Length, i_pValue};
+    return 0;
+}
+
 inline int put_value(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pValue,
                      std::size_t i_u64Length)
 {
@@ -97,13 +140,13 @@ inline int put_value(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pVa
             return -1;
         }
     }
-    unsigned char *pRecord = pBlock->bytes() + pBlock->used;
-    if (key_list_append(&i_pBox->records, i_u32Type, pRecord) != 0) {
+    unsigned char *pBytes = pBlock->bytes() + pBlock->used;
+    const std::uint32_t u32Header[2] = {i_u32Type, static_cast<std::uint32_t>(i_u64Length)};
+    if (add_record(i_pBox, u32Header[0], u32Header[1], pBytes + kHeaderSize) != 0) {
         return -1;
     }
-    const std::uint32_t u32Header[2] = {i_u32Type, static_cast<std::uint32_t>(i_u64Length)};
-    std::memcpy(pRecord, u32Header, kHeaderSize);
-    std::memcpy(pRecord + kHeaderSize, i_pValue, i_u64Length);
+    std::memcpy(pBytes, u32Header, kHeaderSize);
+    std::memcpy(pBytes + kHeaderSize, i_pValue, i_u64Length);
     pBlock->used += u64Size;
     i_pBox->size += static_cast<std::int32_t>(u64Size);
     return 0;
@@ -122,34 +165,15 @@ template <typename T> int get_number(const tlv_box *i_pBox, std::uint32_t i_u32T
         return -1;
     }
     unsigned char u8Bytes[sizeof(T)] = {};
-    if (tlv_get_length(pNode) >= sizeof(T)) {
-        std::memcpy(u8Bytes, tlv_get_value(pNode), sizeof(T));
+    if (pNode->length >= sizeof(T)) {
+        std::memcpy(u8Bytes, pNode->value, sizeof(T));
     } else {
-        std::memcpy(u8Bytes, tlv_get_value(pNode), tlv_get_length(pNode));
+        std::memcpy(u8Bytes, pNode->value, pNode->length);
     }
     std::memcpy(o_pValue, u8Bytes, sizeof(T));
     return 0;
 }
 } // namespace
-
-std::uint32_t tlv_get_type(const tlv *i_pRecord)
-{
-    std::uint32_t u32Type = 0;
-    std::memcpy(&u32Type, i_pRecord->bytes, sizeof(u32Type));
-    return u32Type;
-}
-
-std::uint32_t tlv_get_length(const tlv *i_pRecord)
-{
-    std::uint32_t u32Length = 0;
-    std::memcpy(&u32Length, i_pRecord->bytes + 4, sizeof(u32Length));
-    return u32Length;
-}
-
-const unsigned char *tlv_get_value(const tlv *i_pRecord)
-{
-    return reinterpret_cast<const unsigned char *>(i_pRecord) + kHeaderSize;
-}
 
 tlv_box *tlv_box_create()
 {
@@ -180,7 +204,7 @@ tlv_box *tlv_box_parse(const void *i_pBuffer, int i_s32Size)
         if (u32Header[1] > u64Left - kHeaderSize) {
             break;
         }
-        key_list_append(&pBox->records, u32Header[0], pNext);
+        add_record(pBox, u32Header[0], u32Header[1], pNext + kHeaderSize);
         pNext += kHeaderSize + u32Header[1];
         u64Left -= kHeaderSize + u32Header[1];
     }
@@ -193,6 +217,11 @@ int tlv_box_destroy(tlv_box *i_pBox)
         return -1;
     }
     key_list_clear(&i_pBox->records);
+    for (chunk *pChunk = i_pBox->first_chunk.next; pChunk != nullptr;) {
+        chunk *pNext = pChunk->next;
+        std::free(pChunk);
+        pChunk = pNext;
+    }
     if (i_pBox->buffer != i_pBox->head.bytes()) {
         std::free(i_pBox->buffer);
     }
@@ -361,12 +390,12 @@ int tlv_box_get_bytes(const tlv_box *i_pBox, std::uint32_t i_u32Type, void *o_pB
 {
     const tlv *pNode = find_record(i_pBox, i_u32Type);
     if (pNode == nullptr || o_pBuffer == nullptr || io_pLength == nullptr || *io_pLength < 0 ||
-        static_cast<std::uint32_t>(*io_pLength) < tlv_get_length(pNode)) {
+        static_cast<std::uint32_t>(*io_pLength) < pNode->length) {
         return -1;
     }
     std::memset(o_pBuffer, 0, static_cast<std::size_t>(*io_pLength));
-    std::memcpy(o_pBuffer, tlv_get_value(pNode), tlv_get_length(pNode));
-    *io_pLength = static_cast<int>(tlv_get_length(pNode));
+    std::memcpy(o_pBuffer, pNode->value, pNode->length);
+    *io_pLength = static_cast<int>(pNode->length);
     return 0;
 }
 
@@ -377,8 +406,8 @@ int tlv_box_get_bytes_ptr(const tlv_box *i_pBox, std::uint32_t i_u32Type,
     if (pNode == nullptr || o_pBytes == nullptr || o_pLength == nullptr) {
         return -1;
     }
-    *o_pBytes = tlv_get_value(pNode);
-    *o_pLength = static_cast<int>(tlv_get_length(pNode));
+    *o_pBytes = pNode->value;
+    *o_pLength = static_cast<int>(pNode->length);
     return 0;
 }
 
@@ -388,7 +417,7 @@ int tlv_box_get_object(const tlv_box *i_pBox, std::uint32_t i_u32Type, tlv_box *
     if (pNode == nullptr || o_pNested == nullptr) {
         return -1;
     }
-    tlv_box *pNested = tlv_box_parse(tlv_get_value(pNode), static_cast<int>(tlv_get_length(pNode)));
+    tlv_box *pNested = tlv_box_parse(pNode->value, static_cast<int>(pNode->length));
     if (pNested == nullptr) {
         return -1;
     }

@@ -17,14 +17,12 @@
 
 struct tlv_box;
 
-/* One record, in its form on the wire. It belongs to its box and lives as long; its parts are
- * read by tlv_get_type, tlv_get_length and tlv_get_value. */
+/* One record. It and its value belong to their box and live as long. */
 struct tlv {
-    unsigned char bytes[8];
+    std::uint32_t type;
+    std::uint32_t length; /* of the value, bytes */
+    const unsigned char *value;
 };
-std::uint32_t tlv_get_type(const tlv *i_pRecord);
-std::uint32_t tlv_get_length(const tlv *i_pRecord);
-const unsigned char *tlv_get_value(const tlv *i_pRecord);
 
 /* An empty building box; null when memory is exhausted. */
 tlv_box *tlv_box_create();

@@ -47,8 +47,8 @@ void PutValue(tlv_box *i_pBox, UInt32 i_u32Type, const CFieldValue &i_xValue)
 
 std::optional<CFieldValue> ReadValue(FieldKind i_eKind, const tlv *i_pRecord)
 {
-    const char *pBytes = reinterpret_cast<const char *>(tlv_get_value(i_pRecord));
-    const std::size_t u64Length = tlv_get_length(i_pRecord);
+    const char *pBytes = reinterpret_cast<const char *>(i_pRecord->value);
+    const std::size_t u64Length = i_pRecord->length;
     if (i_eKind == FieldKind::Number) {
         SInt32 s32Value = 0;
         if (u64Length != sizeof(s32Value)) {

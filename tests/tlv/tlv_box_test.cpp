@@ -268,10 +268,10 @@ TEST(TlvBoxTest, ARecordIsFoundByTheMaskedType)
                         2, 0, 1, 0, 2, 0, 0, 0, 0x22, 0}); //
     const tlv *pRecord = tlv_box_get_mask_node(pBox.get(), 2, 0xFFFF);
     ASSERT_NE(pRecord, nullptr);
-    EXPECT_EQ(tlv_get_type(pRecord), 0x20002U);
-    EXPECT_EQ(tlv_get_length(pRecord), 1U);
-    EXPECT_EQ(tlv_get_value(pRecord)[0], 0x11);
-    EXPECT_EQ(tlv_get_type(tlv_box_get_mask_node(pBox.get(), 0, 0)), 0x10001U);
+    EXPECT_EQ(pRecord->type, 0x20002U);
+    EXPECT_EQ(pRecord->length, 1U);
+    EXPECT_EQ(pRecord->value[0], 0x11);
+    EXPECT_EQ(tlv_box_get_mask_node(pBox.get(), 0, 0)->type, 0x10001U);
     EXPECT_EQ(tlv_box_get_mask_node(pBox.get(), 3, 0xFFFF), nullptr);
 }
 
