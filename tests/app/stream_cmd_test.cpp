@@ -6,13 +6,10 @@
 #include <string>
 #include <vector>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include "app/stream_cmd.h"
 #include "tests/support/fake_router.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/loopback.h"
 #include "tests/support/private_net.h"
 
 namespace
@@ -179,12 +176,7 @@ protected:
         if (!strReason.empty()) {
             GTEST_SKIP() << strReason;
         }
-        m_s32Fd = socket(AF_INET, SOCK_DGRAM, 0);
-        struct sockaddr_in stAddr = {};
-        stAddr.sin_family = AF_INET;
-        stAddr.sin_port = htons(8365);
-        stAddr.sin_addr.s_addr = htonl(0x7F000001);
-        ASSERT_EQ(bind(m_s32Fd, reinterpret_cast<struct sockaddr *>(&stAddr), sizeof(stAddr)), 0);
+        m_s32Fd = BindLoopback(8365);
         fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *o_pResult) {
             if (i_stMsg.msgno == 0x103 && i_stMsg.dst == 0 && i_stMsg.msgtype == MSG_TYPE_SYNC) {
                 m_s32ChangesAtFetch = static_cast<int>(fake_router::Sent(0x809).size());
@@ -197,9 +189,7 @@ protected:
     std::string Ask(const std::string &i_strNested)
     {
         EXPECT_EQ(Handle(Record(4, i_strNested)), 0);
-        char szReply[4096];
-        const ssize_t s64Length = recv(m_s32Fd, szReply, sizeof(szReply), MSG_DONTWAIT);
-        return s64Length < 0 ? "none" : std::string(szReply, static_cast<std::size_t>(s64Length));
+        return ReceiveLoopback(m_s32Fd, 0);
     }
 
     int m_s32Fd = -1;

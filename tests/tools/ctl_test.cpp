@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/support/loopback.h"
 #include "tests/tools/fake_daemon.h"
 #include "tools/ctl_main.h"
 #include "tools/report.h"
@@ -211,8 +212,7 @@ TEST_F(CtlTest, AStrangeDatagramIsPassedOver)
 
 TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)
 {
-    UInt16 u16Port = 0;
-    const int s32Fd = BindLoopback(m_objDaemon.Endpoint().u16ReplyPort, &u16Port);
+    const int s32Fd = BindLoopback(m_objDaemon.Endpoint().u16ReplyPort);
     EXPECT_EQ(Run("set --gop 30 --timeout 100ms"), 4);
     EXPECT_TRUE(Told("another reader of the daemon's replies")) << m_strErr;
     EXPECT_EQ(m_objDaemon.m_s32Requests, 0);

@@ -1,24 +1,13 @@
 #include "tests/tools/fake_daemon.h"
 
-#include <stdexcept>
-
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tests/support/loopback.h"
 #include "tlv/tlv_box.h"
 
 namespace
 {
-sockaddr_in Loopback(UInt16 i_u16Port)
-{
-    sockaddr_in stAddress = {};
-    stAddress.sin_family = AF_INET;
-    stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    stAddress.sin_port = htons(i_u16Port);
-    return stAddress;
-}
-
 std::uint32_t Type(std::size_t i_u64Field, std::uint32_t i_u32Use)
 {
     return static_cast<std::uint32_t>(i_u64Field + 1) << 16 | i_u32Use;
@@ -36,19 +25,6 @@ bool IsRefused(const std::array<int, 7> &i_objSets)
     return false;
 }
 } // namespace
-
-int BindLoopback(UInt16 i_u16Port, UInt16 *o_pPort)
-{
-    const int s32Fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in stAddress = Loopback(i_u16Port);
-    socklen_t u32Size = sizeof(stAddress);
-    auto *pAddress = reinterpret_cast<sockaddr *>(&stAddress);
-    if (bind(s32Fd, pAddress, u32Size) != 0 || getsockname(s32Fd, pAddress, &u32Size) != 0) {
-        throw std::runtime_error("no loopback port");
-    }
-    *o_pPort = ntohs(stAddress.sin_port);
-    return s32Fd;
-}
 
 CFakeDaemon::CFakeDaemon() : m_s32Fd(BindLoopback(0, &m_stEndpoint.u16RequestPort))
 {
@@ -148,10 +124,7 @@ void CFakeDaemon::Handle(const std::string &i_strRequest)
 
 void CFakeDaemon::Reply(const std::string &i_strBytes) const
 {
-    UInt16 u16Port = 0;
-    const int s32Fd = BindLoopback(0, &u16Port);
-    const sockaddr_in stAddress = Loopback(m_stEndpoint.u16ReplyPort);
-    sendto(s32Fd, i_strBytes.data(), i_strBytes.size(), 0,
-           reinterpret_cast<const sockaddr *>(&stAddress), sizeof(stAddress));
+    const int s32Fd = BindLoopback(0);
+    SendLoopback(s32Fd, m_stEndpoint.u16ReplyPort, i_strBytes);
     close(s32Fd);
 }

@@ -48,6 +48,3 @@ private:
     std::atomic<bool> m_bStop{false};
     std::thread m_objThread;
 };
-
-/* A loopback socket bound to the port (0: any); its port is in *o_pPort. */
-int BindLoopback(UInt16 i_u16Port, UInt16 *o_pPort);
