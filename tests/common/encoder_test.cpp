@@ -1,7 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <string>
+
+#include <malloc.h>
 
 #include "common/encoder.h"
 #include "common/pipeline_desc.h"
@@ -300,6 +307,50 @@ TEST_F(EncoderTest, AStalledPreviewIsRestartedAtEveryReport)
     ASSERT_EQ(Timing(0, 0, 0), 1);
     Report(1100, 1);
     EXPECT_EQ(m_objLog.Count(kRestart), 2);
+}
+
+struct COST_S {
+    std::size_t u64Bytes; /* of the heap, in use */
+    std::ptrdiff_t s64Descriptors;
+    std::ptrdiff_t s64Threads;
+};
+
+/* Where nothing carries the stream to the preview's port, every report restarts the preview: 1200
+ * times an hour. MV3300_RESTARTS says how often here. */
+TEST_F(EncoderTest, RestartsOfAStalledPreviewCostNothing)
+{
+    const char *pRestarts = getenv("MV3300_RESTARTS");
+    const int s32Restarts = pRestarts != nullptr ? std::atoi(pRestarts) : 100;
+    ASSERT_EQ(Timing(1920, 1080, 60), 1);
+    moved_time::DivideSleeps(100);
+    Report(1000, 0);
+    /* Least over ten restarts, since a run that is being built or torn down holds more. */
+    auto RestartTenTimes = [&] {
+        COST_S stLeast = {SIZE_MAX, PTRDIFF_MAX, PTRDIFF_MAX};
+        for (int i = 0; i < 10; i++) {
+            m_objLog.Clear();
+            Report(1010, 0);
+            EXPECT_TRUE(m_objLog.WaitFor("Let's run [gst-jpeg]!"));
+            const std::filesystem::directory_iterator objFds("/proc/self/fd");
+            const std::filesystem::directory_iterator objTasks("/proc/self/task");
+            stLeast = {std::min(stLeast.u64Bytes, mallinfo2().uordblks),
+                       std::min(stLeast.s64Descriptors, std::distance(objFds, {})),
+                       std::min(stLeast.s64Threads, std::distance(objTasks, {}))};
+        }
+        return stLeast;
+    };
+    RestartTenTimes();
+    const COST_S stFirst = RestartTenTimes();
+    COST_S stLast = stFirst;
+    for (int i = 0; i < s32Restarts && !HasFailure(); i += 10) {
+        stLast = RestartTenTimes();
+    }
+    EXPECT_LE(stLast.s64Descriptors, stFirst.s64Descriptors);
+    EXPECT_LE(stLast.s64Threads, stFirst.s64Threads);
+    /* The heap scatters by some 100 kB and then stays. */
+    EXPECT_LT(stLast.u64Bytes, stFirst.u64Bytes + 512 * 1024);
+    RecordProperty("heap",
+                   std::to_string(stFirst.u64Bytes) + " to " + std::to_string(stLast.u64Bytes));
 }
 
 /* A report or a timing that is waiting behind a restart must not start the preview once more. */

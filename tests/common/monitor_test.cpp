@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -190,6 +191,67 @@ TEST_F(MonitorTest, DirectoriesAndALostWatchDoNotStopTheReports)
     fs::remove_all(m_objRoot / "image");
     EXPECT_EQ(NextReport(), 2U);
     EXPECT_EQ(NextReport(), 2U);
+    EXPECT_FALSE(m_objLog.Has("ERROR"));
+}
+
+/* A reader of the published path gets a whole picture or none, whenever it looks. */
+TEST_F(MonitorTest, EveryPictureReadIsWhole)
+{
+    Start();
+    moved_time::DivideSleeps(1000);
+    std::atomic<bool> bStop{false};
+    std::thread objMaker([&] {
+        for (char c8 = 'a'; !bStop; c8 = c8 == 'z' ? 'a' : static_cast<char>(c8 + 1)) {
+            MoveIn(std::string(1, c8), std::string(100000, c8));
+        }
+    });
+    int s32Read = 0;
+    for (int i = 0; i < 2000; i++) {
+        const std::string strPicture = Contents(m_objPicture);
+        s32Read += !strPicture.empty();
+        EXPECT_TRUE(strPicture.empty() || strPicture == std::string(100000, strPicture[0]));
+        if (i % 200 == 0) {
+            moved_time::Advance(3000); /* the published one is taken away as stale */
+        }
+    }
+    bStop = true;
+    objMaker.join();
+    EXPECT_GT(s32Read, 100);
+}
+
+/* More arrivals than the kernel queues, while the loop is at its pauses. The name is over the path
+ * buffer, so that the file stays for the next move. */
+TEST_F(MonitorTest, LostArrivalsAndLinksDoNotStopThePublication)
+{
+    UInt32 u32Queue = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> u32Queue;
+    ASSERT_GT(u32Queue, 0U);
+    ASSERT_LE(u32Queue, 200000U);
+    Start();
+    std::ofstream(m_objRoot / "made" / "n") << "n";
+    for (UInt32 i = 0; i < u32Queue + 1000; i++) { /* the kernel merges the same name in a row */
+        const fs::path objArrived = m_objRoot / "image" / std::string(200 + i % 2, 'n');
+        fs::rename(m_objRoot / "made" / "n", objArrived);
+        fs::rename(objArrived, m_objRoot / "made" / "n");
+    }
+    moved_time::DivideSleeps(100000);
+    const UInt32 u32Count = NextReport();
+    EXPECT_GT(u32Count, 100U);
+    EXPECT_LT(u32Count, u32Queue + 1000); /* some were lost */
+
+    MoveIn("p", "after");
+    EXPECT_TRUE(WaitForPicture("after"));
+    /* Of a link, what is removed as stale is the link, also one that leads nowhere. */
+    for (const char *pTarget : {"target", "nowhere"}) {
+        std::ofstream(m_objRoot / "target") << "target";
+        fs::create_symlink(m_objRoot / pTarget, m_objRoot / "made" / "link");
+        fs::rename(m_objRoot / "made" / "link", m_objRoot / "image" / pTarget);
+        ASSERT_TRUE(m_objLog.WaitFor(std::string("DEBUG file name: ") + pTarget));
+        NextReport();
+        EXPECT_FALSE(fs::is_symlink(m_objPicture));
+        EXPECT_EQ(Contents(m_objRoot / "target"), "target");
+    }
+    EXPECT_EQ(NextReport(), u32Count + 3);
     EXPECT_FALSE(m_objLog.Has("ERROR"));
 }
 

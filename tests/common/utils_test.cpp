@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include <signal.h>
 #include <unistd.h>
 
 #include "common/utils.h"
@@ -30,6 +31,9 @@ TEST(UtilsInterfaceTest, LoopbackIsFoundAndAnAbsentInterfaceIsAnswered)
     testing::internal::CaptureStdout();
     EXPECT_EQ(GetLocalBcastIP(kAbsent), 0xFFFFFFFFU);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Get Local Bcast IP failed\n");
+    memset(szIp, 'x', sizeof(szIp));
+    ASSERT_TRUE(GetLocalBcastIPStr("lo", szIp)); /* 0.0.0.0: shorter than what stood there before */
+    EXPECT_EQ(memcmp(szIp, "0.0.0.0\0\0\0\0\0\0\0\0", 16), 0);
 
     UInt8 u8Mac[7] = {9, 9, 9, 9, 9, 9, 9};
     EXPECT_EQ(getMac(u8Mac, "lo"), 0);
@@ -210,6 +214,9 @@ TEST(UtilsShellTest, StatusIsTheRawWaitStatus)
     EXPECT_EQ(system_vfork("exit 3"), 768);
     EXPECT_TRUE(objLog.Has("INFO my_system cmd<exit 3> status = 768 --["));
     EXPECT_EQ(system_vfork("kill -9 $$"), 9);
+    /* The daemon's sockets ignore it; the shell has it as it was. */
+    signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(system_vfork("kill -13 $$"), 13);
     EXPECT_EQ(system_vfork(nullptr), 1);
 }
 } // namespace
