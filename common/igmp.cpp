@@ -60,7 +60,7 @@ void CIGMP::Open(UInt32 i_local, UInt32 i_group)
     if (!CSocketUtils::IsMulticastIPAddr(i_group)) {
         return;
     }
-    fd = socket(AF_INET, SOCK_RAW, kRawProtocol);
+    fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, kRawProtocol);
     /* Kept: the level is not that of the IP options. Protocol 255 implies the header anyway. */
     int s32On = 1;
     (void)setsockopt(fd, kHeaderIncludedLevel, kHeaderIncludedOption, &s32On, sizeof(s32On));

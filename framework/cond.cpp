@@ -57,12 +57,3 @@ void CCond::TimedWait(CMutex *i_pMutex, int i_s32TimeoutInMilSecs)
     i_pMutex->m_stHolder.store(pthread_self(), std::memory_order_relaxed);
 }
 
-void CCond::Signal()
-{
-    pthread_cond_signal(&m_stCond);
-}
-
-void CCond::Broadcast()
-{
-    pthread_cond_broadcast(&m_stCond);
-}

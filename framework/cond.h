@@ -31,8 +31,8 @@ public:
      * above zero: lock it once before waiting. */
     void TimedWait(CMutex *i_pMutex, int i_s32TimeoutInMilSecs);
 
-    void Signal();
-    void Broadcast();
+    void Signal() { pthread_cond_signal(&m_stCond); }
+    void Broadcast() { pthread_cond_broadcast(&m_stCond); }
 
 private:
     pthread_cond_t m_stCond;

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 
+#include <fcntl.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -141,7 +142,7 @@ int select_startevents()
         g_pFDsToCloseArray[i] = kFreeSlot;
     }
 
-    [[maybe_unused]] SInt32 s32Err = pipe(g_aPipes);
+    [[maybe_unused]] SInt32 s32Err = pipe2(g_aPipes, O_CLOEXEC);
     assert(s32Err == 0);
     assert(InRange(g_aPipes[0]));
     FD_SET(g_aPipes[0], &g_stReadSet);

@@ -70,14 +70,6 @@ char *CPLString::GetAsCString() const
     return pCopy;
 }
 
-Bool CPLString::Equal(const CPLString &i_refCompare) const
-{
-    if (m_pPtr == nullptr || i_refCompare.m_pPtr == nullptr) {
-        return m_pPtr == i_refCompare.m_pPtr;
-    }
-    return m_u32Len == i_refCompare.m_u32Len && memcmp(m_pPtr, i_refCompare.m_pPtr, m_u32Len) == 0;
-}
-
 Bool CPLString::Equal(const char *i_pCompare) const
 {
     return Equal(CPLString(const_cast<char *>(i_pCompare)));

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <cstring>
 
 #include "framework/types.h"
 
@@ -31,7 +32,14 @@ public:
     char *GetAsCString() const;
 
     /* Null equals null only. */
-    Bool Equal(const CPLString &i_refCompare) const;
+    Bool Equal(const CPLString &i_refCompare) const
+    {
+        if (m_pPtr == nullptr || i_refCompare.m_pPtr == nullptr) {
+            return m_pPtr == i_refCompare.m_pPtr;
+        }
+        return m_u32Len == i_refCompare.m_u32Len &&
+               memcmp(m_pPtr, i_refCompare.m_pPtr, m_u32Len) == 0;
+    }
     Bool Equal(const char *i_pCompare) const;
     /* Letters A to Z equal a to z; i_u32Len bytes of i_pCompare, which must not be null, against
      * the whole string or against its beginning. */

@@ -46,7 +46,7 @@ CSocket::CSocket(CTask *i_pTask, unsigned int i_u32Flags)
 OS_Error CSocket::Open(int i_s32Type)
 {
     assert(m_s32FileDesc == CEventContext::kInvalidFileDesc);
-    m_s32FileDesc = socket(AF_INET, i_s32Type, 0);
+    m_s32FileDesc = socket(AF_INET, i_s32Type | SOCK_CLOEXEC, 0);
     if (kInvalidFileDesc == m_s32FileDesc) {
         return errno;
     }

@@ -33,7 +33,7 @@ std::unique_ptr<char[]> CopyText(const char *i_pText)
  * refused. */
 int ReadInterfaceRecords(char *o_pBuffer, int i_s32Size)
 {
-    int s32Socket = socket(AF_INET, SOCK_DGRAM, 0);
+    int s32Socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (s32Socket < 0) {
         return -1;
     }
