@@ -47,7 +47,8 @@ public:
         m_stAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t u32Len = sizeof(m_stAddr);
         auto *pAddr = reinterpret_cast<struct sockaddr *>(&m_stAddr);
-        if (bind(m_s32Socket, pAddr, u32Len) != 0 || getsockname(m_s32Socket, pAddr, &u32Len) != 0) {
+        if (bind(m_s32Socket, pAddr, u32Len) != 0 ||
+            getsockname(m_s32Socket, pAddr, &u32Len) != 0) {
             abort();
         }
     }

@@ -124,10 +124,18 @@ template <typename Tasks> void Burst(benchmark::State &io_objState)
     }
     io_objState.SetItemsProcessed(io_objState.iterations() * s32Count);
 }
-BENCHMARK(Burst<COurTasks>)->Name("task/burst/ours")->RangeMultiplier(10)->Range(1, 1000)
-    ->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(Burst<CLeastTasks>)->Name("task/burst/limit")->RangeMultiplier(10)->Range(1, 1000)
-    ->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(Burst<COurTasks>)
+    ->Name("task/burst/ours")
+    ->RangeMultiplier(10)
+    ->Range(1, 1000)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(Burst<CLeastTasks>)
+    ->Name("task/burst/limit")
+    ->RangeMultiplier(10)
+    ->Range(1, 1000)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 /* Waits for a delayed run for good, so that every signal meets one that is pending. */
 class CPendingTask : public CTask
@@ -163,7 +171,8 @@ void MergeLibevent(benchmark::State &io_objState)
 {
     evthread_use_pthreads();
     event_base *pBase = event_base_new();
-    event *pEvent = event_new(pBase, -1, EV_READ, [](evutil_socket_t, short, void *) {}, nullptr);
+    event *pEvent = event_new(
+        pBase, -1, EV_READ, [](evutil_socket_t, short, void *) {}, nullptr);
     event_active(pEvent, EV_READ, 1);
     for (auto _ : io_objState) {
         event_active(pEvent, EV_READ, 1);

@@ -59,9 +59,13 @@ template <typename Heap> void FillAndDrain(benchmark::State &io_objState)
     }
     io_objState.SetItemsProcessed(io_objState.iterations() * io_objState.range(0));
 }
-BENCHMARK(FillAndDrain<COurHeap>)->Name("heap/fill_drain/ours")->RangeMultiplier(10)
+BENCHMARK(FillAndDrain<COurHeap>)
+    ->Name("heap/fill_drain/ours")
+    ->RangeMultiplier(10)
     ->Range(1000, 1000000);
-BENCHMARK(FillAndDrain<CStdHeap>)->Name("heap/fill_drain/std")->RangeMultiplier(10)
+BENCHMARK(FillAndDrain<CStdHeap>)
+    ->Name("heap/fill_drain/std")
+    ->RangeMultiplier(10)
     ->Range(1000, 1000000);
 
 /* The table as the event thread has it: names are the bytes of ids that are given in turn. */

@@ -8,8 +8,8 @@
 #include <sys/select.h>
 
 #include "bench/datagram_bench.h"
-#include "framework/udpsocket.h"
 #include "framework/task.h"
+#include "framework/udpsocket.h"
 
 namespace
 {
@@ -21,8 +21,8 @@ std::ptrdiff_t OpenDescriptors()
 class CReadTask : public CTask
 {
 public:
-    explicit CReadTask(CRunSignal *i_pRuns) : m_objSocket(this, CSocket::kNonBlocking),
-                                              m_pRuns(i_pRuns)
+    explicit CReadTask(CRunSignal *i_pRuns)
+        : m_objSocket(this, CSocket::kNonBlocking), m_pRuns(i_pRuns)
     {
         if (m_objSocket.Open() != 0 || m_objSocket.Bind(INADDR_LOOPBACK, 0) != 0) {
             abort();

@@ -30,8 +30,7 @@ public:
                                           OnReadable, &objWatched);
             event_add(objWatched.pEvent, nullptr);
         }
-        m_objThread =
-            std::thread([this] { event_base_loop(m_pBase, EVLOOP_NO_EXIT_ON_EMPTY); });
+        m_objThread = std::thread([this] { event_base_loop(m_pBase, EVLOOP_NO_EXIT_ON_EMPTY); });
     }
     ~CLibeventServer()
     {
@@ -115,8 +114,8 @@ private:
         auto *pServer = static_cast<CLibuvServer *>(i_pWakeUp->loop->data);
         if (pServer->m_bStop.load()) {
             uv_walk(
-                i_pWakeUp->loop, [](uv_handle_t *i_pHandle, void *) { uv_close(i_pHandle, nullptr); },
-                nullptr);
+                i_pWakeUp->loop,
+                [](uv_handle_t *i_pHandle, void *) { uv_close(i_pHandle, nullptr); }, nullptr);
             return;
         }
         std::lock_guard objLock(pServer->m_objMutex);

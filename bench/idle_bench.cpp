@@ -159,8 +159,8 @@ double Median(std::vector<double> i_f64Values)
 int main(int argc, char **argv)
 {
     const int s32Rounds = argc > 1 ? atoi(argv[1]) : 3;
-    auto *pShared = static_cast<RESULT_S *>(mmap(nullptr, sizeof(RESULT_S), PROT_READ | PROT_WRITE,
-                                                 MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto *pShared = static_cast<RESULT_S *>(
+        mmap(nullptr, sizeof(RESULT_S), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     if (pShared == MAP_FAILED) {
         return 1;
     }
@@ -171,7 +171,7 @@ int main(int argc, char **argv)
         f64Switches[i % 2].push_back(stResult.f64Switches);
         f64CpuMs[i % 2].push_back(stResult.f64CpuMs);
     }
-    const auto objPrint = [](const char *i_pName, const std::vector<double> (&i_f64Values)[2],
+    const auto objPrint = [](const char *i_pName, const std::vector<double>(&i_f64Values)[2],
                              const char *i_pUnit) {
         const double f64Ours = Median(i_f64Values[0]);
         const double f64Limit = Median(i_f64Values[1]);

@@ -56,4 +56,3 @@ void CCond::TimedWait(CMutex *i_pMutex, int i_s32TimeoutInMilSecs)
     i_pMutex->m_u32HolderCount++;
     i_pMutex->m_stHolder.store(pthread_self(), std::memory_order_relaxed);
 }
-
