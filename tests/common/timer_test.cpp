@@ -205,6 +205,7 @@ TEST_F(TimerTest, TheThreadServesItsQueueAndItsClock)
         Cancel(kOneShot, u32Id);
     }
     for (std::size_t u64Fired = 1; u64Fired <= 3; u64Fired++) {
+        Cancel(kOneShot, 999); /* waits for the module's mutex: the timer is armed again by then */
         moved_time::Advance(600000);
         ASSERT_TRUE(fake_router::WaitForSent(3, u64Fired));
     }

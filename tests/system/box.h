@@ -76,6 +76,9 @@ struct RECEIVED_S {
     double f64Kbits = 0;
 };
 RECEIVED_S Receive(const std::string &i_strAddress, int i_s32Port, int i_s32Seconds = 3);
+/* Expects the group's stream with pictures of that size, nothing missing, and about that rate: a
+ * loaded machine drops pictures, so the lower bound is a wide one. */
+void ExpectGroupStream(int i_s32Width, int i_s32Height, double i_f64Rate);
 
 /* Parameter file with the given parameters only. */
 void WriteParams(const std::vector<std::pair<std::string, std::string>> &i_strParams);

@@ -56,11 +56,7 @@ protected:
     void ExpectStream(int i_s32Width, int i_s32Height, double i_f64Rate,
                       const std::string &i_strSettings = "gop-size=10")
     {
-        const RECEIVED_S stReceived = Receive(kGroup, kGroupPort);
-        EXPECT_EQ(stReceived.s32Width, i_s32Width);
-        EXPECT_EQ(stReceived.s32Height, i_s32Height);
-        EXPECT_NEAR(stReceived.f64Rate, i_f64Rate, i_f64Rate / 3);
-        EXPECT_EQ(stReceived.s64Gaps, 0);
+        ExpectGroupStream(i_s32Width, i_s32Height, i_f64Rate);
         const std::string strLog = ReadFile("/run/mv3300d.log");
         const std::size_t u64Start = strLog.rfind("gst cmd [v4l2src");
         ASSERT_NE(u64Start, std::string::npos);

@@ -22,12 +22,8 @@ protected:
     static void ExpectPictures(const char *i_pWhat, int i_s32Width, int i_s32Height,
                                double i_f64Rate)
     {
-        RECEIVED_S stReceived = Receive(kGroup, kGroupPort);
-        EXPECT_GT(stReceived.s32Pictures, 0) << i_pWhat;
-        EXPECT_EQ(stReceived.s32Width, i_s32Width) << i_pWhat;
-        EXPECT_EQ(stReceived.s32Height, i_s32Height) << i_pWhat;
-        EXPECT_NEAR(stReceived.f64Rate, i_f64Rate, i_f64Rate / 3) << i_pWhat;
-        EXPECT_EQ(stReceived.s64Gaps, 0) << i_pWhat;
+        SCOPED_TRACE(i_pWhat);
+        ExpectGroupStream(i_s32Width, i_s32Height, i_f64Rate);
     }
 };
 
