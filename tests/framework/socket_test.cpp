@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/igmp.h"
 #include "framework/socketutils.h"
 #include "framework/task.h"
 #include "framework/udpsocket.h"
@@ -272,6 +274,32 @@ TEST(SocketTest, OutOfDescriptorsIsAResult)
     setrlimit(RLIMIT_NOFILE, &stBefore);
     EXPECT_EQ(s32Err, 24);
     EXPECT_EQ(objSocket.Open(), 0);
+}
+
+/* What the daemon starts through a shell must not hold its sockets open. */
+TEST(SocketTest, NoDescriptorIsInherited)
+{
+    std::string strReason = EnterPrivateNetwork();
+    if (!strReason.empty()) {
+        GTEST_SKIP() << strReason;
+    }
+    auto objInherited = [] {
+        std::vector<int> s32Descriptors;
+        for (int i = 0; i < 64; i++) {
+            int s32Flags = fcntl(i, F_GETFD);
+            if (s32Flags >= 0 && (s32Flags & FD_CLOEXEC) == 0) {
+                s32Descriptors.push_back(i);
+            }
+        }
+        return s32Descriptors;
+    };
+    const std::vector<int> s32Before = objInherited();
+    StartEvents();
+    CTestUDPSocket objSocket;
+    EXPECT_EQ(objSocket.Open(), 0);
+    CIGMP objReport;
+    objReport.Open(kLoopback, 0xEF010203);
+    EXPECT_EQ(objInherited(), s32Before);
 }
 
 TEST(UDPSocketTest, DatagramsWithTheirSource)
