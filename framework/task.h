@@ -123,8 +123,9 @@ public:
                            int i_s32Priority);
     /* Null if there is no such thread. The pointer is good until RemoveThreads(). */
     static CTaskThread *GetThread(UInt32 i_u32PoolID, UInt32 i_u32Index);
-    /* Ends and deletes every thread; tasks that are ready are run before. Not to be called on a
-     * task thread. Other threads may go on signalling: it no longer has an effect. */
+    /* Ends and deletes every thread; tasks that are ready are run before, but not for a delay that
+     * they ask for then. Not to be called on a task thread. Other threads may go on signalling: it
+     * no longer has an effect. */
     static void RemoveThreads();
 
 private:

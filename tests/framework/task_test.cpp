@@ -350,6 +350,21 @@ TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
     objSender.join();
 }
 
+/* Two tasks whose runs take longer than their delays: one is always due. */
+TEST_F(CTaskTest, ThreadsEndAlthoughDelayedRunsKeepComingDue)
+{
+    CTaskThreadPool::AddThreads(1);
+    auto objRun = [](CTestTask &) -> SInt64 {
+        CThread::Sleep(3);
+        return 1;
+    };
+    CTestTask objOne(objRun), objOther(objRun);
+    objOne.Signal(CTask::kStartEvent);
+    objOther.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return objOne.m_s32Runs > 2 && objOther.m_s32Runs > 2; });
+    CTaskThreadPool::RemoveThreads();
+}
+
 TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
 {
     CTestTask objTask([](CTestTask &) { return 0; }), objOther([](CTestTask &) { return 0; });
