@@ -96,12 +96,9 @@ int NextDescriptor()
     return s32FileDesc;
 }
 
-TEST(IgmpTest, TheSameReportLeavesEachTime)
+using CIgmpNetTest = CPrivateNetTest;
+TEST_F(CIgmpNetTest, TheSameReportLeavesEachTime)
 {
-    std::string strReason = EnterPrivateNetwork();
-    if (!strReason.empty()) {
-        GTEST_SKIP() << strReason;
-    }
     CCapture objCapture;
     int s32Before = NextDescriptor();
     {

@@ -142,32 +142,6 @@ TEST(QueueDeathTest, ForeignAndNullElementsAndEarlyDestructionAreFatal)
     objQueue.Remove(pElem.get());
 }
 
-TEST(BlockingQueue, HandsEveryElementToOneOfManyWaiters)
-{
-    CQueue_Blocking objQueue;
-    std::vector<std::unique_ptr<CQueueElem>> pElems;
-    for (int i = 0; i < 3000; i++) {
-        pElems.push_back(std::make_unique<CQueueElem>());
-    }
-    std::atomic<int> s32Taken{0};
-    std::vector<std::thread> objTakers;
-    for (int i = 0; i < 3; i++) {
-        objTakers.emplace_back([&] {
-            while (s32Taken < 3000) {
-                s32Taken += objQueue.DeQueueBlocking(nullptr, 5) != nullptr;
-            }
-        });
-    }
-    for (auto &pElem : pElems) {
-        objQueue.EnQueue(pElem.get());
-    }
-    for (std::thread &objTaker : objTakers) {
-        objTaker.join();
-    }
-    EXPECT_EQ(s32Taken, 3000);
-    EXPECT_EQ(objQueue.DeQueue(), nullptr);
-}
-
 TEST(BlockingQueue, AnEarlyWakeUpEndsTheOneWaitWithNothing)
 {
     CQueue_Blocking objQueue;
@@ -220,22 +194,6 @@ TEST(Heap, FollowsItsRulesUnderRandomOperations)
         }
         ASSERT_EQ(objHeap.CurrentHeapSize(), objModel.m_pSlots.size() - 1);
         ASSERT_EQ(objHeap.PeekMin(), objModel.m_pSlots.size() > 1 ? objModel.m_pSlots[1] : nullptr);
-    }
-}
-
-TEST(Heap, TakingOutAnInnerElementNeverSiftsUp)
-{
-    const SInt64 aKeys[] = {1, 10, 2, 11, 12, 3, 4, 13, 14, 15, 16, 5};
-    std::vector<CHeapElem> objElems(12);
-    CHeap objHeap(2);
-    for (int i = 0; i < 12; i++) {
-        objElems[i].SetValue(aKeys[i]);
-        objHeap.Insert(&objElems[i]);
-    }
-    /* 5, the last, takes the slot of 11 under 10 and stays there. */
-    EXPECT_EQ(objHeap.Remove(&objElems[3]), &objElems[3]);
-    for (SInt64 s64Key : {1, 2, 3, 4, 10, 5}) {
-        EXPECT_EQ(objHeap.ExtractMin()->GetValue(), s64Key);
     }
 }
 
@@ -335,43 +293,4 @@ TEST(RefTableDeathTest, MisuseIsFatal)
     CPLString objName = View(strName);
     objTable.Resolve(&objName);
     EXPECT_DEATH(objTable.Register(&objRef), "`i_pRef->m_u32RefCount == 0'");
-}
-
-/* Objects come and go under their names while other threads resolve and use them: nobody may
- * meet an object that is gone. */
-TEST(RefTable, AnObjectOutlivesItsResolvers)
-{
-    CRefTable objTable(3);
-    std::string aNames[] = {"alpha", "beta", "gamma", "delta"};
-    std::atomic<bool> bStop{false};
-    std::atomic<int> s32Uses{0};
-    std::vector<std::thread> objUsers;
-    for (int i = 0; i < 3; i++) {
-        objUsers.emplace_back([&, i] {
-            for (unsigned u32Round = i; !bStop; u32Round++) {
-                CPLString objName = View(aNames[u32Round % 4]);
-                CRef *pRef = objTable.Resolve(&objName);
-                if (pRef != nullptr) {
-                    EXPECT_EQ(*static_cast<std::string *>(pRef->GetObject()), "alive");
-                    s32Uses++;
-                    objTable.Release(pRef);
-                }
-            }
-        });
-    }
-    for (int i = 0; i < 2000 || s32Uses < 100; i++) {
-        auto pObject = std::make_unique<std::string>("alive");
-        auto pRef = std::make_unique<CRef>(View(aNames[i % 4]), pObject.get());
-        EXPECT_EQ(objTable.Register(pRef.get()), 0);
-        if (i % 16 == 0) {
-            std::this_thread::yield();
-        }
-        objTable.UnRegister(pRef.get());
-        pRef.reset();
-        pObject->assign("gone!");
-    }
-    bStop = true;
-    for (std::thread &objUser : objUsers) {
-        objUser.join();
-    }
 }

@@ -9,13 +9,12 @@
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "framework/eventcontext.h"
+#include "tests/framework/net_support.h"
 
 namespace
 {
@@ -49,10 +48,7 @@ class CEvTest : public testing::Test
 protected:
     CEvTest()
     {
-        struct rlimit stLimit = {};
-        getrlimit(RLIMIT_NOFILE, &stLimit);
-        stLimit.rlim_cur = std::min<rlim_t>(2048, stLimit.rlim_max);
-        setrlimit(RLIMIT_NOFILE, &stLimit);
+        AllowManyDescriptors();
         EXPECT_EQ(select_startevents(), 0);
     }
 
@@ -102,8 +98,6 @@ protected:
         EXPECT_EQ(Watch(i_s32Marker, 2), 0);
         EXPECT_EQ(Next(), std::make_pair(i_s32Marker, 2));
     }
-
-    static bool IsOpen(int i_s32FileDesc) { return fcntl(i_s32FileDesc, F_GETFD) >= 0; }
 };
 using CEvDeathTest = CEvTest;
 
@@ -211,23 +205,6 @@ TEST_F(CEvTest, SelectErrors)
     eventreq stReq = {};
     EXPECT_LT(select_waitevent(&stReq, nullptr), 0);
     EXPECT_EQ(errno, ENOMEM);
-}
-
-/* A descriptor that its owner closed by itself stays in the sets: select refuses them all until it
- * is removed, and then goes on. */
-TEST_F(CEvTest, ADescriptorClosedBehindTheLoopIsSurvived)
-{
-    SocketAt(100, false);
-    SocketAt(101, false);
-    EXPECT_EQ(Watch(101, 1), 0);
-    close(101);
-    EXPECT_EQ(Watch(100, 2), 0);
-    std::thread objOther([] {
-        usleep(20000);
-        EXPECT_EQ(select_removeevent(101), 0);
-    });
-    EXPECT_EQ(Next(), std::make_pair(100, 2));
-    objOther.join();
 }
 
 TEST_F(CEvTest, StartingAgainKeepsWhatIsArmed)

@@ -61,11 +61,6 @@ int Counter(bool i_bReadable)
     return eventfd(i_bReadable ? 1 : 0, 0);
 }
 
-bool IsOpen(int i_s32FileDesc)
-{
-    return fcntl(i_s32FileDesc, F_GETFD) >= 0;
-}
-
 /* Three rounds of the event thread; whatever was to be handed out is then handed out. */
 void LetEventsPass()
 {
@@ -95,32 +90,16 @@ TEST(EventContextTest, OneEventForOneRequest)
 
 TEST(EventContextTest, TheTaskIsSignalledReadWhateverTheBits)
 {
-    class CReader : public CTask
-    {
-    public:
-        explicit CReader(std::atomic<UInt32> *o_pEvents) : m_pEvents(o_pEvents) {}
-        SInt64 Run() override
-        {
-            UInt32 u32Events = GetEvents();
-            *m_pEvents |= u32Events;
-            return (u32Events & kKillEvent) != 0 ? -1 : 0;
-        }
-
-    private:
-        std::atomic<UInt32> *m_pEvents;
-    };
-    CTaskThreadPool::AddThreads(2);
-    std::atomic<UInt32> u32Events{0};
-    CReader *pTask = new CReader(&u32Events);
-    {
-        CProbe objProbe(Counter(false));
-        objProbe.SetTask(pTask);
-        objProbe.RequestEvent(2);
-        EXPECT_TRUE(WaitUntil([&] { return u32Events != 0; }));
-        EXPECT_EQ(u32Events, 16U);
-    }
-    pTask->Signal(CTask::kKillEvent);
-    CTaskThreadPool::RemoveThreads();
+    /* Without a pool it is marked and does not run. */
+    struct CReader : CTask {
+        SInt64 Run() override { return 0; }
+    } objTask;
+    CProbe objProbe(Counter(false));
+    objProbe.SetTask(&objTask);
+    objProbe.RequestEvent(2);
+    LetEventsPass();
+    objProbe.Cleanup();
+    EXPECT_EQ(objTask.GetEvents(), 16U);
 }
 
 TEST(EventContextTest, CleanupWaitsForTheEventUnderWay)
@@ -204,27 +183,6 @@ TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
     EXPECT_EQ(objRegister(), 1U);
     EXPECT_EQ(objRegister(), 3U);
     EXPECT_EQ(objProbes.front()->m_s32Events, 1);
-}
-
-TEST(EventContextTest, ManyDescriptorsEachWithItsOwnEvents)
-{
-    AllowManyDescriptors();
-    std::vector<std::unique_ptr<CProbe>> objProbes;
-    for (int i = 0; i < 900; i++) {
-        objProbes.push_back(std::make_unique<CProbe>(Counter(i % 3 == 0)));
-    }
-    for (int s32Round = 1; s32Round <= 3; s32Round++) {
-        for (auto &pProbe : objProbes) {
-            pProbe->RequestEvent(1);
-        }
-        for (int i = 0; i < 900; i += 3) {
-            ASSERT_TRUE(objProbes[static_cast<size_t>(i)]->WaitFor(s32Round)) << i;
-        }
-    }
-    LetEventsPass();
-    for (int i = 0; i < 900; i++) {
-        EXPECT_EQ(objProbes[static_cast<size_t>(i)]->m_s32Events, i % 3 == 0 ? 3 : 0) << i;
-    }
 }
 
 TEST(EventContextTest, AnotherContextTakesOver)

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 
 #include "framework/ev.h"
@@ -31,6 +32,11 @@ inline void AllowManyDescriptors()
     getrlimit(RLIMIT_NOFILE, &stLimit);
     stLimit.rlim_cur = std::min<rlim_t>(2048, stLimit.rlim_max);
     setrlimit(RLIMIT_NOFILE, &stLimit);
+}
+
+inline bool IsOpen(int i_s32FileDesc)
+{
+    return fcntl(i_s32FileDesc, F_GETFD) >= 0;
 }
 
 /* Waits until the condition holds; false after 20 seconds. */

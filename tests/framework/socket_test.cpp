@@ -259,30 +259,12 @@ TEST(SocketTest, WhatTheSystemRefusesIsAResult)
     EXPECT_EQ(objSocket.Open(SOCK_STREAM), 0);
 }
 
-TEST(SocketTest, OutOfDescriptorsIsAResult)
-{
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizer's own checks need descriptors";
-#endif
-    struct rlimit stBefore = {};
-    getrlimit(RLIMIT_NOFILE, &stBefore);
-    struct rlimit stNone = stBefore;
-    stNone.rlim_cur = 0;
-    setrlimit(RLIMIT_NOFILE, &stNone);
-    CTestUDPSocket objSocket;
-    OS_Error s32Err = objSocket.Open();
-    setrlimit(RLIMIT_NOFILE, &stBefore);
-    EXPECT_EQ(s32Err, 24);
-    EXPECT_EQ(objSocket.Open(), 0);
-}
+using CSocketNetTest = CPrivateNetTest;
+using CUDPSocketNetTest = CPrivateNetTest;
 
 /* What the daemon starts through a shell must not hold its sockets open. */
-TEST(SocketTest, NoDescriptorIsInherited)
+TEST_F(CSocketNetTest, NoDescriptorIsInherited)
 {
-    std::string strReason = EnterPrivateNetwork();
-    if (!strReason.empty()) {
-        GTEST_SKIP() << strReason;
-    }
     auto objInherited = [] {
         std::vector<int> s32Descriptors;
         for (int i = 0; i < 64; i++) {
@@ -328,12 +310,8 @@ TEST(UDPSocketTest, DatagramsWithTheirSource)
     EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), strHuge.data(), 65508), 90);
 }
 
-TEST(UDPSocketTest, BindSaysWhichPortAndAFailureLeavesNone)
+TEST_F(CUDPSocketNetTest, BindSaysWhichPortAndAFailureLeavesNone)
 {
-    std::string strReason = EnterPrivateNetwork();
-    if (!strReason.empty()) {
-        GTEST_SKIP() << strReason;
-    }
     CTestUDPSocket objOne;
     CTestUDPSocket objTwo;
     ASSERT_EQ(objOne.Open(), 0);
@@ -348,12 +326,8 @@ TEST(UDPSocketTest, BindSaysWhichPortAndAFailureLeavesNone)
     EXPECT_TRUE(objTwo.GetLocalPortStr()->Equal(std::to_string(objTwo.Port()).c_str()));
 }
 
-TEST(UDPSocketTest, GroupsAreJoinedAndLeft)
+TEST_F(CUDPSocketNetTest, GroupsAreJoinedAndLeft)
 {
-    std::string strReason = EnterPrivateNetwork();
-    if (!strReason.empty()) {
-        GTEST_SKIP() << strReason;
-    }
     constexpr UInt32 kGroup = 0xEF010203;
     CTestUDPSocket objSender;
     ASSERT_EQ(objSender.Open(), 0);
@@ -506,32 +480,5 @@ TEST(SocketTaskTest, TasksAreKilledWhileTheirDatagramsArrive)
     bRun = false;
     objFlood.join();
     CTaskThreadPool::RemoveThreads();
-}
-
-[[noreturn]] void StopUnderLoad()
-{
-    StartEvents();
-    CTaskThreadPool::AddThreads(2);
-    static std::atomic<UInt16> s_u16Ports[3];
-    static std::atomic<bool> s_bRun{true};
-    CEchoTask *pControl = nullptr;
-    for (auto &u16Port : s_u16Ports) {
-        auto [pTask, u16Own] = CEchoTask::Start();
-        pControl = pTask;
-        u16Port = u16Own;
-        std::thread([&] { Flood(u16Port, s_bRun); }).detach();
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    pControl->Signal(CTask::kKillEvent);
-    CTaskThreadPool::RemoveThreads();
-    exit(0);
-}
-
-/* The event thread never ends: a process that stops under load still ends with its own code. */
-TEST(SocketTaskDeathTest, AProcessStopsCleanlyUnderLoad)
-{
-    for (int s32Round = 0; s32Round < 3; s32Round++) {
-        EXPECT_EXIT(StopUnderLoad(), testing::ExitedWithCode(0), "");
-    }
 }
 } // namespace

@@ -66,17 +66,13 @@ void AddAddress(int i_s32Number)
     close(s32Socket);
 }
 
-class CAddrTableTest : public testing::TestWithParam<int>
+class CAddrTableTest : public CPrivateNetTest, public testing::WithParamInterface<int>
 {
 };
 
 /* The system fills 2048 bytes with 51 whole records of 40 bytes and leaves the rest out. */
 TEST_P(CAddrTableTest, HoldsTheHostsAddressesLoopbackNotFirst)
 {
-    std::string strReason = EnterPrivateNetwork();
-    if (!strReason.empty()) {
-        GTEST_SKIP() << strReason;
-    }
     int s32Added = GetParam();
     for (int i = 1; i <= s32Added; i++) {
         AddAddress(i);
@@ -103,12 +99,9 @@ TEST_P(CAddrTableTest, HoldsTheHostsAddressesLoopbackNotFirst)
 }
 INSTANTIATE_TEST_SUITE_P(Addresses, CAddrTableTest, testing::Values(0, 1, 49, 50, 51, 60));
 
-TEST(SocketUtilsTest, NamesAreLookedUpOnRequest)
+using CSocketUtilsNetTest = CPrivateNetTest;
+TEST_F(CSocketUtilsNetTest, NamesAreLookedUpOnRequest)
 {
-    std::string strReason = EnterPrivateNetwork();
-    if (!strReason.empty()) {
-        GTEST_SKIP() << strReason;
-    }
     CSocketUtils::Initialize(true);
     ASSERT_EQ(CSocketUtils::GetNumIPAddrs(), 1U);
     struct in_addr stAddr = {htonl(0x7F000001)};

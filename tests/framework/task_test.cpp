@@ -323,7 +323,7 @@ TEST_F(CTaskTest, NoSignalIsLostAndNoTaskRunsTwiceAtOnce)
 
 TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
 {
-    constexpr int kRounds = 25, kTasks = 24;
+    constexpr int kRounds = 10, kTasks = 24;
     std::atomic<bool> bStop{false};
     std::atomic<int> s32Ready{0};
     std::vector<std::unique_ptr<CTestTask>> pTasks;
