@@ -150,8 +150,8 @@ void CTaskThread::RunUntilDone(CTask *i_pTask)
             bDone = true;
         } else if (s64Result > 0) {
             i_pTask->m_objTimerElem.SetValue(GetDeadlineInMs(s64Result));
-            /* What a stop finds in the heap is run if it comes due, but nothing is added: tasks that
-             * run for longer than their delays would keep the thread from ending. */
+            /* What a stop finds in the heap is run if it comes due, but nothing is added: tasks
+             * that run for longer than their delays would keep the thread from ending. */
             if (!IsStopRequested()) {
                 m_objHeap.Insert(&i_pTask->m_objTimerElem);
             }
