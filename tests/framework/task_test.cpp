@@ -214,46 +214,10 @@ TEST_F(CTaskTest, PoolsKeepTheirTasksAndBoundTasksTheirThread)
     EXPECT_EQ(objLost.m_s32Runs, 0);
 }
 
-TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAlone)
-{
-    CTaskThreadPool::AddThreads(4);
-    std::atomic<int> s32Inside{0}, s32Met{0}, s32AloneRuns{0};
-    std::atomic<bool> bStop{false};
-    std::vector<std::unique_ptr<CTestTask>> pTasks;
-    for (int i = 0; i < 6; i++) {
-        pTasks.push_back(std::make_unique<CTestTask>([&](CTestTask &) -> SInt64 {
-            s32Inside++;
-            std::this_thread::yield();
-            s32Inside--;
-            return bStop ? 0 : 1;
-        }));
-    }
-    pTasks.push_back(std::make_unique<CTestTask>([&](CTestTask &i_refTask) -> SInt64 {
-        for (int i = 0; i < 100; i++) {
-            s32Met += s32Inside != 0;
-            std::this_thread::yield();
-        }
-        if (s32AloneRuns % 2 == 0) {
-            i_refTask.GlobalUnlock();
-            i_refTask.GlobalUnlock();
-        }
-        return ++s32AloneRuns == 20 ? 0 : 1;
-    }));
-    pTasks.back()->SetGlobalLock();
-    for (auto &pTask : pTasks) {
-        pTask->Signal(CTask::kStartEvent);
-    }
-    WaitUntil([&] { return s32AloneRuns == 1; });
-    EXPECT_EQ(s32Met, 0);
-    WaitUntil([&] { return s32AloneRuns == 20; });
-    bStop = true;
-    CTaskThreadPool::RemoveThreads();
-}
-
-TEST_F(CTaskTest, GivingUpTheGlobalLockEarlyLetsOthersInAndNobodyOut)
+TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
 {
     CTaskThreadPool::AddThreads(3);
-    std::atomic<bool> bOtherInside{false}, bOtherMayGo{false};
+    std::atomic<bool> bOtherInside{false}, bOtherMayGo{false}, bMet{false};
     CTestTask objOther([&](CTestTask &) {
         bOtherInside = true;
         WaitUntil([&] { return bOtherMayGo.load(); });
@@ -269,7 +233,7 @@ TEST_F(CTaskTest, GivingUpTheGlobalLockEarlyLetsOthersInAndNobodyOut)
         return 0;
     });
     CTestTask objSecond([&](CTestTask &) {
-        EXPECT_FALSE(bOtherInside);
+        bMet = bOtherInside.load();
         return 0;
     });
     objFirst.SetGlobalLock();
@@ -281,6 +245,16 @@ TEST_F(CTaskTest, GivingUpTheGlobalLockEarlyLetsOthersInAndNobodyOut)
     CThread::Sleep(20);
     bOtherMayGo = true;
     WaitUntil([&] { return objSecond.m_s32Runs == 1; });
+    EXPECT_FALSE(bMet);
+
+    /* The request was for one run. */
+    bOtherMayGo = false;
+    objOther.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return bOtherInside.load(); });
+    objSecond.Signal(CTask::kStartEvent);
+    WaitUntil([&] { return objSecond.m_s32Runs == 2; });
+    EXPECT_TRUE(bMet);
+    bOtherMayGo = true;
     CTaskThreadPool::RemoveThreads();
 }
 
