@@ -109,8 +109,12 @@ std::string FormatBitrate(SInt32 i_s32Value)
 {
     if (i_s32Value >= 1000000 && i_s32Value % 100000 == 0) {
         const SInt32 s32Tenths = i_s32Value / 100000 % 10;
-        const std::string strTenths = s32Tenths != 0 ? "." + std::to_string(s32Tenths) : "";
-        return std::to_string(i_s32Value / 1000000) + strTenths + "M";
+        std::string strText = std::to_string(i_s32Value / 1000000);
+        if (s32Tenths != 0) {
+            strText += '.';
+            strText += std::to_string(s32Tenths);
+        }
+        return strText + "M";
     }
     if (i_s32Value > 0 && i_s32Value % 1000 == 0) {
         return std::to_string(i_s32Value / 1000) + "k";
