@@ -1,0 +1,46 @@
+/*
+ * What the benchmarks of the running daemon share: processes in the bench box, what they use, and
+ * the figures. One thread; every failure ends the program with a message.
+ */
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "framework/types.h"
+
+/* Ends the program outside of the bench box. Inside, gives the daemon a log at INFO and a parameter
+ * file with 127.0.0.1:5004 as the one receiver. */
+void PrepareBox();
+
+/* Runs a program without input and output; i_s32Stdin, where it is not negative, is its input. */
+pid_t Spawn(const std::vector<std::string> &i_strArgs, int i_s32Stdin = -1);
+/* Sends the signal and waits for the end. */
+void End(pid_t i_s32Pid, int i_s32Signal);
+/* A daemon with its modules up; its log begins anew. */
+pid_t StartDaemon();
+/* Announces a timing as the bridge's driver does. */
+void SendTiming(const char *i_pEvent);
+/* Waits, for 30 s at most, until so many lines of the daemon's log hold the text. */
+void WaitForLog(const char *i_pText, int i_s32Count);
+
+/* What a thread has used since its start. */
+struct USED_S {
+    double f64CpuSeconds = 0;
+    double f64Wakeups = 0; /* voluntary context switches */
+    int s32Threads = 0;
+};
+/* By the names of the threads that live. */
+std::map<std::string, USED_S> UsedByThread(pid_t i_s32Pid);
+/* Of the whole process, ended threads too. */
+double CpuSeconds(pid_t i_s32Pid);
+double RssMb(pid_t i_s32Pid);
+
+/* i_f64Part: 0.5 for the median. */
+double Quantile(std::vector<double> i_f64Values, double i_f64Part);
+/* A line with both medians, their spread and their ratio. */
+void Compare(const char *i_pWhat, const std::vector<double> &i_f64Ours,
+             const std::vector<double> &i_f64Reference);
