@@ -57,9 +57,9 @@ double StatusNumber(const std::string &i_strPath, const char *i_pName)
     return u64At == std::string::npos ? 0 : std::atof(strText.c_str() + u64At + strlen(i_pName));
 }
 
-int CountInLog(const char *i_pText)
+int CountLines(const char *i_pFile, const char *i_pText)
 {
-    std::ifstream objFile(kLog);
+    std::ifstream objFile(i_pFile);
     int s32Count = 0;
     for (std::string strLine; std::getline(objFile, strLine);) {
         s32Count += strLine.find(i_pText) != std::string::npos;
@@ -139,11 +139,16 @@ void SendTiming(const char *i_pEvent)
     close(s32Fd);
 }
 
-void WaitForLog(const char *i_pText, int i_s32Count)
+void WaitForLine(const char *i_pFile, const char *i_pText, int i_s32Count)
 {
-    for (int i = 0; i < 3000 && CountInLog(i_pText) < i_s32Count; i++) {
+    for (int i = 0; i < 3000 && CountLines(i_pFile, i_pText) < i_s32Count; i++) {
         usleep(10000);
     }
+}
+
+void WaitForLog(const char *i_pText, int i_s32Count)
+{
+    WaitForLine(kLog, i_pText, i_s32Count);
 }
 
 std::map<std::string, USED_S> UsedByThread(pid_t i_s32Pid)
