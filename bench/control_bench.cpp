@@ -228,6 +228,7 @@ int main(int argc, char **argv)
     }
     PrintState(s32Pids[0], "before the long run");
     const int s32Lost = objClient.Load(0, s32Count, 8);
+    usleep(200000); /* the last reply's socket */
     PrintState(s32Pids[0], ("after " + std::to_string(s32Count) + " gets more").c_str());
     printf("%-36s %d\n", "lost", s32Lost);
     End(s32Pids[0], SIGTERM);

@@ -13,6 +13,7 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -74,6 +75,8 @@ bool TakeDatagram()
     return true;
 }
 
+/* One datagram a turn, as the daemon's task takes them: whoever took one gives itself the next
+ * turn, has the socket watched again, and yields. */
 void Work()
 {
     while (true) {
@@ -82,13 +85,14 @@ void Work()
             g_objCond.wait(objLock, [] { return g_bReadable; });
             g_bReadable = false;
         }
-        while (TakeDatagram()) {
-        }
+        const bool bTaken = TakeDatagram();
         {
             const std::lock_guard objLock(g_objMutex);
+            g_bReadable = g_bReadable || bTaken;
             g_bArmed = true;
         }
         (void)!write(g_s32Pipe[1], "p", 1);
+        sched_yield();
     }
 }
 
@@ -118,6 +122,7 @@ void Watch()
             g_bReadable = true;
             g_objCond.notify_one();
         }
+        sched_yield();
     }
 }
 } // namespace

@@ -199,7 +199,7 @@ void StreamCommand(benchmark::State &io_objState)
         benchmark::DoNotOptimize(stDecoded);
     }
 }
-BENCHMARK(StreamCommand<EncodeTlv, DecodeTlv>)->Name("stream_command/tlv");
+BENCHMARK(StreamCommand<EncodeTlv, DecodeTlv>)->Name("stream_command/ours");
 BENCHMARK(StreamCommand<EncodeProtobuf, DecodeProtobuf>)->Name("stream_command/protobuf");
 BENCHMARK(StreamCommand<EncodeMsgpack, DecodeMsgpack>)->Name("stream_command/msgpack");
 
@@ -209,7 +209,7 @@ template <std::string (*Encode)()> void StreamCommandEncode(benchmark::State &io
         benchmark::DoNotOptimize(Encode());
     }
 }
-BENCHMARK(StreamCommandEncode<EncodeTlv>)->Name("stream_command_encode/tlv");
+BENCHMARK(StreamCommandEncode<EncodeTlv>)->Name("stream_command_encode/ours");
 BENCHMARK(StreamCommandEncode<EncodeProtobuf>)->Name("stream_command_encode/protobuf");
 BENCHMARK(StreamCommandEncode<EncodeMsgpack>)->Name("stream_command_encode/msgpack");
 
@@ -291,7 +291,7 @@ void BoxDecode(benchmark::State &io_objState)
         Decode(strBytes);
     }
 }
-BENCHMARK(BoxEncode<EncodeBoxTlv>)->Name("box_encode/tlv")->RangeMultiplier(10)->Range(1, 1000);
+BENCHMARK(BoxEncode<EncodeBoxTlv>)->Name("box_encode/ours")->RangeMultiplier(10)->Range(1, 1000);
 BENCHMARK(BoxEncode<EncodeBoxProtobuf>)
     ->Name("box_encode/protobuf")
     ->RangeMultiplier(10)
@@ -301,7 +301,7 @@ BENCHMARK(BoxEncode<EncodeBoxMsgpack>)
     ->RangeMultiplier(10)
     ->Range(1, 1000);
 BENCHMARK(BoxDecode<EncodeBoxTlv, DecodeBoxTlv>)
-    ->Name("box_decode/tlv")
+    ->Name("box_decode/ours")
     ->RangeMultiplier(10)
     ->Range(1, 1000);
 BENCHMARK(BoxDecode<EncodeBoxProtobuf, DecodeBoxProtobuf>)

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -10,7 +11,6 @@
 
 #include <net/ethernet.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,6 +20,22 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/loopback.h"
 #include "tests/support/private_net.h"
+
+namespace
+{
+std::atomic<bool> g_bNoSockets{false};
+} // namespace
+
+/* Linked in place of socket(2). */
+extern "C" int __real_socket(int i_s32Family, int i_s32Type, int i_s32Protocol);
+extern "C" int __wrap_socket(int i_s32Family, int i_s32Type, int i_s32Protocol)
+{
+    if (g_bNoSockets) {
+        errno = EMFILE;
+        return -1;
+    }
+    return __real_socket(i_s32Family, i_s32Type, i_s32Protocol);
+}
 
 namespace
 {
@@ -33,6 +49,15 @@ void Called(const std::string &i_strWhat)
 {
     const std::lock_guard objLock(g_objMutex);
     g_strCalls.push_back(i_strWhat);
+}
+
+/* What the callbacks answer from now on. */
+void Answer(int i_s32Result, int i_s32Length, const std::string &i_strText)
+{
+    const std::lock_guard objLock(g_objMutex);
+    g_s32Result = i_s32Result;
+    g_s32ReplyLength = i_s32Length;
+    g_strTextReply = i_strText;
 }
 
 std::vector<std::string> Calls()
@@ -63,8 +88,9 @@ int OnText(char *i_pReceived)
 int OnTextReply(char *i_pReceived, char *o_pReply, int i_s32Capacity)
 {
     EXPECT_EQ(i_s32Capacity, 4096);
-    strcpy(o_pReply, g_strTextReply.c_str());
     Called(std::string("reply to ") + i_pReceived);
+    const std::lock_guard objLock(g_objMutex);
+    strcpy(o_pReply, g_strTextReply.c_str());
     return 0;
 }
 
@@ -168,11 +194,7 @@ TEST_F(EventMonitorTest, AnAnswerNeedsAResultAndALengthAboveZero)
     } stCases[] = {{0, 5, 0}, {1, 0, 0}, {-1, 5, 0}, {1, -1, 0}, {1, 5, 5}, {7, 4096, 4096}};
     std::size_t u64Calls = 0;
     for (const auto &stCase : stCases) {
-        {
-            const std::lock_guard objLock(g_objMutex);
-            g_s32Result = stCase.s32Result;
-            g_s32ReplyLength = stCase.s32Length;
-        }
+        Answer(stCase.s32Result, stCase.s32Length, "");
         Send("ask");
         CallNumber(++u64Calls);
         /* Answers come in order, so one too many is noticed with the next. */
@@ -190,8 +212,7 @@ TEST_F(EventMonitorTest, TheOlderCallbacksTakeAndAnswerTextsFirst)
     ASSERT_TRUE(Reaches(CEventMonitorTask::SOCKET_STATE_READY));
     Send("one");
     EXPECT_EQ(CallNumber(3), "one");
-    g_strTextReply = "the answer";
-    g_s32Result = g_s32ReplyLength = 2;
+    Answer(2, 2, "the answer");
     Send(std::string("two\0x", 5));
     EXPECT_EQ(ReceiveLoopback(m_s32Client, 20000), "the answer");
     EXPECT_EQ(ReceiveLoopback(m_s32Client, 20000), "rr");
@@ -219,17 +240,14 @@ TEST_F(EventMonitorTest, ASocketThatCannotBeOpenedIsNotTriedAgain)
     Create();
     /* Its sending socket could be opened; the receiving one cannot. */
     EXPECT_EQ(objLog.Count("ERROR"), 0);
-    struct rlimit stLimit = {};
-    getrlimit(RLIMIT_NOFILE, &stLimit);
-    const struct rlimit stNone = {0, stLimit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &stNone);
+    g_bNoSockets = true;
     m_pTask->Signal(CTask::kStartEvent);
     EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs == 1; }));
     {
         CWatchedTask objOther("127.0.0.1", m_u16Port);
         EXPECT_TRUE(objLog.Has("ERROR CEventMonitorTask InitSendSocket open err --["));
     }
-    setrlimit(RLIMIT_NOFILE, &stLimit);
+    g_bNoSockets = false;
     m_pTask->Signal(CTask::kTimeoutEvent);
     EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs == 2; }));
     EXPECT_EQ(m_pTask->m_eState, CEventMonitorTask::SOCKET_STATE_INIT);
