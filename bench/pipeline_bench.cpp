@@ -183,7 +183,7 @@ void MeasureFirstPacket(const char *i_pSelf, int i_s32Rounds)
         SendTiming(kEvent);
         const double f64Daemon = objPackets.WaitFrom(s64Begin) - kFixedPausesUs;
         SendTiming("0x0@0-0");
-        WaitForLine(kLog, "Going out [gst-h264]", i);
+        WaitForLog("Going out [gst-h264]", i);
         sleep(2);
 
         objPackets.Drain();
