@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -10,7 +9,6 @@
 #include <vector>
 
 #include <net/ethernet.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
