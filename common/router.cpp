@@ -8,6 +8,7 @@
 #include "common/config.h"
 #include "common/encoder.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "common/monitor.h"
 #include "common/msg_queue.h"
 #include "common/timer.h"

@@ -151,7 +151,8 @@ void CTaskThread::RunUntilDone(CTask *i_pTask)
         } else if (s64Result > 0) {
             i_pTask->m_objTimerElem.SetValue(GetDeadlineInMs(s64Result));
             /* What a stop finds in the heap is run if it comes due, but nothing is added: tasks
-             * that run for longer than their delays would keep the thread from ending. */
+             * that run for longer than their delays would keep the thread from ending. Such a task
+             * is as one that is left in the heap: never run again, nor deleted. */
             if (!IsStopRequested()) {
                 m_objHeap.Insert(&i_pTask->m_objTimerElem);
             }

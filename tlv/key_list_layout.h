@@ -13,7 +13,7 @@
 
 #include "tlv/key_list.h"
 
-constexpr std::uint32_t KEY_LIST_NODE_ENTRIES = 16;
+inline constexpr std::uint32_t KEY_LIST_NODE_ENTRIES = 16;
 
 struct key_list_node {
     std::uint32_t keys[KEY_LIST_NODE_ENTRIES];

@@ -204,7 +204,11 @@ tlv_box *tlv_box_parse(const void *i_pBuffer, int i_s32Size)
         if (u32Header[1] > u64Left - kHeaderSize) {
             break;
         }
-        add_record(pBox, u32Header[0], u32Header[1], pNext + kHeaderSize);
+        if (add_record(pBox, u32Header[0], u32Header[1], pNext + kHeaderSize) != 0 &&
+            key_list_find_key(&pBox->records, u32Header[0]) != 1) {
+            tlv_box_destroy(pBox); /* not a duplicate, so memory is exhausted */
+            return nullptr;
+        }
         pNext += kHeaderSize + u32Header[1];
         u64Left -= kHeaderSize + u32Header[1];
     }
