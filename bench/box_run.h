@@ -24,7 +24,8 @@ void End(pid_t i_s32Pid, int i_s32Signal);
 pid_t StartDaemon();
 /* Announces a timing as the bridge's driver does. */
 void SendTiming(const char *i_pEvent);
-/* Waits, for 30 s at most, until so many lines of the file, or of the daemon's log, hold the text. */
+/* Waits, for 30 s at most, until so many lines of the file, or of the daemon's log, hold the text.
+ */
 void WaitForLine(const char *i_pFile, const char *i_pText, int i_s32Count);
 void WaitForLog(const char *i_pText, int i_s32Count);
 
