@@ -75,6 +75,7 @@ void CEventContext::RequestEvent(int i_s32Mask)
     m_stEventReq.er_type = EV_TYPE_FD;
     m_stEventReq.er_handle = m_s32FileDesc;
     m_stEventReq.er_eventbits = i_s32Mask;
+    /* A number that is carried, never followed. NOLINTNEXTLINE(performance-no-int-to-ptr) */
     m_stEventReq.er_data = reinterpret_cast<void *>(m_u64UniqueID);
     m_bWatching = true;
     if (select_watchevent(&m_stEventReq, i_s32Mask) != 0) {

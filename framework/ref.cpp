@@ -3,6 +3,8 @@
  */
 #include "framework/ref.h"
 
+#include <cstddef>
+
 #include "framework/assertion.h"
 
 UInt32 CRefTableUtils::HashString(const CPLString *i_pPLString)
@@ -12,9 +14,9 @@ UInt32 CRefTableUtils::HashString(const CPLString *i_pPLString)
     assert(i_pPLString->m_u32Len > 0);
     const UInt8 *pBytes = reinterpret_cast<const UInt8 *>(i_pPLString->m_pPtr);
     UInt32 u32Len = i_pPLString->m_u32Len;
-    UInt32 u32Quarter = u32Len / 4;
-    return u32Len * (pBytes[0] + pBytes[u32Quarter] + pBytes[2 * u32Quarter] +
-                     pBytes[3 * u32Quarter] + static_cast<UInt32>(pBytes[u32Len - 1]));
+    std::size_t u64Quarter = u32Len / 4;
+    return u32Len * (pBytes[0] + pBytes[u64Quarter] + pBytes[2 * u64Quarter] +
+                     pBytes[3 * u64Quarter] + static_cast<UInt32>(pBytes[u32Len - 1]));
 }
 
 void CRef::Set(const CPLString &i_refString, void *i_pObject)

@@ -29,6 +29,7 @@ void WaitForChild(pid_t i_s32Child)
     while (s32Status == 0) {
         pid_t s32PID = wait(&s32Status);
         const bool bInterrupted = s32PID == -1 && s32Status == 0 && errno == EINTR;
+        /* Read as signed: 255 is -1. NOLINTNEXTLINE(bugprone-signed-char-misuse) */
         const int s32ExitCode = static_cast<SInt8>(s32Status >> 8);
         const int s32Signal = s32Status & 0x7F;
         printf("Child Process %d wait exited with s32PID=%d s32Status=%d exit s32Status=%d\n",
