@@ -9,7 +9,6 @@
 #include <sstream>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -169,18 +168,38 @@ PROCESS_VIEW_S ReadProcess(pid_t i_s32Pid)
     return stView;
 }
 
-std::string ReadPreview(const char *i_pFile)
+CPreviewWatch::CPreviewWatch(const char *i_pFile)
+    : m_pFile(i_pFile), m_bThere(false), m_stLast{}, m_u64Count(0)
+{
+}
+
+void CPreviewWatch::Look()
 {
     struct stat stFile = {};
-    if (stat(i_pFile, &stFile) != 0) {
-        return "no picture at the moment";
+    m_bThere = stat(m_pFile, &stFile) == 0;
+    if (!m_bThere) {
+        return;
+    }
+    /* A new picture may be given the number of a file that is gone. */
+    if (stFile.st_ino != m_stLast.st_ino || stFile.st_mtim.tv_sec != m_stLast.st_mtim.tv_sec ||
+        stFile.st_mtim.tv_nsec != m_stLast.st_mtim.tv_nsec) {
+        m_u64Count++;
+    }
+    m_stLast = stFile;
+}
+
+std::string CPreviewWatch::Text() const
+{
+    const std::string strCount = std::to_string(m_u64Count) + " published, ";
+    if (!m_bThere) {
+        return strCount + "no picture at the moment";
     }
     timespec stNow = {};
     clock_gettime(CLOCK_REALTIME, &stNow);
-    const double f64Age = static_cast<double>(stNow.tv_sec - stFile.st_mtim.tv_sec) +
-                          static_cast<double>(stNow.tv_nsec - stFile.st_mtim.tv_nsec) / 1e9;
+    const double f64Age = static_cast<double>(stNow.tv_sec - m_stLast.st_mtim.tv_sec) +
+                          static_cast<double>(stNow.tv_nsec - m_stLast.st_mtim.tv_nsec) / 1e9;
     char szText[128];
-    snprintf(szText, sizeof(szText), "%s, %lld bytes, %.1f s old", i_pFile,
-             static_cast<long long>(stFile.st_size), f64Age);
-    return szText;
+    snprintf(szText, sizeof(szText), "%s, %lld bytes, %.1f s old", m_pFile,
+             static_cast<long long>(m_stLast.st_size), f64Age);
+    return strCount + szText;
 }

@@ -6,6 +6,7 @@
 #include <deque>
 #include <string>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "framework/types.h"
@@ -51,5 +52,22 @@ struct PROCESS_VIEW_S {
 };
 PROCESS_VIEW_S ReadProcess(pid_t i_s32Pid);
 
-/* Size and age of the published picture, or that there is none. */
-std::string ReadPreview(const char *i_pFile);
+/* Counts the pictures that are published under one name, each in place of the one before. */
+class CPreviewWatch
+{
+public:
+    explicit CPreviewWatch(const char *i_pFile);
+
+    /* Takes a look; of the pictures published between two looks only the last one counts. */
+    void Look();
+    /* Those seen so far. */
+    UInt64 Count() const { return m_u64Count; }
+    /* Their number, and the size and age of the picture there was at the last look. */
+    std::string Text() const;
+
+private:
+    const char *m_pFile;
+    bool m_bThere;
+    struct stat m_stLast; /* of the newest picture */
+    UInt64 m_u64Count;
+};

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -144,6 +145,7 @@ public:
 
     void Tick(CStreamReceiver *i_pReceiver)
     {
+        m_objPreview.Look();
         const Clock::time_point objNow = Clock::now();
         const double f64Pause = std::chrono::duration<double>(objNow - m_objDrawn).count();
         if (f64Pause < (m_bTerminal ? kScreenPause : kPlainPause)) {
@@ -162,6 +164,8 @@ public:
         fflush(stdout);
     }
 
+    UInt64 Previews() const { return m_objPreview.Count(); }
+
 private:
     void Measure(const STREAM_STATS_S &i_stNow, double i_f64Seconds)
     {
@@ -178,18 +182,22 @@ private:
         if (m_stScreen.bHasLog) {
             m_objTail.Read(&m_stScreen.stLog);
         }
-        m_stScreen.strPreview = ReadPreview("/tmp/image.jpeg");
+        m_stScreen.u64Previews = m_objPreview.Count();
+        m_stScreen.strPreview = m_objPreview.Text();
     }
 
     Clock::time_point m_objStart;
     Clock::time_point m_objDrawn;
     CLogTail m_objTail;
+    CPreviewWatch m_objPreview{"/tmp/image.jpeg"};
     bool m_bTerminal;
     SCREEN_S m_stScreen;
 };
 
-/* Until the time is over, the pictures are there, the receiver failed or the user has enough. */
-void Watch(const OPTIONS_S &i_stOptions, Clock::time_point i_objStart, CStreamReceiver *i_pReceiver)
+/* Until the time is over, the pictures are there, the receiver failed or the user has enough. The
+ * number of previews that were published, where the daemon is watched. */
+std::optional<UInt64> Watch(const OPTIONS_S &i_stOptions, Clock::time_point i_objStart,
+                            CStreamReceiver *i_pReceiver)
 {
     std::unique_ptr<CShow> pShow;
     if (i_stOptions.bShow) {
@@ -208,6 +216,8 @@ void Watch(const OPTIONS_S &i_stOptions, Clock::time_point i_objStart, CStreamRe
             break;
         }
     }
+    return pShow != nullptr && !i_stOptions.strLog.empty() ? std::optional(pShow->Previews())
+                                                           : std::nullopt;
 }
 
 int Receive(const OPTIONS_S &i_stOptions)
@@ -220,11 +230,12 @@ int Receive(const OPTIONS_S &i_stOptions)
         return 1;
     }
     const Clock::time_point objStart = Clock::now();
-    Watch(i_stOptions, objStart, &objReceiver);
+    const std::optional<UInt64> objPreviews = Watch(i_stOptions, objStart, &objReceiver);
 
     const double f64Seconds = std::chrono::duration<double>(Clock::now() - objStart).count();
     const STREAM_STATS_S stStats = objReceiver.Stats();
-    fputs((i_stOptions.bJson ? SummaryJson(stStats, f64Seconds) : Summary(stStats, f64Seconds))
+    fputs((i_stOptions.bJson ? SummaryJson(stStats, f64Seconds)
+                             : Summary(stStats, f64Seconds, objPreviews))
               .c_str(),
           stdout);
     bool bGood = stStats.u64Pictures > 0 && stStats.strError.empty();

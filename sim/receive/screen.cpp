@@ -224,6 +224,9 @@ std::string PlainLine(const SCREEN_S &i_stScreen)
                       i_stScreen.stRates.f64KbitPerS) +
                PictureText(i_stScreen) +
                Format(", %" PRIu64 " packets missing", stStats.stRtp.u64Lost);
+    if (i_stScreen.bHasLog) {
+        strLine += Format(", %" PRIu64 " previews", i_stScreen.u64Previews);
+    }
     if (i_stScreen.bHasDaemon) {
         strLine += Format("; daemon %.0f %% CPU, %.1f MB", i_stScreen.stRates.f64CpuPercent,
                           static_cast<double>(i_stScreen.stProcess.u64MemoryKb) / 1024);
@@ -231,7 +234,8 @@ std::string PlainLine(const SCREEN_S &i_stScreen)
     return strLine;
 }
 
-std::string Summary(const STREAM_STATS_S &i_stStats, double i_f64Seconds)
+std::string Summary(const STREAM_STATS_S &i_stStats, double i_f64Seconds,
+                    std::optional<UInt64> i_objPreviews)
 {
     std::string strText =
         Format("In %.1f s: %" PRIu64 " packets (%.0f /s, %.0f kbit/s), ", i_f64Seconds,
@@ -243,6 +247,9 @@ std::string Summary(const STREAM_STATS_S &i_stStats, double i_f64Seconds)
     }
     if (i_stStats.objRuns.empty()) {
         strText += "No picture was decoded\n";
+    }
+    if (i_objPreviews) {
+        strText += Format("%" PRIu64 " preview pictures published\n", *i_objPreviews);
     }
     if (!i_stStats.strError.empty()) {
         strText += "The receiver stopped: " + i_stStats.strError + "\n";

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <deque>
+#include <optional>
 #include <string>
 
 #include "framework/types.h"
@@ -31,8 +32,9 @@ struct SCREEN_S {
     SInt32 s32Pid = 0;
     LOG_VIEW_S stLog;
     PROCESS_VIEW_S stProcess;
-    std::string strPreview;
-    std::string strHint; /* shown at the bottom, lines separated by newlines */
+    UInt64 u64Previews = 0; /* pictures seen published since the start */
+    std::string strPreview; /* the same in words, with size and age of the newest */
+    std::string strHint;    /* shown at the bottom, lines separated by newlines */
 };
 
 RATES_S RatesBetween(const STREAM_STATS_S &i_stOld, const STREAM_STATS_S &i_stNew,
@@ -43,7 +45,8 @@ RATES_S RatesBetween(const STREAM_STATS_S &i_stOld, const STREAM_STATS_S &i_stNe
 std::string ScreenText(const SCREEN_S &i_stScreen, size_t i_u64Columns);
 /* One line, for an output that is no terminal. */
 std::string PlainLine(const SCREEN_S &i_stScreen);
-/* For people, at the end. */
-std::string Summary(const STREAM_STATS_S &i_stStats, double i_f64Seconds);
+/* For people, at the end; the previews are told of where they were looked at. */
+std::string Summary(const STREAM_STATS_S &i_stStats, double i_f64Seconds,
+                    std::optional<UInt64> i_objPreviews);
 /* For programs, at the end: one JSON object. */
 std::string SummaryJson(const STREAM_STATS_S &i_stStats, double i_f64Seconds);
