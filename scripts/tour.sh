@@ -9,8 +9,15 @@ readonly SEEN=/run/tour.json
 SAW=
 PLAYED=0
 
-# value NAME [FILE]: the first value of that name in the JSON.
-value() { sed -nE "s/.*\"$1\": ?\"?([^\",}]*).*/\\1/p" "${2:-$SEEN}" | head -n 1; }
+# value NAME [FILE]: the first value of that name in the JSON; nothing if there is none.
+value() {
+    local found
+    found=$(grep -oE "\"$1\": ?\"?[^\",}]*" "${2:-$SEEN}") || return 0
+    found=${found%%$'\n'*}
+    found=${found#*:}
+    found=${found# }
+    echo "${found#\"}"
+}
 
 # The stream's rate as a whole number.
 kbit_per_s() {
@@ -45,9 +52,17 @@ restarts() {
     }
 }
 
-# receive SECONDS: what an independent receiver makes of the stream.
+# receive SECONDS [PICTURE]: what an independent receiver makes of the stream. Fails when the
+# receiver does; that there were no pictures is no failure of its own.
 receive() {
-    sim-receive --seconds "$1" --json ${2:+--picture "$2"} >"$SEEN" 2>/run/tour.err || true
+    sim-receive --seconds "$1" --json ${2:+--picture "$2"} >"$SEEN" 2>/run/tour.err &
+    RECEIVER=$!
+    wait "$RECEIVER" || true
+    RECEIVER=
+    if [[ ! -s $SEEN || -n $(value error) ]]; then
+        SAW="the receiver failed: $(value error) $(tail -n 1 /run/tour.err)"
+        return 1
+    fi
     SAW="$(value pictures) pictures of $(value width)x$(value height) in $1 s, "
     SAW+="$(kbit_per_s) kbit/s, $(value lost) packets lost"
 }
@@ -55,11 +70,50 @@ receive() {
 # decoded WxH: the last look at the stream had pictures of that size.
 decoded() { (($(value pictures) > 0)) && [[ $(value width)x$(value height) == "$1" ]]; }
 
-set_and_check() { # FIELD VALUE READ_BACK
-    restarts mv3300ctl set --json "--$1" "$2" || return 1
-    mv3300ctl get "$1" --json >/run/tour.get && [[ $(value "$1" /run/tour.get) == "$3" ]] && return
-    SAW="the daemon reports $(</run/tour.get)"
+# silent SECONDS: no packet came, although receiver and daemon are well.
+silent() {
+    receive "$1" || return 1
+    SAW="$(value packets) packets in $1 s"
+    [[ $(value packets) == 0 ]] || return 1
+    mv3300ctl get --json >/run/tour.get 2>&1 || {
+        SAW+="; but $(tail -n 1 /run/tour.get)"
+        return 1
+    }
+    SAW+="; the daemon answers"
+}
+
+# reads_back FIELD VALUE
+reads_back() {
+    mv3300ctl get "$1" --json >/run/tour.get 2>&1 && [[ $(value "$1" /run/tour.get) == "$2" ]] &&
+        return
+    SAW="the daemon reports $(tail -n 1 /run/tour.get)"
     return 1
+}
+
+set_and_check() { # FIELD VALUE READ_BACK
+    restarts mv3300ctl set --json "--$1" "$2" && reads_back "$1" "$3"
+}
+
+# preview_kept: a copy of the picture published now, with its time. The daemon may take the picture
+# away at any moment.
+preview_kept() {
+    cp -p /tmp/image.jpeg "$OUTPUT/preview.jpeg" 2>/dev/null && [[ -s $OUTPUT/preview.jpeg ]]
+}
+preview_newer_than() { preview_kept && [[ $(stat -c %y "$OUTPUT/preview.jpeg") != "$1" ]]; }
+preview_of() { preview_kept && [[ $(jpeg_size "$OUTPUT/preview.jpeg") == "$1" ]]; }
+no_preview_for() { ! until_true "$1" test -e /tmp/image.jpeg; }
+
+# jpeg_size FILE: WxH as the frame header tells it; nothing unless the file begins and ends as a
+# whole JPEG file does.
+jpeg_size() {
+    local bytes
+    bytes=$({ head -c 1024 "$1" && tail -c 2 "$1"; } | od -An -v -tx1 | tr -d '\n')
+    [[ $bytes == " ff d8"*" ff d9" ]] || return 0
+    [[ $bytes =~ " ff c0 00 11 08 "(..)" "(..)" "(..)" "(..) ]] || return 0
+    echo "$((16#${BASH_REMATCH[3]}${BASH_REMATCH[4]}))x$((16#${BASH_REMATCH[1]}${BASH_REMATCH[2]}))"
+}
+saw_preview() {
+    SAW="JPEG of $(jpeg_size "$OUTPUT/preview.jpeg"), $(stat -c %s "$OUTPUT/preview.jpeg") bytes"
 }
 
 tour_timing() {
@@ -67,21 +121,16 @@ tour_timing() {
         decoded "${TIMING%@*}"
 }
 
-tour_preview() {
-    local first second
-    until_true 20 test -s /tmp/image.jpeg || return 1
-    first=$(stat -c %y /tmp/image.jpeg)
-    sleep 3
-    until_true 5 cp -p /tmp/image.jpeg "$OUTPUT/preview.jpeg" || return 1
-    second=$(stat -c %y "$OUTPUT/preview.jpeg")
-    SAW="$(file_kind "$OUTPUT/preview.jpeg") of $(stat -c %s "$OUTPUT/preview.jpeg") bytes"
-    [[ $first != "$second" && $SAW == JPEG* ]]
+# preview_size HEIGHT: the preview keeps the input's proportions.
+preview_size() {
+    local size=${TIMING%@*}
+    echo "$((${size%x*} * $1 / ${size#*x}))x$1"
 }
 
-# Its first and last two bytes tell a whole JPEG file.
-file_kind() {
-    [[ $(head -c 2 "$1" | od -An -tx1)$(tail -c 2 "$1" | od -An -tx1) == " ff d8 ff d9" ]] &&
-        echo "JPEG file" || echo "something else"
+tour_preview() {
+    until_true 20 preview_of "$(preview_size 720)" || return 1
+    until_true 10 preview_newer_than "$(stat -c %y "$OUTPUT/preview.jpeg")" || return 1
+    saw_preview
 }
 
 tour_get() {
@@ -107,11 +156,33 @@ tour_gop() {
     [[ $(value gop) == 15 ]]
 }
 
-tour_off() {
-    set_and_check h264 off false && receive 3 || return 1
-    SAW="$(value packets) packets in 3 s"
-    [[ $(value packets) == 0 ]]
+tour_preview_off_on() {
+    set_and_check preview off false || return 1
+    until_true 15 no_preview_for 3 || {
+        SAW="there are still pictures"
+        return 1
+    }
+    set_and_check preview on true && until_true 20 preview_kept || return 1
+    saw_preview
+    SAW="none for 3 s; then a $SAW"
 }
+
+tour_preview_height() {
+    restarts mv3300ctl set --json --height 360 --refreshrate 5 && reads_back height 360 &&
+        reads_back refreshrate 5 && until_true 20 preview_of "$(preview_size 360)" || return 1
+    saw_preview
+}
+
+# The one setting that the daemon reports but does not let itself be given.
+tour_mode() {
+    local status=0
+    mv3300ctl set --mode cbr >/run/tour.out 2>&1 || status=$?
+    reads_back mode vbr || return 1
+    SAW=$(tail -n 1 /run/tour.out)
+    ((status == 1))
+}
+
+tour_off() { set_and_check h264 off false && silent 3; }
 
 tour_on() { set_and_check h264 on true && receive 5 && decoded "${TIMING%@*}"; }
 
@@ -123,12 +194,7 @@ tour_other_timing() {
 
 tour_no_signal() {
     sim-uevent --quiet --none || return 1
-    until_true 20 silent
-}
-silent() {
-    receive 2
-    SAW="$(value packets) packets in 2 s"
-    [[ $(value packets) == 0 ]]
+    until_true 20 silent 2
 }
 
 # step NAME FUNCTION: counts the steps whose outcome was not the one to be seen.
@@ -143,22 +209,33 @@ step() {
     fi
 }
 
-tour() {
-    say "the tour, about a minute"
-    step "$TIMING is announced: a stream comes" tour_timing
-    step "the preview is there and is renewed" tour_preview
-    step "mv3300ctl get: the settings" tour_get
-    step "mv3300ctl set --bitrate: the stream follows" tour_bitrate
-    step "mv3300ctl set --gop 15: the stream follows" tour_gop
-    step "mv3300ctl set --h264 off: the stream stops" tour_off
-    step "mv3300ctl set --h264 on: it comes back" tour_on
-    step "another timing: another size" tour_other_timing
-    step "no signal: the stream stops" tour_no_signal
+# look NAME FUNCTION: a step that needs the daemon; without it there is no use in waiting.
+look() {
+    if kill -0 "$DAEMON" 2>/dev/null; then step "$@"; else step "$1" gone; fi
+}
+gone() {
+    SAW="the daemon has ended"
+    return 1
 }
 
-# tour_end STATUS: the last step, with the daemon's exit status.
+tour() {
+    say "the tour, about a minute and a half"
+    look "$TIMING is announced: a stream comes" tour_timing
+    look "the preview is there and is renewed" tour_preview
+    look "mv3300ctl get: the settings" tour_get
+    look "mv3300ctl set --bitrate: the stream follows" tour_bitrate
+    look "mv3300ctl set --gop 15: the stream follows" tour_gop
+    look "mv3300ctl set --preview off and on: it obeys" tour_preview_off_on
+    look "mv3300ctl set --height 360 --refreshrate 5" tour_preview_height
+    look "mv3300ctl set --mode cbr: is refused" tour_mode
+    look "mv3300ctl set --h264 off: the stream stops" tour_off
+    look "mv3300ctl set --h264 on: it comes back" tour_on
+    look "another timing: another size" tour_other_timing
+    look "no signal: the stream stops" tour_no_signal
+}
+
+# tour_end: the last step, with the daemon's exit status in ENDED.
 tour_end() {
-    ENDED=$1
     step "SIGTERM: the daemon ends" tour_ended
     ((FAILED_STEPS == 0)) || say "$FAILED_STEPS steps were not seen as they should be"
 }
