@@ -4,16 +4,20 @@
 #include "bench/box_run.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <sched.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,10 +28,24 @@ namespace
 {
 constexpr char kLog[] = "/run/bench.log";
 
+std::set<pid_t> g_s32Spawned; /* and not waited for yet */
+
 std::string ReadAll(const std::string &i_strPath)
 {
     std::ifstream objFile(i_strPath);
     return {std::istreambuf_iterator<char>(objFile), {}};
+}
+
+/* Of a dead process there are no figures, and nothing that it would still do. */
+void CheckSpawned()
+{
+    for (const pid_t s32Pid : g_s32Spawned) {
+        siginfo_t stEnded = {};
+        if (waitid(P_PID, static_cast<id_t>(s32Pid), &stEnded, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+            stEnded.si_pid != 0) {
+            Fail("a process ended early", std::to_string(s32Pid));
+        }
+    }
 }
 
 /* User and system time out of a stat file. */
@@ -36,7 +54,7 @@ double StatSeconds(const std::string &i_strPath)
     const std::string strText = ReadAll(i_strPath);
     const std::size_t u64NameEnd = strText.rfind(')');
     if (u64NameEnd == std::string::npos) {
-        return 0; /* ended meanwhile */
+        Fail("cannot be read", i_strPath);
     }
     std::istringstream objFields(strText.substr(u64NameEnd + 2));
     std::string strSkip;
@@ -49,7 +67,7 @@ double StatSeconds(const std::string &i_strPath)
     return (f64User + f64System) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-/* The number behind a name in a status file. */
+/* The number behind a name in a status file; 0 where a thread ended meanwhile. */
 double StatusNumber(const std::string &i_strPath, const char *i_pName)
 {
     const std::string strText = ReadAll(i_strPath);
@@ -68,11 +86,27 @@ int CountLines(const char *i_pFile, const char *i_pText)
 }
 } // namespace
 
+void Fail(const char *i_pText, const std::string &i_strAbout)
+{
+    fflush(stdout);
+    fprintf(stderr, "%s: %s\n", i_pText, i_strAbout.c_str());
+    exit(1);
+}
+
+void PinToOneProcessor()
+{
+    cpu_set_t stOne;
+    CPU_ZERO(&stOne);
+    CPU_SET(0, &stOne);
+    if (sched_setaffinity(0, sizeof(stOne), &stOne) != 0) {
+        Fail("sched_setaffinity", strerror(errno));
+    }
+}
+
 void PrepareBox()
 {
     if (!std::filesystem::exists("/run/mv3300-sim/box.pid")) {
-        fprintf(stderr, "runs in the bench box only, see bench/run\n");
-        exit(2);
+        Fail("runs in the bench box only", "see bench/run");
     }
     std::filesystem::create_directories("/config/mv3300");
     std::filesystem::create_directories("/tmp/image");
@@ -91,22 +125,38 @@ pid_t Spawn(const std::vector<std::string> &i_strArgs, int i_s32Stdin)
         pArgs.push_back(const_cast<char *>(strArg.c_str()));
     }
     pArgs.push_back(nullptr);
-    const pid_t s32Pid = fork();
-    if (s32Pid == 0) {
-        const int s32Null = open("/dev/null", O_RDWR);
-        dup2(i_s32Stdin >= 0 ? i_s32Stdin : s32Null, STDIN_FILENO);
-        dup2(s32Null, STDOUT_FILENO);
-        dup2(s32Null, STDERR_FILENO);
-        execvp(pArgs[0], pArgs.data());
-        _exit(127);
+    posix_spawn_file_actions_t stFiles;
+    posix_spawn_file_actions_init(&stFiles);
+    if (i_s32Stdin >= 0) {
+        posix_spawn_file_actions_adddup2(&stFiles, i_s32Stdin, STDIN_FILENO);
+    } else {
+        posix_spawn_file_actions_addopen(&stFiles, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     }
+    posix_spawn_file_actions_addopen(&stFiles, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&stFiles, STDOUT_FILENO, STDERR_FILENO);
+    pid_t s32Pid = -1;
+    const int s32Error = posix_spawnp(&s32Pid, pArgs[0], &stFiles, nullptr, pArgs.data(), environ);
+    posix_spawn_file_actions_destroy(&stFiles);
+    if (s32Error != 0) {
+        Fail(pArgs[0], strerror(s32Error));
+    }
+    g_s32Spawned.insert(s32Pid);
     return s32Pid;
+}
+
+void WaitForEnd(pid_t i_s32Pid)
+{
+    g_s32Spawned.erase(i_s32Pid);
+    if (waitpid(i_s32Pid, nullptr, 0) != i_s32Pid) {
+        Fail("waitpid", strerror(errno));
+    }
 }
 
 void End(pid_t i_s32Pid, int i_s32Signal)
 {
+    CheckSpawned();
     kill(i_s32Pid, i_s32Signal);
-    waitpid(i_s32Pid, nullptr, 0);
+    WaitForEnd(i_s32Pid);
 }
 
 pid_t StartDaemon()
@@ -133,15 +183,18 @@ void SendTiming(const char *i_pEvent)
     stKernel.nl_family = AF_NETLINK;
     if (sendto(s32Fd, objMessage.data(), objMessage.size(), 0,
                reinterpret_cast<struct sockaddr *>(&stKernel), sizeof(stKernel)) < 0) {
-        perror("uevent");
-        exit(1);
+        Fail("uevent", strerror(errno));
     }
     close(s32Fd);
 }
 
 void WaitForLine(const char *i_pFile, const char *i_pText, int i_s32Count)
 {
-    for (int i = 0; i < 3000 && CountLines(i_pFile, i_pText) < i_s32Count; i++) {
+    for (int i = 0; CountLines(i_pFile, i_pText) < i_s32Count; i++) {
+        if (i == 3000) {
+            Fail("not in the log after 30 s", i_pText);
+        }
+        CheckSpawned();
         usleep(10000);
     }
 }
@@ -170,12 +223,19 @@ std::map<std::string, USED_S> UsedByThread(pid_t i_s32Pid)
 
 double CpuSeconds(pid_t i_s32Pid)
 {
+    CheckSpawned();
     return StatSeconds("/proc/" + std::to_string(i_s32Pid) + "/stat");
 }
 
 double RssMb(pid_t i_s32Pid)
 {
     return StatusNumber("/proc/" + std::to_string(i_s32Pid) + "/status", "VmRSS:") / 1024;
+}
+
+double PssMb(pid_t i_s32Pid)
+{
+    CheckSpawned();
+    return StatusNumber("/proc/" + std::to_string(i_s32Pid) + "/smaps_rollup", "\nPss:") / 1024;
 }
 
 double Quantile(std::vector<double> i_f64Values, double i_f64Part)
@@ -188,9 +248,17 @@ double Quantile(std::vector<double> i_f64Values, double i_f64Part)
 void Compare(const char *i_pWhat, const std::vector<double> &i_f64Ours,
              const std::vector<double> &i_f64Reference)
 {
-    const auto [pLeast, pMost] = std::minmax_element(i_f64Ours.begin(), i_f64Ours.end());
-    printf("%-28s ours %9.2f (%.2f to %.2f)  reference %9.2f  ratio %.3f\n", i_pWhat,
-           Quantile(i_f64Ours, 0.5), *pLeast, *pMost, Quantile(i_f64Reference, 0.5),
-           Quantile(i_f64Ours, 0.5) / Quantile(i_f64Reference, 0.5));
+    auto Print = [](const char *i_pSide, const std::vector<double> &i_f64Values) {
+        const auto [pLeast, pMost] = std::minmax_element(i_f64Values.begin(), i_f64Values.end());
+        printf("  %s %9.2f (%.2f to %.2f)", i_pSide, Quantile(i_f64Values, 0.5), *pLeast, *pMost);
+    };
+    const double f64Ratio = Quantile(i_f64Ours, 0.5) / Quantile(i_f64Reference, 0.5);
+    if (!std::isfinite(f64Ratio)) {
+        Fail("nothing was measured", i_pWhat);
+    }
+    printf("%-35s ratio %.3f ", i_pWhat, f64Ratio);
+    Print("ours", i_f64Ours);
+    Print("reference", i_f64Reference);
+    printf("\n");
     fflush(stdout);
 }

@@ -20,7 +20,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gst/gst.h>
@@ -54,8 +53,7 @@ public:
         stAddr.sin_port = htons(kPort);
         stAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         if (bind(m_s32Fd, reinterpret_cast<struct sockaddr *>(&stAddr), sizeof(stAddr)) != 0) {
-            perror("bind");
-            exit(1);
+            Fail("bind", strerror(errno));
         }
     }
     void Drain() const
@@ -69,8 +67,7 @@ public:
     {
         struct pollfd stPoll = {m_s32Fd, POLLIN, 0};
         if (poll(&stPoll, 1, 30000) != 1) {
-            fprintf(stderr, "no packet came\n");
-            exit(1);
+            Fail("no packet came", "for 30 s");
         }
         return static_cast<double>(GetTimeInMcros() - i_s64Begin);
     }
@@ -131,7 +128,7 @@ void MeasureUsage(const char *i_pSelf, int i_s32Rounds, int i_s32Seconds)
     const std::string strStream = H264Cmd();
     const std::string strPreview = BuildJpegCmd(kTiming, kStatus);
     std::vector<double> f64Cpu[3];
-    std::vector<double> f64Rss[3];
+    std::vector<double> f64Pss[3];
     for (int i = 0; i < 3 * i_s32Rounds; i++) {
         const int s32Who = i % 3;
         std::vector<pid_t> s32Pids;
@@ -153,16 +150,18 @@ void MeasureUsage(const char *i_pSelf, int i_s32Rounds, int i_s32Seconds)
         sleep(static_cast<unsigned>(i_s32Seconds));
         for (const pid_t s32Pid : s32Pids) {
             f64Seconds += CpuSeconds(s32Pid);
-            f64Mb += RssMb(s32Pid);
+            f64Mb += PssMb(s32Pid);
+        }
+        for (const pid_t s32Pid : s32Pids) {
             End(s32Pid, SIGTERM);
         }
         f64Cpu[s32Who].push_back(f64Seconds * 100 / i_s32Seconds);
-        f64Rss[s32Who].push_back(f64Mb);
+        f64Pss[s32Who].push_back(f64Mb);
     }
     Compare("CPU, %, least program", f64Cpu[0], f64Cpu[1]);
     Compare("CPU, %, gst-launch-1.0", f64Cpu[0], f64Cpu[2]);
-    Compare("memory, MB, least program", f64Rss[0], f64Rss[1]);
-    Compare("memory, MB, gst-launch-1.0", f64Rss[0], f64Rss[2]);
+    Compare("memory, MB, least program", f64Pss[0], f64Pss[1]);
+    Compare("memory, MB, gst-launch-1.0", f64Pss[0], f64Pss[2]);
 }
 
 void MeasureFirstPacket(const char *i_pSelf, int i_s32Rounds)
@@ -171,7 +170,7 @@ void MeasureFirstPacket(const char *i_pSelf, int i_s32Rounds)
     std::vector<double> f64Ms[2];
     int s32Pipe[2];
     if (pipe2(s32Pipe, O_CLOEXEC) != 0) {
-        exit(1);
+        Fail("pipe2", strerror(errno));
     }
     const pid_t s32Player = Spawn({i_pSelf, "--play", H264Cmd()}, s32Pipe[0]);
     const pid_t s32Daemon = StartDaemon();
@@ -198,7 +197,7 @@ void MeasureFirstPacket(const char *i_pSelf, int i_s32Rounds)
         }
     }
     close(s32Pipe[1]);
-    waitpid(s32Player, nullptr, 0);
+    WaitForEnd(s32Player);
     End(s32Daemon, SIGTERM);
     Compare("request to first packet, ms", f64Ms[0], f64Ms[1]);
 }
@@ -218,6 +217,7 @@ int main(int argc, char **argv)
         return 2;
     }
     PrepareBox();
+    PinToOneProcessor();
     MeasureFirstPacket(argv[0], s32Rounds * 2);
     MeasureUsage(argv[0], s32Rounds, 6);
     return 0;

@@ -8,6 +8,7 @@
  */
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -39,8 +40,7 @@ public:
     explicit CArrivals(const char *i_pDirectory) : m_s32Fd(inotify_init1(IN_CLOEXEC))
     {
         if (inotify_add_watch(m_s32Fd, i_pDirectory, IN_MOVED_TO) < 0) {
-            perror(i_pDirectory);
-            exit(1);
+            Fail(i_pDirectory, strerror(errno));
         }
     }
     ~CArrivals() { close(m_s32Fd); }
@@ -78,8 +78,7 @@ double Publish(const CArrivals &i_objPublished, const std::string &i_strInto,
     const SInt64 s64Begin = GetTimeInMcros();
     std::filesystem::rename("/tmp/new", i_strInto);
     if (!i_objPublished.Wait(i_strAs)) {
-        fprintf(stderr, "%s is not published\n", i_strInto.c_str());
-        exit(1);
+        Fail("is not published", i_strInto);
     }
     return static_cast<double>(GetTimeInMcros() - s64Begin - kWriterPauseUs);
 }
@@ -115,8 +114,7 @@ double AnswerAfter(SInt64 i_s64Begin)
     while (AskDaemon({}, kAskAll, {}, std::chrono::milliseconds(5)).eResult !=
            AskResult::Answered) {
         if (GetTimeInMcros() > s64Limit) {
-            fprintf(stderr, "the daemon does not answer\n");
-            exit(1);
+            Fail("the daemon does not answer", "for 60 s");
         }
         usleep(500);
     }
@@ -127,10 +125,20 @@ pid_t Instance()
 {
     const std::optional<SInt32> objPid = FindDaemon("/var/run/mv3300.pid");
     if (!objPid) {
-        fprintf(stderr, "no daemon runs\n");
-        exit(1);
+        Fail("no daemon runs", "/var/run/mv3300.pid");
     }
     return *objPid;
+}
+
+/* A process that dies could still answer. */
+void WaitUntilGone(pid_t i_s32Pid)
+{
+    for (int i = 0; kill(i_s32Pid, 0) == 0; i++) {
+        if (i == 50000) {
+            Fail("does not end within 10 s", std::to_string(i_s32Pid));
+        }
+        usleep(200);
+    }
 }
 
 void MeasureRestart(int i_s32Rounds)
@@ -149,10 +157,12 @@ void MeasureRestart(int i_s32Rounds)
         End(s32Plain, SIGSEGV);
         f64Ms[1].push_back(f64Start + static_cast<double>(GetTimeInMcros() - s64Begin) / 1000);
 
-        waitpid(Spawn({"mv3300d", "-D"}), nullptr, 0);
+        WaitForEnd(Spawn({"mv3300d", "-D"}));
         AnswerAfter(GetTimeInMcros());
+        const pid_t s32Instance = Instance();
         s64Begin = GetTimeInMcros();
-        kill(Instance(), SIGSEGV);
+        kill(s32Instance, SIGSEGV);
+        WaitUntilGone(s32Instance);
         f64Ms[0].push_back(AnswerAfter(s64Begin + kRestartPauseUs));
         kill(Instance(), SIGTERM);
         while (wait(nullptr) > 0) {
@@ -219,6 +229,7 @@ int main(int argc, char **argv)
         return 2;
     }
     PrepareBox();
+    PinToOneProcessor();
     MeasurePublication(s32Rounds * 20);
     MeasureRestart(s32Rounds);
     MeasureThreads(s32Rounds * 2);
