@@ -129,6 +129,10 @@ void Read(double *o_pCpuMs, double *o_pSwitches)
 RESULT_S Measure(void (*i_pStart)(), RESULT_S *io_pShared)
 {
     const pid_t s32Child = fork();
+    if (s32Child < 0) {
+        perror("fork");
+        exit(1);
+    }
     if (s32Child == 0) {
         i_pStart();
         sleep(1);
@@ -175,8 +179,14 @@ int main(int argc, char **argv)
                              const char *i_pUnit) {
         const double f64Ours = Median(i_f64Values[0]);
         const double f64Limit = Median(i_f64Values[1]);
-        printf("%-36s ratio %.3f  (ours %.2f %s, reference %.2f)\n", i_pName, f64Ours / f64Limit,
-               f64Ours, i_pUnit, f64Limit);
+        printf("%-35s ratio %.3f ", i_pName, f64Ours / f64Limit);
+        for (int i = 0; i < 2; i++) {
+            const auto [pLeast, pMost] =
+                std::minmax_element(i_f64Values[i].begin(), i_f64Values[i].end());
+            printf("  %s %.2f (%.2f to %.2f)", i == 0 ? "ours" : "reference",
+                   Median(i_f64Values[i]), *pLeast, *pMost);
+        }
+        printf("  %s\n", i_pUnit);
     };
     objPrint("idle/switches/limit", f64Switches, "a second");
     objPrint("idle/cpu/limit", f64CpuMs, "ms a second");
