@@ -6,9 +6,12 @@
  * buffers and lookups. A box and a msgpack map are asked for each field by its type, since neither
  * promises an order; protobuf has accessors.
  */
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <numeric>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -103,22 +106,21 @@ DECODED_S DecodeTlv(const std::string &i_strBytes)
 std::string EncodeProtobuf()
 {
     reference::Request objRequest;
-    reference::StreamAsks &objAsks = *objRequest.mutable_command()->mutable_asks();
-    objAsks.set_h264_enable(true);
-    objAsks.set_gop(true);
-    objAsks.set_mode(true);
-    objAsks.set_bitrate(true);
-    objAsks.set_preview_enable(true);
-    objAsks.set_height(true);
-    objAsks.set_refreshrate(true);
-    reference::StreamSets &objSets = *objRequest.mutable_command()->mutable_sets();
-    objSets.set_h264_enable(kValues[0]);
-    objSets.set_gop(kValues[1]);
-    objSets.set_mode("cbr");
-    objSets.set_bitrate(kValues[3]);
-    objSets.set_preview_enable(kValues[4]);
-    objSets.set_height(kValues[5]);
-    objSets.set_refreshrate(kValues[6]);
+    reference::StreamCommand &objCommand = *objRequest.mutable_command();
+    objCommand.set_ask_h264_enable(true);
+    objCommand.set_ask_gop(true);
+    objCommand.set_ask_mode(true);
+    objCommand.set_ask_bitrate(true);
+    objCommand.set_ask_preview_enable(true);
+    objCommand.set_ask_height(true);
+    objCommand.set_ask_refreshrate(true);
+    objCommand.set_h264_enable(kValues[0]);
+    objCommand.set_gop(kValues[1]);
+    objCommand.set_mode("cbr");
+    objCommand.set_bitrate(kValues[3]);
+    objCommand.set_preview_enable(kValues[4]);
+    objCommand.set_height(kValues[5]);
+    objCommand.set_refreshrate(kValues[6]);
     return objRequest.SerializeAsString();
 }
 
@@ -126,12 +128,13 @@ DECODED_S DecodeProtobuf(const std::string &i_strBytes)
 {
     reference::Request objRequest;
     objRequest.ParseFromString(i_strBytes);
-    const reference::StreamAsks &objAsks = objRequest.command().asks();
-    const reference::StreamSets &objSets = objRequest.command().sets();
-    return {{objAsks.h264_enable(), objAsks.gop(), objAsks.mode(), objAsks.bitrate(),
-             objAsks.preview_enable(), objAsks.height(), objAsks.refreshrate()},
-            {objSets.h264_enable(), objSets.gop(), ModeNumber(objSets.mode()), objSets.bitrate(),
-             objSets.preview_enable(), objSets.height(), objSets.refreshrate()}};
+    const reference::StreamCommand &objCommand = objRequest.command();
+    return {{objCommand.ask_h264_enable(), objCommand.ask_gop(), objCommand.ask_mode(),
+             objCommand.ask_bitrate(), objCommand.ask_preview_enable(), objCommand.ask_height(),
+             objCommand.ask_refreshrate()},
+            {objCommand.h264_enable(), objCommand.gop(), ModeNumber(objCommand.mode()),
+             objCommand.bitrate(), objCommand.preview_enable(), objCommand.height(),
+             objCommand.refreshrate()}};
 }
 
 /* The same fields as pairs of type and value, the box's own shape in msgpack's terms. */
@@ -213,17 +216,31 @@ BENCHMARK(StreamCommandEncode<EncodeTlv>)->Name("stream_command_encode/ours");
 BENCHMARK(StreamCommandEncode<EncodeProtobuf>)->Name("stream_command_encode/protobuf");
 BENCHMARK(StreamCommandEncode<EncodeMsgpack>)->Name("stream_command_encode/msgpack");
 
-/* Record types in the order in which they are put: ascending, as every sender here numbers them. */
-std::uint32_t BoxType(int i_s32Index)
+constexpr int kMostRecords = 1000;
+
+/* Record types in the order in which they are put: ascending, as every sender here numbers them, or
+ * in none. */
+enum class Order { Ascending, Shuffled };
+template <Order eOrder> std::uint32_t BoxType(int i_s32Index)
 {
-    return static_cast<std::uint32_t>(i_s32Index) + 1;
+    if constexpr (eOrder == Order::Ascending) {
+        return static_cast<std::uint32_t>(i_s32Index) + 1;
+    } else {
+        static const std::vector<std::uint32_t> s_u32Types = [] {
+            std::vector<std::uint32_t> u32Types(kMostRecords);
+            std::iota(u32Types.begin(), u32Types.end(), 1U);
+            std::shuffle(u32Types.begin(), u32Types.end(), std::mt19937(1));
+            return u32Types;
+        }();
+        return s_u32Types[static_cast<std::size_t>(i_s32Index)];
+    }
 }
 
-std::string EncodeBoxTlv(int i_s32Records)
+template <Order eOrder> std::string EncodeBoxTlv(int i_s32Records)
 {
     tlv_box *pBox = tlv_box_create();
     for (int i = 0; i < i_s32Records; i++) {
-        tlv_box_put_int(pBox, BoxType(i), i);
+        tlv_box_put_int(pBox, BoxType<eOrder>(i), i);
     }
     tlv_box_serialize(pBox);
     std::string strBytes(reinterpret_cast<const char *>(tlv_box_get_buffer(pBox)),
@@ -232,24 +249,24 @@ std::string EncodeBoxTlv(int i_s32Records)
     return strBytes;
 }
 
-std::string EncodeBoxProtobuf(int i_s32Records)
+template <Order eOrder> std::string EncodeBoxProtobuf(int i_s32Records)
 {
     reference::Box objBox;
     for (int i = 0; i < i_s32Records; i++) {
         reference::Record &objRecord = *objBox.add_records();
-        objRecord.set_type(BoxType(i));
+        objRecord.set_type(BoxType<eOrder>(i));
         objRecord.set_value(&i, sizeof(i));
     }
     return objBox.SerializeAsString();
 }
 
-std::string EncodeBoxMsgpack(int i_s32Records)
+template <Order eOrder> std::string EncodeBoxMsgpack(int i_s32Records)
 {
     msgpack::sbuffer objBuffer;
     msgpack::packer<msgpack::sbuffer> objPacker(objBuffer);
     objPacker.pack_map(static_cast<std::uint32_t>(i_s32Records));
     for (int i = 0; i < i_s32Records; i++) {
-        objPacker.pack(BoxType(i));
+        objPacker.pack(BoxType<eOrder>(i));
         objPacker.pack_bin(sizeof(i));
         objPacker.pack_bin_body(reinterpret_cast<const char *>(&i), sizeof(i));
     }
@@ -291,27 +308,16 @@ void BoxDecode(benchmark::State &io_objState)
         Decode(strBytes);
     }
 }
-BENCHMARK(BoxEncode<EncodeBoxTlv>)->Name("box_encode/ours")->RangeMultiplier(10)->Range(1, 1000);
-BENCHMARK(BoxEncode<EncodeBoxProtobuf>)
-    ->Name("box_encode/protobuf")
-    ->RangeMultiplier(10)
-    ->Range(1, 1000);
-BENCHMARK(BoxEncode<EncodeBoxMsgpack>)
-    ->Name("box_encode/msgpack")
-    ->RangeMultiplier(10)
-    ->Range(1, 1000);
-BENCHMARK(BoxDecode<EncodeBoxTlv, DecodeBoxTlv>)
-    ->Name("box_decode/ours")
-    ->RangeMultiplier(10)
-    ->Range(1, 1000);
-BENCHMARK(BoxDecode<EncodeBoxProtobuf, DecodeBoxProtobuf>)
-    ->Name("box_decode/protobuf")
-    ->RangeMultiplier(10)
-    ->Range(1, 1000);
-BENCHMARK(BoxDecode<EncodeBoxMsgpack, DecodeBoxMsgpack>)
-    ->Name("box_decode/msgpack")
-    ->RangeMultiplier(10)
-    ->Range(1, 1000);
+
+#define BOX_BENCHMARK(function, name)                                                              \
+    BENCHMARK(function)->Name(name)->RangeMultiplier(10)->Range(1, kMostRecords)
+#define BOX_BENCHMARKS(encode, decode, side)                                                       \
+    BOX_BENCHMARK(BoxEncode<encode<Order::Ascending>>, "box_encode/" side);                        \
+    BOX_BENCHMARK(BoxEncode<encode<Order::Shuffled>>, "box_encode_shuffled/" side);                \
+    BOX_BENCHMARK((BoxDecode<encode<Order::Ascending>, decode>), "box_decode/" side)
+BOX_BENCHMARKS(EncodeBoxTlv, DecodeBoxTlv, "ours");
+BOX_BENCHMARKS(EncodeBoxProtobuf, DecodeBoxProtobuf, "protobuf");
+BOX_BENCHMARKS(EncodeBoxMsgpack, DecodeBoxMsgpack, "msgpack");
 } // namespace
 
 BENCHMARK_MAIN();
