@@ -87,7 +87,7 @@ template <typename Server> void Datagram(benchmark::State &io_objState)
     {
         Server objServer(u64Count, &objRuns);
         std::size_t u64Next = 0;
-        for (auto _ : io_objState) {
+        auto SendOne = [&] {
             stAddr.sin_port = htons(objServer.Port(u64Next));
             if (sendto(s32Sender, "datagram", 8, 0, reinterpret_cast<struct sockaddr *>(&stAddr),
                        sizeof(stAddr)) != 8) {
@@ -95,16 +95,24 @@ template <typename Server> void Datagram(benchmark::State &io_objState)
             }
             objRuns.Wait();
             u64Next = u64Next + 1 < u64Count ? u64Next + 1 : 0;
+        };
+        for (int i = 0; i < 100; i++) { /* what the sockets' first watches left to be done */
+            SendOne();
+        }
+        for (auto _ : io_objState) {
+            SendOne();
         }
     }
     close(s32Sender);
 }
 
-/* 1, 10, 100 and 1000 watched descriptors: with the last, nearly all that select can watch. */
+/* 1, 10, 100 and 1000 watched descriptors: with the last, nearly all that select can watch. All
+ * servers get as many datagrams. */
 #define DATAGRAM_BENCHMARK(server, name)                                                           \
     BENCHMARK(Datagram<server>)                                                                    \
         ->Name("datagram/" name)                                                                   \
         ->RangeMultiplier(10)                                                                      \
         ->Range(1, 1000)                                                                           \
+        ->Iterations(1000)                                                                         \
         ->MeasureProcessCPUTime()                                                                  \
         ->UseRealTime()

@@ -4,42 +4,16 @@
 #include <memory>
 #include <vector>
 
-#include <semaphore.h>
-
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
 #include <event2/thread.h>
 
+#include "bench/burst_bench.h"
 #include "bench/least_tasks.h"
 #include "framework/task.h"
 
 namespace
 {
-constexpr unsigned kThreads = 2; /* as in the daemon */
-
-/* Counts the runs of a burst down and wakes the main thread at the last. */
-class CCountdown
-{
-public:
-    CCountdown() { sem_init(&m_stDone, 0, 0); }
-    void Start(int i_s32Runs) { m_s32Left.store(i_s32Runs); }
-    void Run()
-    {
-        if (m_s32Left.fetch_sub(1) == 1) {
-            sem_post(&m_stDone);
-        }
-    }
-    void Wait()
-    {
-        while (sem_wait(&m_stDone) != 0) {
-        }
-    }
-
-private:
-    std::atomic<int> m_s32Left{0};
-    sem_t m_stDone;
-};
-
 class COurTask : public CTask
 {
 public:
@@ -85,7 +59,8 @@ private:
     std::vector<CTask *> m_pTasks;
 };
 
-class CLeastTasks
+/* Without the yield it is no limit: it shows what the yield after each run costs. */
+template <bool bYield> class CLeastTasks
 {
 public:
     CLeastTasks(int i_s32Count, CCountdown *i_pCountdown)
@@ -106,36 +81,12 @@ private:
         CCountdown *pCountdown;
     };
     std::vector<std::unique_ptr<CLeastTask>> m_pTasks;
-    CLeastPool m_objPool{kThreads};
+    CLeastPool m_objPool{kThreads, bYield};
 };
 
-/* Signals so many tasks and waits until each has run. */
-template <typename Tasks> void Burst(benchmark::State &io_objState)
-{
-    const int s32Count = static_cast<int>(io_objState.range(0));
-    CCountdown objCountdown;
-    Tasks objTasks(s32Count, &objCountdown);
-    for (auto _ : io_objState) {
-        objCountdown.Start(s32Count);
-        for (int i = 0; i < s32Count; i++) {
-            objTasks.Signal(static_cast<std::size_t>(i));
-        }
-        objCountdown.Wait();
-    }
-    io_objState.SetItemsProcessed(io_objState.iterations() * s32Count);
-}
-BENCHMARK(Burst<COurTasks>)
-    ->Name("task/burst/ours")
-    ->RangeMultiplier(10)
-    ->Range(1, 1000)
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
-BENCHMARK(Burst<CLeastTasks>)
-    ->Name("task/burst/limit")
-    ->RangeMultiplier(10)
-    ->Range(1, 1000)
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
+BURST_BENCHMARK(COurTasks, "ours");
+BURST_BENCHMARK(CLeastTasks<true>, "limit");
+BURST_BENCHMARK(CLeastTasks<false>, "no-yield");
 
 /* Waits for a delayed run for good, so that every signal meets one that is pending. */
 class CPendingTask : public CTask
