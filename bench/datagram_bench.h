@@ -113,6 +113,6 @@ template <typename Server> void Datagram(benchmark::State &io_objState)
         ->Name("datagram/" name)                                                                   \
         ->RangeMultiplier(10)                                                                      \
         ->Range(1, 1000)                                                                           \
-        ->Iterations(1000)                                                                         \
+        ->Iterations(3000)                                                                         \
         ->MeasureProcessCPUTime()                                                                  \
         ->UseRealTime()
