@@ -4,6 +4,7 @@
 #include "bench/box_run.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>

@@ -13,7 +13,7 @@
 #include "framework/types.h"
 
 /* Prints the text and what it is about to standard error and ends the program. */
-[[noreturn]] void Fail(const char *i_pText, const std::string &i_strAbout = {});
+[[noreturn]] void Fail(const char *i_pText, const std::string &i_strAbout);
 
 /* Pins this process, and whatever it starts, to processor 0. */
 void PinToOneProcessor();

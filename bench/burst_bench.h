@@ -34,8 +34,7 @@ private:
     sem_t m_stDone;
 };
 
-/* Tasks(COUNT, COUNTDOWN) with Signal(INDEX). Signals so many tasks and waits until each has run.
- */
+/* Tasks(COUNT, COUNTDOWN): so many tasks, of which Signal(INDEX) starts one. */
 template <typename Tasks> void Burst(benchmark::State &io_objState)
 {
     const int s32Count = static_cast<int>(io_objState.range(0));
@@ -50,6 +49,7 @@ template <typename Tasks> void Burst(benchmark::State &io_objState)
     }
     io_objState.SetItemsProcessed(io_objState.iterations() * s32Count);
 }
+
 #define BURST_BENCHMARK(tasks, name)                                                               \
     BENCHMARK(Burst<tasks>)                                                                        \
         ->Name("task/burst/" name)                                                                 \

@@ -230,7 +230,7 @@ int LongRun(const CClient &i_objClient, pid_t i_s32Daemon, int i_s32Requests)
     printf("%-35s %d\n", "lost", s32Lost);
     if (stAfter.s64Descriptors > stBefore.s64Descriptors + kMostDescriptorsMore ||
         stAfter.f64Mb > stBefore.f64Mb + kMostMbMore) {
-        Fail("grew", "the daemon, in the long run");
+        Fail("the daemon grew", "in the long run");
     }
     return s32Lost;
 }

@@ -3,7 +3,7 @@
  *
  * The event words and the round robin are under one mutex; each worker has a list with a mutex and
  * a condition and looks at it at least every 5 ms; runs share a lock; a worker yields after a run.
- * There are no delayed runs, priorities, names or checks.
+ * There are no delayed runs, priorities, names or checks. A pool may be told not to yield.
  */
 #pragma once
 

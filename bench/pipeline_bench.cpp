@@ -7,6 +7,7 @@
  * both (--both), and beside two of gst-launch-1.0, which plays one. Run it by bench/run; the
  * figures of interest are the ratios of the medians.
  */
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

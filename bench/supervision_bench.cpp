@@ -6,6 +6,7 @@
  * run, rounds interleaved: a loop that waits for a file, pauses and renames it; and a crash and a
  * start without a watchdog. Run it by bench/run.
  */
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
