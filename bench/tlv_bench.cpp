@@ -218,8 +218,7 @@ BENCHMARK(StreamCommandEncode<EncodeMsgpack>)->Name("stream_command_encode/msgpa
 
 constexpr int kMostRecords = 1000;
 
-/* Record types in the order in which they are put: ascending, as every sender here numbers them, or
- * in none. */
+/* Record types in the order in which they are put. */
 enum class Order { Ascending, Shuffled };
 template <Order eOrder> std::uint32_t BoxType(int i_s32Index)
 {
