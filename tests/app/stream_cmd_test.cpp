@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -77,13 +76,11 @@ TEST(StreamCmdTest, EverySettingIsTakenWithinItsRangeOnly)
         {0x20002, 2, 2, nullptr},
         {0x20002, 120, 2, nullptr},
         {0x20002, 121, 2, "ERROR invalid h264 gop :121, valid [2,120] --["},
-        {0x20002, -2, 2, "ERROR invalid h264 gop :-2, valid [2,120] --["},
         {0x20002, -1, 2, kCmdError},
         {0x40002, 99999, 3, "ERROR invalid h264 bitrate :99999 --["},
         {0x40002, 100000, 3, nullptr},
         {0x40002, 10000000, 3, nullptr},
         {0x40002, 10000001, 3, "ERROR invalid h264 bitrate :10000001 --["},
-        {0x40002, INT_MIN, 3, "ERROR invalid h264 bitrate :-2147483648 --["},
         {0x60002, 269, 5, "ERROR invalid preview height :269 --["},
         {0x60002, 270, 5, nullptr},
         {0x60002, 1080, 5, nullptr},
@@ -94,9 +91,8 @@ TEST(StreamCmdTest, EverySettingIsTakenWithinItsRangeOnly)
         {0x70002, 11, 6, "ERROR invalid preview refreshrate :11 --["},
         {0x10002, 0, 1, nullptr},
         {0x10002, 1, 1, nullptr},
-        {0x10002, -7, 1, nullptr}, /* the flags have no range */
         {0x50002, 0, 4, nullptr},
-        {0x50002, 70000, 4, nullptr},
+        {0x50002, 70000, 4, nullptr}, /* the flags have no range */
     };
     std::vector<CChange> objExpected;
     for (const auto &stCase : stCases) {
@@ -167,14 +163,14 @@ TEST(StreamCmdTest, ADatagramWithoutACommandIsMalformed)
 }
 
 /* The client's end of the channel: the reply port, in a network of the test's own. */
-class StreamReplyTest : public testing::Test
+class StreamReplyTest : public CPrivateNetTest
 {
 protected:
     void SetUp() override
     {
-        const std::string strReason = EnterPrivateNetwork();
-        if (!strReason.empty()) {
-            GTEST_SKIP() << strReason;
+        CPrivateNetTest::SetUp();
+        if (IsSkipped()) {
+            return;
         }
         m_s32Fd = BindLoopback(8365);
         fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *o_pResult) {

@@ -161,18 +161,6 @@ TEST_F(ConfigTest, LongTextsAreBounded)
     EXPECT_EQ(GetText(260), "") << "nothing of an earlier id is left";
 }
 
-TEST_F(ConfigTest, DamagedFileReadsAsDefaultsAndIsTold)
-{
-    WriteFile(m_strPath, "<CONFIGURATION><CHANNEL_1>");
-    EXPECT_EQ(Read(), 1);
-    EXPECT_EQ(Show(GetStatus()), "2: 1 60 vbr 1000000, 1 720 1");
-    EXPECT_TRUE(m_objLog.Has("WARN HandleReadConfigMsg " + m_strPath + " not loaded"));
-    m_objLog.Clear();
-    WriteParams({{"h264_stream_gop", "30"}});
-    EXPECT_EQ(Read(), 1);
-    EXPECT_EQ(m_objLog.Lines().size(), 0U);
-}
-
 TEST_F(ConfigTest, GettersAnswerInTheBufferOrByAMessage)
 {
     WriteParams({{"addr_list", "10.0.0.1:1"},
@@ -278,19 +266,6 @@ TEST_F(ConfigTest, SourceDeviceIdHasExactlyTwelveCharacters)
     EXPECT_EQ(SetSrcDeviceId(std::string(200, 'i')), 0) << "a body without a NUL";
     EXPECT_TRUE(m_objLog.Has("ERROR src device id <" + std::string(64, 'i') + "> len :64 err --["));
     EXPECT_EQ(GetText(260), "123456789012");
-}
-
-TEST_F(ConfigTest, UnknownNumbersAndNullMessages)
-{
-    MSG_DESC_INFO_S stMsg = MakeMsg(0, 2, 0, 0x777);
-    EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, nullptr), 1);
-    EXPECT_EQ(m_objConfig.HandleMsg(nullptr, nullptr), 0);
-    EXPECT_EQ(Show(GetStatus()), "2: 0 0  0, 0 0 0");
-    for (int i = 0; i < 49; i++) {
-        ASSERT_EQ(m_objConfig.PushMsg(&stMsg), 1);
-    }
-    EXPECT_EQ(m_objConfig.PushMsg(&stMsg), 0);
-    EXPECT_EQ(m_objLog.Count("ERROR config pushmsg fail --["), 1);
 }
 
 TEST_F(ConfigTest, ThreadReadsTheFileAndStopsWhileItIsLocked)

@@ -14,6 +14,7 @@
 #include "common/encoder.h"
 #include "common/pipeline_desc.h"
 #include "tests/support/fake_router.h"
+#include "tests/support/held_build.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/moved_time.h"
 
@@ -84,7 +85,7 @@ TEST(PipelineDescTest, WholeTexts)
 }
 
 /* The module's handlers with real workers and a configuration of the test's own. The test's thread
- * stands for the encoder's; pauses are a twentieth of the real ones. */
+ * stands for the encoder's; pauses and waits are a fifth of the real ones. */
 class EncoderTest : public testing::Test
 {
 protected:
@@ -96,7 +97,7 @@ protected:
             gst_parse_launch(BuildJpegCmd({1920, 1080, 60, 0}, m_stConfigured).c_str(), nullptr);
         ASSERT_NE(pPreview, nullptr);
         gst_object_unref(pPreview);
-        moved_time::DivideSleeps(20);
+        moved_time::DivideSleeps(5);
         fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *o_pResult) {
             if (i_stMsg.msgno == MSG_GET_ADDR_LIST) {
                 memcpy(o_pResult, m_strAddrList.c_str(), m_strAddrList.size() + 1);
@@ -129,15 +130,6 @@ protected:
     bool m_bAnswers = true;
     CEncoder m_objEncoder;
 };
-
-TEST_F(EncoderTest, NullAndUnknownMessages)
-{
-    EXPECT_EQ(m_objEncoder.HandleMsg(nullptr, nullptr), 0);
-    EXPECT_EQ(Send(0x7FF, 0), 1);
-    EXPECT_EQ(Send(MSG_DEINIT, 0), 1);
-    EXPECT_EQ(Send(MSG_REINIT, 0), 1);
-    EXPECT_TRUE(m_objLog.Lines().empty());
-}
 
 TEST_F(EncoderTest, PlainStartNeedsAnAddressList)
 {
@@ -226,13 +218,6 @@ constexpr char kHd[] = "width=1280,height=720";
 INSTANTIATE_TEST_SUITE_P(
     Requests, SwitchTest,
     testing::Values(
-        SWITCH_CASE_S{"SameValues", Status(1, 1), 0, nullptr, "", nullptr},
-        SWITCH_CASE_S{"NothingGiven",
-                      {2, kSame, kSame, "", kSame, kSame, kSame, kSame},
-                      0,
-                      nullptr,
-                      "",
-                      nullptr},
         SWITCH_CASE_S{"ModeOnly",
                       {0, kSame, kSame, "cbr", kSame, kSame, kSame, kSame},
                       0,
@@ -372,20 +357,35 @@ TEST_F(EncoderTest, ARestartedPreviewIsStartedOnce)
     EXPECT_EQ(m_objLog.Count("INFO cmd jpeg [udpsrc"), 1);
 }
 
-TEST_F(EncoderTest, SupervisionSaysWhatIsMissing)
+TEST_F(EncoderTest, APreviewThatWasSwitchedOffIsNotRevived)
 {
-    m_stConfigured = Status(1, 0);
     ASSERT_EQ(Timing(1920, 1080, 60), 1);
+    ASSERT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
+                   STREAM_STATUS_S{1, kSame, kSame, "", kSame, 0, kSame, kSame}),
+              1);
     Report(1000, 0);
     Report(1020, 0);
     EXPECT_FALSE(m_objLog.Has("satus"));
-    ASSERT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
-                   STREAM_STATUS_S{1, kSame, kSame, "", kSame, kSame, 540, kSame}),
-              1);
-    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
-                   STREAM_STATUS_S{1, kSame, kSame, "", kSame, 1, kSame, kSame}),
-              1);
+    EXPECT_EQ(Send(MSG_INIT, 0), 1); /* the configuration wants it on */
     Report(1040, 0);
-    EXPECT_TRUE(m_objLog.Has("] restart --["));
+    EXPECT_TRUE(m_objLog.Has("ERROR jpeg enc not start --["));
+    EXPECT_FALSE(m_objLog.Has("] restart --["));
+}
+
+TEST_F(EncoderTest, AStartThatIsNotTakenIsToldAndStillComes)
+{
+    held_build::Hold();
+    ASSERT_EQ(Timing(1920, 1080, 60), 1);
+    held_build::WaitUntilHeld();
+    moved_time::DivideSleeps(200);
+    EXPECT_EQ(Timing(1280, 720, 60), 1);
+    EXPECT_TRUE(m_objLog.Has("WARN gstreamer start too long --["));
+    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
+                   STREAM_STATUS_S{0, kSame, 30, "", kSame, kSame, kSame, kSame}),
+              1);
+    EXPECT_TRUE(m_objLog.Has("WARN gstreamer start 264 too long --["));
+    held_build::Release();
+    EXPECT_TRUE(m_objLog.WaitFor("width=1280, height=720, framerate=60/1 ! videoconvert ! "
+                                 "vpuenc_h264 bitrate=1000 gop-size=30 "));
 }
 } // namespace

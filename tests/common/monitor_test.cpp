@@ -8,32 +8,24 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <unistd.h>
 
 #include "common/monitor.h"
 #include "tests/support/fake_router.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/moved_time.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
 
 namespace
 {
 namespace fs = std::filesystem;
 
-int OpenDescriptors()
+std::ptrdiff_t OpenDescriptors()
 {
-    return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
-}
-
-std::string Contents(const fs::path &i_objPath)
-{
-    std::stringstream objText;
-    objText << std::ifstream(i_objPath).rdbuf();
-    return objText.str();
+    return std::distance(fs::directory_iterator("/proc/self/fd"), {});
 }
 
 /* A monitor on a directory of the test's own, its thread and real files. */
@@ -42,22 +34,12 @@ class MonitorTest : public testing::Test
 protected:
     void SetUp() override
     {
-        char szDir[] = "/tmp/mv3300-monitor-XXXXXX";
-        ASSERT_NE(mkdtemp(szDir), nullptr);
-        m_objRoot = szDir;
         fs::create_directory(m_objRoot / "image");
         fs::create_directory(m_objRoot / "made");
-        m_objPicture = m_objRoot / "image.jpeg";
         m_pMonitor = std::make_unique<CMonitor>((m_objRoot / "image/").string(), m_objPicture);
         fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *) {
             return i_stMsg.dst == 12 ? m_pMonitor->PushMsg(&i_stMsg) : 1;
         });
-    }
-
-    void TearDown() override
-    {
-        m_pMonitor.reset();
-        fs::remove_all(m_objRoot);
     }
 
     /* Starts the thread and returns when its loop runs: it has sent a report. */
@@ -101,18 +83,13 @@ protected:
 
     bool WaitForPicture(const std::string &i_strContents)
     {
-        for (int i = 0; i < 2000; i++) {
-            if (Contents(m_objPicture) == i_strContents) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return WaitUntil([&] { return ReadFile(m_objPicture) == i_strContents; });
     }
 
     CLogCapture m_objLog;
-    fs::path m_objRoot;
-    fs::path m_objPicture;
+    CTempDir m_objDir;
+    const fs::path m_objRoot = m_objDir.Path("");
+    const fs::path m_objPicture = m_objDir.Path("image.jpeg");
     std::unique_ptr<CMonitor> m_pMonitor;
 };
 
@@ -155,9 +132,8 @@ TEST_F(MonitorTest, ReportsComeWhenMoreThanTwoSecondsHavePassed)
     std::size_t u64First = Reports().size();
     for (int i = 0; i < 60; i++) {
         moved_time::Advance(200);
-        MoveIn("p", "p"); /* wakes the loop */
-        ASSERT_TRUE(m_objLog.WaitFor("DEBUG file name: p ", i + 1));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        MoveIn("p", std::to_string(i)); /* wakes the loop */
+        ASSERT_TRUE(WaitForPicture(std::to_string(i)));
     }
     std::vector<JPEG_FILE_STATUS_S> stReports = Reports();
     ASSERT_GE(stReports.size(), u64First + 3);
@@ -178,8 +154,7 @@ TEST_F(MonitorTest, DirectoriesAndALostWatchDoNotStopTheReports)
     fs::create_directory(m_objRoot / "made" / "dir");
     fs::rename(m_objRoot / "made" / "dir", m_objRoot / "image" / "dir");
     ASSERT_TRUE(m_objLog.WaitFor("file name: dir"));
-    while (NextReport() < 1) {
-    }
+    EXPECT_TRUE(WaitUntil([] { return NextReport() == 1; }));
     EXPECT_FALSE(fs::exists(m_objPicture));
     MoveIn("p", "after");
     EXPECT_TRUE(WaitForPicture("after"));
@@ -210,7 +185,7 @@ TEST_F(MonitorTest, EveryPictureReadIsWhole)
     ASSERT_TRUE(m_objLog.WaitFor("DEBUG file name: z"));
     int s32Read = 0;
     for (int i = 0; i < 1000; i++) {
-        const std::string strPicture = Contents(m_objPicture);
+        const std::string strPicture = ReadFile(m_objPicture);
         s32Read += !strPicture.empty();
         EXPECT_TRUE(strPicture.empty() || strPicture == std::string(20000, strPicture[0]));
     }
@@ -226,7 +201,9 @@ TEST_F(MonitorTest, LostArrivalsAndLinksDoNotStopThePublication)
     UInt32 u32Queue = 0;
     std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> u32Queue;
     ASSERT_GT(u32Queue, 0U);
-    ASSERT_LE(u32Queue, 200000U);
+    if (u32Queue > 200000) {
+        GTEST_SKIP() << u32Queue << " arrivals are queued here: too many to lose some";
+    }
     Start();
     std::ofstream(m_objRoot / "made" / "n") << "n";
     for (UInt32 i = 0; i < u32Queue + 1000; i++) { /* the kernel merges the same name in a row */
@@ -249,7 +226,7 @@ TEST_F(MonitorTest, LostArrivalsAndLinksDoNotStopThePublication)
         ASSERT_TRUE(m_objLog.WaitFor(std::string("DEBUG file name: ") + pTarget));
         NextReport();
         EXPECT_FALSE(fs::is_symlink(m_objPicture));
-        EXPECT_EQ(Contents(m_objRoot / "target"), "target");
+        EXPECT_EQ(ReadFile(m_objRoot / "target"), "target");
     }
     EXPECT_EQ(NextReport(), u32Count + 3);
     EXPECT_FALSE(m_objLog.Has("ERROR"));

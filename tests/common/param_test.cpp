@@ -410,26 +410,4 @@ TEST_F(ParamTest, SampleFileHoldsEveryParameterAtItsDefault)
     }
 }
 
-TEST(ParamHelpersTest, BoundedCopyTerminatesAndPads)
-{
-    char szBuffer[6] = "zzzzz";
-    EXPECT_EQ(rq_strncpy(szBuffer, "abcdef", 4), szBuffer);
-    EXPECT_EQ(std::string(szBuffer, 6), std::string("abc\0z\0", 6));
-    rq_strncpy(szBuffer, "a", 5);
-    EXPECT_EQ(std::string(szBuffer, 6), std::string("a\0\0\0\0\0", 6));
-    rq_strncpy(szBuffer, "b", 0);
-    EXPECT_STREQ(szBuffer, "a");
-}
-
-TEST(ParamHelpersTest, ErrorTextsFollowTheFilesOwnNumbers)
-{
-    EXPECT_STREQ(XML_StrError(0), "XML ok");
-    EXPECT_STREQ(XML_StrError(4), "XML file could not be opened");
-    EXPECT_STREQ(XML_StrError(6), "XML element mismatch");
-    EXPECT_STREQ(XML_StrError(9), "XML identifying tag");
-    EXPECT_STREQ(XML_StrError(15), "XML empty document");
-    EXPECT_STREQ(XML_StrError(19), "XML no text node");
-    EXPECT_STREQ(XML_StrError(20), "XML unknown error");
-    EXPECT_STREQ(XML_StrError(0xFFFFFFFF), "XML unknown error");
-}
 } // namespace

@@ -1,17 +1,16 @@
 /*
- * The event thread, as the daemon sets it up, and waiting for what it does.
+ * The event thread, as the daemon sets it up.
  */
 #pragma once
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include <fcntl.h>
 #include <sys/resource.h>
 
 #include "framework/ev.h"
 #include "framework/socket.h"
+#include "tests/support/wait_until.h"
 
 /* The socket layer with its event thread, once per process. */
 inline void StartEvents()
@@ -37,17 +36,4 @@ inline void AllowManyDescriptors()
 inline bool IsOpen(int i_s32FileDesc)
 {
     return fcntl(i_s32FileDesc, F_GETFD) >= 0;
-}
-
-/* Waits until the condition holds; false after 20 seconds. */
-template <typename Condition> bool WaitUntil(Condition i_objCondition)
-{
-    auto objLimit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!i_objCondition()) {
-        if (std::chrono::steady_clock::now() > objLimit) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
 }

@@ -1,14 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,14 +26,7 @@ class CTestSocket : public CSocket
 public:
     explicit CTestSocket(UInt32 i_u32Flags) : CSocket(nullptr, i_u32Flags) {}
     ~CTestSocket() override { CleanupIfWanted(); }
-    int Descriptor() const { return m_s32FileDesc; }
-    int Option(int i_s32Level, int i_s32Option) const
-    {
-        int s32Value = -1;
-        socklen_t u32Len = sizeof(s32Value);
-        EXPECT_EQ(getsockopt(m_s32FileDesc, i_s32Level, i_s32Option, &s32Value, &u32Len), 0);
-        return s32Value;
-    }
+    void Adopt(int i_s32FileDesc) { m_s32FileDesc = i_s32FileDesc; }
 };
 
 class CTestUDPSocket : public CUDPSocket
@@ -65,124 +56,41 @@ public:
     UInt16 m_u16From;
 };
 
-/* A connected stream: the socket under test and the descriptor of its peer. */
-class CStreamTest : public testing::Test
-{
-protected:
-    CStreamTest() : m_objSocket(0)
-    {
-        CSocket::Initialize();
-        CTestSocket objListener(0);
-        EXPECT_EQ(objListener.Open(SOCK_STREAM), 0);
-        EXPECT_EQ(objListener.Bind(kLoopback, 0), 0);
-        EXPECT_EQ(listen(objListener.Descriptor(), 1), 0);
-        EXPECT_EQ(m_objSocket.Open(SOCK_STREAM), 0);
-        struct sockaddr_in stAddr = {};
-        socklen_t u32Len = sizeof(stAddr);
-        struct sockaddr *pAddr = reinterpret_cast<struct sockaddr *>(&stAddr);
-        EXPECT_EQ(getsockname(objListener.Descriptor(), pAddr, &u32Len), 0);
-        EXPECT_EQ(connect(m_objSocket.Descriptor(), pAddr, u32Len), 0);
-        m_s32Peer = accept(objListener.Descriptor(), nullptr, nullptr);
-        EXPECT_FALSE(m_objSocket.IsConnected());
-        m_objSocket.SetSocketType(CSocket::kConnected);
-        EXPECT_TRUE(m_objSocket.IsConnected());
-    }
-    ~CStreamTest() override { ClosePeer(); }
-    void ClosePeer()
-    {
-        if (m_s32Peer >= 0) {
-            close(m_s32Peer);
-            m_s32Peer = -1;
-        }
-    }
-
-    CTestSocket m_objSocket;
-    int m_s32Peer;
-    char m_szBuffer[64] = "";
-    unsigned int m_u32Len = 77;
-};
-
-TEST_F(CStreamTest, BytesPassAndShortReadsStayShort)
-{
-    EXPECT_EQ(m_objSocket.Send("abcdef", 6, &m_u32Len), 0);
-    EXPECT_EQ(m_u32Len, 6U);
-    char szOne[] = "1";
-    char szNone[] = "";
-    char szTwo[] = "23";
-    struct iovec aParts[] = {{szOne, 1}, {szNone, 0}, {szTwo, 2}};
-    EXPECT_EQ(m_objSocket.WriteV(aParts, 3, &m_u32Len), 0);
-    EXPECT_EQ(m_u32Len, 3U);
-    EXPECT_EQ(m_objSocket.WriteV(aParts, 3, nullptr), 0);
-    EXPECT_EQ(recv(m_s32Peer, m_szBuffer, 12, MSG_WAITALL), 12);
-    EXPECT_EQ(std::string(m_szBuffer, 12), "abcdef123123");
-
-    EXPECT_EQ(write(m_s32Peer, "xyz", 3), 3);
-    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 2, &m_u32Len), 0);
-    EXPECT_EQ(m_u32Len, 2U);
-    EXPECT_EQ(m_objSocket.Read(m_szBuffer, sizeof(m_szBuffer), &m_u32Len), 0);
-    EXPECT_EQ(m_u32Len, 1U);
-}
-
-TEST_F(CStreamTest, ThePeersEndIsNotConnectedFromThenOn)
-{
-    EXPECT_EQ(write(m_s32Peer, "x", 1), 1);
-    ClosePeer();
-    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 0);
-    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 107);
-    EXPECT_FALSE(m_objSocket.IsConnected());
-    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 107);
-    EXPECT_EQ(m_u32Len, 1U);
-}
-
 /* A stream that is gone is a result, for both ways of writing, and not the end of the process. */
-TEST_F(CStreamTest, WritingToAPeerThatIsGone)
+TEST(SocketTest, AStreamPassesBytesUntilItsPeerIsGone)
 {
+    CSocket::Initialize();
+    int aPair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, aPair), 0);
+    CTestSocket objSocket(0);
+    objSocket.Adopt(aPair[0]);
+    EXPECT_FALSE(objSocket.IsConnected());
+    objSocket.SetSocketType(CSocket::kConnected | CSocket::kNonBlocking);
+    unsigned int u32Len = 77;
+    char szBuffer[64] = "";
+    char szParts[] = "123";
+    struct iovec aParts[] = {{szParts, 1}, {szParts, 0}, {szParts + 1, 2}};
+    EXPECT_EQ(objSocket.Send("abcdef", 6, &u32Len), 0);
+    EXPECT_EQ(u32Len, 6U);
+    EXPECT_EQ(objSocket.WriteV(aParts, 3, &u32Len), 0);
+    EXPECT_EQ(u32Len, 3U);
+    EXPECT_EQ(recv(aPair[1], szBuffer, 9, MSG_WAITALL), 9);
+    EXPECT_EQ(std::string(szBuffer, 9), "abcdef123");
+
+    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 11);
+    EXPECT_TRUE(objSocket.IsConnected());
+    EXPECT_EQ(write(aPair[1], "xyz", 3), 3);
+    close(aPair[1]);
+    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 0);
+    EXPECT_EQ(u32Len, 3U);
+    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 107);
     for (bool bScatter : {false, true}) {
-        struct iovec stPart = {m_szBuffer, 1};
-        OS_Error s32Err = 0;
-        ClosePeer();
-        m_objSocket.SetSocketType(CSocket::kConnected);
-        EXPECT_TRUE(WaitUntil([&] {
-            s32Err = bScatter ? m_objSocket.WriteV(&stPart, 1, nullptr)
-                              : m_objSocket.Send("x", 1, &m_u32Len);
-            return s32Err != 0;
-        }));
-        EXPECT_TRUE(s32Err == EPIPE || s32Err == ECONNRESET) << s32Err;
-        EXPECT_FALSE(m_objSocket.IsConnected());
+        EXPECT_FALSE(objSocket.IsConnected());
+        objSocket.SetSocketType(CSocket::kConnected);
+        EXPECT_EQ(bScatter ? objSocket.WriteV(aParts, 3, nullptr) : objSocket.Send("x", 1, &u32Len),
+                  EPIPE);
     }
-}
-
-TEST_F(CStreamTest, WouldBlockKeepsTheConnection)
-{
-    m_objSocket.SetSocketType(CSocket::kNonBlocking);
-    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 11);
-    std::string strBlock(65536, 'x');
-    struct iovec stPart = {strBlock.data(), strBlock.size()};
-    while (m_objSocket.Send(strBlock.data(), 65536, &m_u32Len) == 0) {
-    }
-    EXPECT_EQ(m_objSocket.Send("x", 1, &m_u32Len), 11);
-    EXPECT_EQ(m_objSocket.WriteV(&stPart, 1, &m_u32Len), 11);
-    EXPECT_TRUE(m_objSocket.IsConnected());
-}
-
-TEST_F(CStreamTest, ASignalDoesNotEndARead)
-{
-    static std::atomic<int> s_s32Signals;
-    struct sigaction stAction = {};
-    stAction.sa_handler = [](int) { s_s32Signals++; };
-    sigaction(SIGUSR1, &stAction, nullptr);
-    pthread_t stReader = pthread_self();
-    std::thread objOther([&] {
-        for (int i = 0; i < 20; i++) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            pthread_kill(stReader, SIGUSR1);
-        }
-        EXPECT_EQ(write(m_s32Peer, "x", 1), 1);
-    });
-    EXPECT_EQ(m_objSocket.Read(m_szBuffer, 8, &m_u32Len), 0);
-    EXPECT_EQ(m_u32Len, 1U);
-    objOther.join();
-    EXPECT_GT(s_s32Signals, 0);
+    EXPECT_FALSE(objSocket.IsConnected());
 }
 
 TEST(SocketTest, NotConnectedIsSaidWithoutASystemCall)
@@ -230,25 +138,6 @@ TEST(SocketDeathTest, Misuse)
     CSocketUtils::Initialize(false);
     EXPECT_TRUE(objSocket.GetLocalAddrStr()->Equal("127.0.0.1"));
     EXPECT_TRUE(objSocket.GetLocalDNSStr()->Equal("127.0.0.1"));
-}
-
-TEST(SocketTest, OptionsReachTheSystem)
-{
-    CTestSocket objSocket(CSocket::kNonBlocking);
-    ASSERT_EQ(objSocket.Open(SOCK_STREAM), 0);
-    objSocket.ReuseAddr();
-    objSocket.BroadCast();
-    objSocket.KeepAlive();
-    objSocket.NoDelay();
-    objSocket.SetSocketBufSize(20000);
-    EXPECT_EQ(objSocket.SetSocketRcvBufSize(30000), 0);
-    EXPECT_NE(objSocket.Option(SOL_SOCKET, SO_REUSEADDR), 0);
-    EXPECT_NE(objSocket.Option(SOL_SOCKET, SO_BROADCAST), 0);
-    EXPECT_NE(objSocket.Option(SOL_SOCKET, SO_KEEPALIVE), 0);
-    EXPECT_NE(objSocket.Option(IPPROTO_TCP, TCP_NODELAY), 0);
-    /* The kernel doubles what is asked for (socket(7)). */
-    EXPECT_EQ(objSocket.Option(SOL_SOCKET, SO_SNDBUF), 40000);
-    EXPECT_EQ(objSocket.Option(SOL_SOCKET, SO_RCVBUF), 60000);
 }
 
 TEST(SocketTest, WhatTheSystemRefusesIsAResult)
@@ -344,7 +233,7 @@ TEST_F(CUDPSocketNetTest, GroupsAreJoinedAndLeft)
     struct {
         UInt32 u32Interface;
         OS_Error s32LeaveErr;
-    } const stCases[] = {{0, 0}, {0x7F00007F, 0}, {kLoopback, EADDRNOTAVAIL}};
+    } const stCases[] = {{0x7F00007F, 0}, {kLoopback, EADDRNOTAVAIL}};
     for (const auto &stCase : stCases) {
         CTestUDPSocket objMember;
         ASSERT_EQ(objMember.Open(), 0);
@@ -359,19 +248,6 @@ TEST_F(CUDPSocketNetTest, GroupsAreJoinedAndLeft)
         EXPECT_EQ(objSender.SendTo(kGroup, u16Port, "one", 3), 0);
         EXPECT_TRUE(WaitUntil([&] { return objMember.Receive(szBuffer, 8) == 3; }));
         EXPECT_EQ(objMember.LeaveMulticast(kGroup), stCase.s32LeaveErr);
-
-        bool bStillMember = stCase.s32LeaveErr != 0;
-        EXPECT_EQ(objSender.SendTo(kGroup, u16Port, "two", 3), 0);
-        EXPECT_EQ(objSender.SendTo(kLoopback, u16Port, "unicast", 7), 0);
-        std::vector<int> s32Lengths;
-        EXPECT_TRUE(WaitUntil([&] {
-            int s32Len = objMember.Receive(szBuffer, 8);
-            if (s32Len >= 0) {
-                s32Lengths.push_back(s32Len);
-            }
-            return s32Len == 7;
-        }));
-        EXPECT_EQ(s32Lengths.size(), bStillMember ? 2U : 1U) << stCase.u32Interface;
     }
 }
 

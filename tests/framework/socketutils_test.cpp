@@ -5,7 +5,6 @@
 
 #include <arpa/inet.h>
 #include <net/if.h>
-#include <netdb.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -98,18 +97,6 @@ TEST_P(CAddrTableTest, HoldsTheHostsAddressesLoopbackNotFirst)
     EXPECT_DEATH(CSocketUtils::GetDNSNameStr(u32Expected), "i_u32DNSIndex < s_u32NumIPAddrs");
 }
 INSTANTIATE_TEST_SUITE_P(Addresses, CAddrTableTest, testing::Values(0, 1, 49, 50, 51, 60));
-
-using CSocketUtilsNetTest = CPrivateNetTest;
-TEST_F(CSocketUtilsNetTest, NamesAreLookedUpOnRequest)
-{
-    CSocketUtils::Initialize(true);
-    ASSERT_EQ(CSocketUtils::GetNumIPAddrs(), 1U);
-    struct in_addr stAddr = {htonl(0x7F000001)};
-    const struct hostent *pHost = gethostbyaddr(&stAddr, sizeof(stAddr), AF_INET);
-    EXPECT_TRUE(
-        CSocketUtils::GetDNSNameStr(0)->Equal(pHost != nullptr ? pHost->h_name : "127.0.0.1"));
-    EXPECT_TRUE(CSocketUtils::GetIPAddrStr(0)->Equal("127.0.0.1"));
-}
 
 TEST(SocketUtilsDeathTest, NoTable)
 {

@@ -12,6 +12,7 @@
 
 #include "framework/clock.h"
 #include "framework/task.h"
+#include "tests/support/wait_until.h"
 
 namespace
 {
@@ -37,13 +38,6 @@ private:
     std::function<SInt64(CTestTask &)> m_objRun;
 };
 
-template <class P> void WaitUntil(P i_objCondition)
-{
-    while (!i_objCondition()) {
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-}
-
 /* Keeps the threads of pool 0 from running anything until it is released. Once it is there, the
  * threads are through with every task they ran before. */
 class CBlockedPool
@@ -54,11 +48,11 @@ public:
         for (int i = 0; i < i_s32Threads; i++) {
             (new CTestTask([pState = m_pState](CTestTask &) {
                 pState->s32Inside++;
-                WaitUntil([&] { return pState->bReleased.load(); });
+                EXPECT_TRUE(WaitUntil([&] { return pState->bReleased.load(); }));
                 return -1;
             }))->Signal(CTask::kStartEvent);
         }
-        WaitUntil([&] { return m_pState->s32Inside == i_s32Threads; });
+        EXPECT_TRUE(WaitUntil([&] { return m_pState->s32Inside == i_s32Threads; }));
     }
     ~CBlockedPool() { Release(); }
     void Release() { m_pState->bReleased = true; }
@@ -102,7 +96,7 @@ TEST_F(CTaskTest, SignalsBeforeARunMergeIntoOne)
     objTask.Signal(CTask::kStartEvent);
     objTask.Signal(CTask::kReadEvent);
     objBlocked.Release();
-    WaitUntil([&] { return objTask.m_s32Runs > 0; });
+    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs > 0; }));
     CTaskThreadPool::RemoveThreads();
     EXPECT_EQ(objTask.m_s32Runs, 1);
     EXPECT_EQ(u32Seen, 20u);
@@ -122,7 +116,7 @@ TEST_F(CTaskTest, AnEventDuringARunCausesAnother)
         return 0;
     });
     objTask.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return objTask.m_s32Runs == 2; });
+    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 2; }));
     CTaskThreadPool::RemoveThreads();
     EXPECT_EQ(u32Seen, (std::vector<UInt32>{4, 16}));
     EXPECT_EQ(pThreads.size(), 1u);
@@ -141,9 +135,9 @@ TEST_F(CTaskTest, ADelayedRunKeepsItsTimeAndItsThread)
         return u32Seen.size() == 1 ? 250 : 0;
     });
     objTask.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return objTask.m_s32Runs == 1; });
+    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 1; }));
     objTask.Signal(CTask::kReadEvent); /* adds its bit, and no run of its own */
-    WaitUntil([&] { return objTask.m_s32Runs == 2; });
+    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 2; }));
     CTaskThreadPool::RemoveThreads();
     EXPECT_EQ(u32Seen, (std::vector<UInt32>{4, 18}));
     EXPECT_GE(s64Times[1] - s64Times[0], 250);
@@ -182,7 +176,7 @@ TEST_F(CTaskTest, FreshTasksGoRoundThePoolFromThreadOneOn)
             return 0;
         });
         objTask.Signal(CTask::kStartEvent);
-        WaitUntil([&] { return objTask.m_s32Runs == 1; });
+        EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 1; }));
         EXPECT_EQ(pThread, CTaskThreadPool::GetThread(0, (i + 1) % 2));
         /* Until the task is idle again it must not be destroyed. */
         CBlockedPool objBothDone(2);
@@ -207,7 +201,7 @@ TEST_F(CTaskTest, PoolsKeepTheirTasksAndBoundTasksTheirThread)
     objTask.SetBoundThread(CTaskThreadPool::GetThread(1, 2));
     for (int i = 0; i < 20; i++) {
         objTask.Signal(CTask::kReadEvent);
-        WaitUntil([&] { return objTask.m_s32Runs > i; });
+        EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs > i; }));
     }
     EXPECT_EQ(pThreads, std::set<CThread *>{CTaskThreadPool::GetThread(1, 2)});
     CTaskThreadPool::RemoveThreads();
@@ -220,7 +214,7 @@ TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
     std::atomic<bool> bOtherInside{false}, bOtherMayGo{false}, bMet{false};
     CTestTask objOther([&](CTestTask &) {
         bOtherInside = true;
-        WaitUntil([&] { return bOtherMayGo.load(); });
+        EXPECT_TRUE(WaitUntil([&] { return bOtherMayGo.load(); }));
         bOtherInside = false;
         return 0;
     });
@@ -229,7 +223,7 @@ TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
         CThread::Sleep(20);
         EXPECT_FALSE(bOtherInside);
         i_refTask.GlobalUnlock();
-        WaitUntil([&] { return bOtherInside.load(); });
+        EXPECT_TRUE(WaitUntil([&] { return bOtherInside.load(); }));
         return 0;
     });
     CTestTask objSecond([&](CTestTask &) {
@@ -238,21 +232,21 @@ TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
     });
     objFirst.SetGlobalLock();
     objFirst.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return objFirst.m_s32Runs == 1; });
+    EXPECT_TRUE(WaitUntil([&] { return objFirst.m_s32Runs == 1; }));
     CThread::Sleep(5);
     objSecond.SetGlobalLock();
     objSecond.Signal(CTask::kStartEvent);
     CThread::Sleep(20);
     bOtherMayGo = true;
-    WaitUntil([&] { return objSecond.m_s32Runs == 1; });
+    EXPECT_TRUE(WaitUntil([&] { return objSecond.m_s32Runs == 1; }));
     EXPECT_FALSE(bMet);
 
     /* The request was for one run. */
     bOtherMayGo = false;
     objOther.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return bOtherInside.load(); });
+    EXPECT_TRUE(WaitUntil([&] { return bOtherInside.load(); }));
     objSecond.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return objSecond.m_s32Runs == 2; });
+    EXPECT_TRUE(WaitUntil([&] { return objSecond.m_s32Runs == 2; }));
     EXPECT_TRUE(bMet);
     bOtherMayGo = true;
     CTaskThreadPool::RemoveThreads();
@@ -290,7 +284,7 @@ TEST_F(CTaskTest, NoSignalIsLostAndNoTaskRunsTwiceAtOnce)
         objSender.join();
     }
     for (CState &objState : objStates) {
-        WaitUntil([&] { return objState.s32Seen == objState.s32Posted; });
+        EXPECT_TRUE(WaitUntil([&] { return objState.s32Seen == objState.s32Posted; }));
     }
     CTaskThreadPool::RemoveThreads();
 }
@@ -317,7 +311,7 @@ TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
     for (int i = 1; i <= kRounds; i++) {
         CTaskThreadPool::AddThreads(2);
         s32Ready = i * kTasks;
-        WaitUntil([&] { return pTasks[i * kTasks - 1]->m_s32Runs > 2; });
+        EXPECT_TRUE(WaitUntil([&] { return pTasks[i * kTasks - 1]->m_s32Runs > 2; }));
         CTaskThreadPool::RemoveThreads();
     }
     bStop = true;
@@ -335,7 +329,7 @@ TEST_F(CTaskTest, ThreadsEndAlthoughDelayedRunsKeepComingDue)
     CTestTask objOne(objRun), objOther(objRun);
     objOne.Signal(CTask::kStartEvent);
     objOther.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return objOne.m_s32Runs > 2 && objOther.m_s32Runs > 2; });
+    EXPECT_TRUE(WaitUntil([&] { return objOne.m_s32Runs > 2 && objOther.m_s32Runs > 2; }));
     CTaskThreadPool::RemoveThreads();
 }
 
@@ -346,7 +340,7 @@ TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
     CTaskThreadPool::AddThreads(1);
     objTask.Signal(CTask::kReadEvent);
     objOther.Signal(CTask::kStartEvent);
-    WaitUntil([&] { return objOther.m_s32Runs == 1; });
+    EXPECT_TRUE(WaitUntil([&] { return objOther.m_s32Runs == 1; }));
     CTaskThreadPool::RemoveThreads();
     EXPECT_EQ(objTask.m_s32Runs, 0);
 }

@@ -63,7 +63,7 @@ TEST(MutexDeathTest, MisuseAborts)
         "0 == m_u32HolderCount");
 }
 
-/* Time-outs are coarsened; the bound is one-sided since a busy machine only adds to it. */
+/* A busy machine makes the wait longer, and less of it left when the system is asked. */
 TEST(CondTest, TimeoutsAreCoarsened)
 {
     struct {
@@ -78,6 +78,7 @@ TEST(CondTest, TimeoutsAreCoarsened)
         objCond.Wait(&objMutex, stCase.s32Asked);
         SInt64 s64Waited = GetTimeInMcros() - s64Begin;
         EXPECT_GE(s64Waited, stCase.s64WaitedMs * 1000 - 1000) << stCase.s32Asked;
+        EXPECT_LE(moved_time::LeftOfLastWait(), stCase.s64WaitedMs * 1000) << stCase.s32Asked;
     }
 }
 
@@ -162,20 +163,6 @@ TEST(ThreadDeathTest, JoiningTwiceAborts)
     EXPECT_DEATH(objRunner.Join(), "!m_bJoined");
 }
 
-TEST(ThreadTest, AffinitySaysWhereTheThreadRuns)
-{
-    testing::internal::CaptureStdout();
-    char szName[] = "probe";
-    RunOnThread([&] {
-        CThread::SetAffinity(0, szName);
-        CThread::SetAffinity(5000, szName);
-    });
-    std::string strOut = testing::internal::GetCapturedStdout();
-    EXPECT_NE(strOut.find("[probe] thread "), std::string::npos) << strOut;
-    EXPECT_NE(strOut.find("run on processor 0\nsched_setaffinity failed "), std::string::npos)
-        << strOut;
-}
-
 TEST(AtomicTest, ResultsAndTotals)
 {
     UInt32 u32Word = 5;
@@ -202,13 +189,4 @@ TEST(AtomicTest, ResultsAndTotals)
     EXPECT_EQ(u32Word, 20000U);
 }
 
-TEST(ClockTest, UnitsAgree)
-{
-    SInt64 s64Ms = GetTimeInMs();
-    EXPECT_GE(GetTimeInMcros() / 1000, s64Ms);
-    moved_time::Advance(90000);
-    EXPECT_GE(GetTimeInMs() - s64Ms, 90000);
-    EXPECT_GE(GetMcrosecTimeSince1970() / 1000, GetMsTimeSince1970() - 1);
-    EXPECT_GT(GetMsTimeSince1970(), 1700000000000);
-}
 } // namespace

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <limits>
 #include <memory>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +12,7 @@
 #include "framework/idletask.h"
 #include "framework/timeouttask.h"
 #include "tests/support/moved_time.h"
+#include "tests/support/wait_until.h"
 
 namespace
 {
@@ -30,9 +30,7 @@ public:
     }
     void WaitForRuns(int i_s32Runs)
     {
-        while (m_s32Runs < i_s32Runs) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
+        EXPECT_TRUE(WaitUntil([&] { return m_s32Runs >= i_s32Runs; }));
     }
 
     std::atomic<int> m_s32Runs{0};
@@ -129,9 +127,7 @@ TEST_F(CTimersTest, IdleTasksMayGoWhileTheirTimersFire)
     for (int i = 0; i < 300; i++) {
         (new CShortLived(s32Gone))->Signal(CTask::kStartEvent);
     }
-    while (s32Gone < 300) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    EXPECT_TRUE(WaitUntil([&] { return s32Gone == 300; }));
 }
 
 TEST_F(CTimersTest, ARecordWakesItsTaskThroughThePool)

@@ -12,6 +12,7 @@ namespace
 std::atomic<unsigned> g_u32Divisor{1};
 std::atomic<std::int64_t> g_s64AheadMs{0};
 std::atomic<std::uint64_t> g_u64Slept{0};
+std::atomic<std::int64_t> g_s64Left{0};
 } // namespace
 
 extern "C" {
@@ -62,6 +63,10 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t *i_pCond, pthread_mutex_t *i_pM
     std::int64_t s64Nanoseconds = stDeadline.tv_nsec - (s64AheadMs % 1000) * 1000000;
     stDeadline.tv_sec -= s64AheadMs / 1000 + (s64Nanoseconds < 0 ? 1 : 0);
     stDeadline.tv_nsec = s64Nanoseconds + (s64Nanoseconds < 0 ? 1000000000 : 0);
+    struct timeval stNow;
+    __real_gettimeofday(&stNow, nullptr);
+    g_s64Left =
+        (stDeadline.tv_sec - stNow.tv_sec) * 1000000 + stDeadline.tv_nsec / 1000 - stNow.tv_usec;
     return __real_pthread_cond_timedwait(i_pCond, i_pMutex, &stDeadline);
 }
 }
@@ -79,6 +84,11 @@ void moved_time::Advance(std::int64_t i_s64Milliseconds)
 std::uint64_t moved_time::SleptMicroseconds()
 {
     return g_u64Slept;
+}
+
+std::int64_t moved_time::LeftOfLastWait()
+{
+    return g_s64Left;
 }
 
 void moved_time::Reset()

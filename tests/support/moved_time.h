@@ -18,6 +18,8 @@ void DivideSleeps(unsigned i_u32Divisor);
 void Advance(std::int64_t i_s64Milliseconds);
 /* What was asked of usleep() so far, in microseconds, over all threads. */
 std::uint64_t SleptMicroseconds();
+/* What the latest pthread_cond_timedwait() had before it when it was called, in microseconds. */
+std::int64_t LeftOfLastWait();
 /* Back to the system's time and sleeps; also forgets what was slept. */
 void Reset();
 } // namespace moved_time

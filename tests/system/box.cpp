@@ -19,6 +19,7 @@
 
 namespace
 {
+constexpr std::chrono::milliseconds kPause(20);
 constexpr char kLogFile[] = "/run/mv3300d.log";
 constexpr char kBoxPid[] = "/run/mv3300-sim/box.pid";
 constexpr char kSourceControl[] = "/run/mv3300-sim/video0";
@@ -33,11 +34,6 @@ std::vector<char *> Pointers(const std::vector<std::string> &i_strArgs)
     return pArgs;
 }
 
-std::size_t EntriesOf(const std::string &i_strDirectory)
-{
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator(i_strDirectory), {}));
-}
 } // namespace
 
 CProgram::CProgram(const std::vector<std::string> &i_strArgs,
@@ -79,18 +75,11 @@ void CProgram::Signal(int i_s32Signal) const
 
 int CProgram::Wait(std::chrono::milliseconds i_objLimit)
 {
-    const auto objEnd = std::chrono::steady_clock::now() + i_objLimit;
-    while (!m_bEnded) {
-        if (waitpid(m_s32Pid, &m_s32Status, WNOHANG) == m_s32Pid) {
-            m_bEnded = true;
-            break;
-        }
-        if (std::chrono::steady_clock::now() > objEnd) {
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return m_s32Status;
+    auto HasEnded = [&] {
+        m_bEnded = m_bEnded || waitpid(m_s32Pid, &m_s32Status, WNOHANG) == m_s32Pid;
+        return m_bEnded;
+    };
+    return WaitUntil(HasEnded, i_objLimit, kPause) ? m_s32Status : -1;
 }
 
 bool CProgram::Running()
@@ -108,20 +97,6 @@ std::string RunToEnd(const std::vector<std::string> &i_strArgs)
     CProgram objProgram(i_strArgs);
     EXPECT_EQ(objProgram.Wait(), 0) << i_strArgs[0] << ": " << objProgram.Output();
     return objProgram.Output();
-}
-
-std::string ReadFile(const std::string &i_strPath)
-{
-    std::ifstream objFile(i_strPath);
-    std::stringstream objText;
-    objText << objFile.rdbuf();
-    return objText.str();
-}
-
-void WriteFile(const std::string &i_strPath, const std::string &i_strText)
-{
-    std::filesystem::create_directories(std::filesystem::path(i_strPath).parent_path());
-    std::ofstream(i_strPath, std::ios::trunc) << i_strText;
 }
 
 namespace
@@ -153,14 +128,7 @@ int CDaemon::Count(const std::string &i_strText) const
 bool CDaemon::WaitFor(const std::string &i_strText, int i_s32Count,
                       std::chrono::milliseconds i_objLimit) const
 {
-    const auto objEnd = std::chrono::steady_clock::now() + i_objLimit;
-    while (Count(i_strText) < i_s32Count) {
-        if (std::chrono::steady_clock::now() > objEnd) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return WaitUntil([&] { return Count(i_strText) >= i_s32Count; }, i_objLimit, kPause);
 }
 
 bool CDaemon::WaitUntilUp() const
@@ -171,12 +139,9 @@ bool CDaemon::WaitUntilUp() const
 
 std::size_t CDaemon::Descriptors() const
 {
-    return EntriesOf("/proc/" + std::to_string(Pid()) + "/fd");
-}
-
-std::size_t CDaemon::Threads() const
-{
-    return EntriesOf("/proc/" + std::to_string(Pid()) + "/task");
+    const std::string strFolder = "/proc/" + std::to_string(Pid()) + "/fd";
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator(strFolder), {}));
 }
 
 void SendTiming(const std::string &i_strTiming)

@@ -12,6 +12,9 @@
 
 #include <sys/types.h>
 
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
+
 using Seconds = std::chrono::seconds;
 
 /* A program with its output in files; ended by id when the object goes. */
@@ -42,9 +45,6 @@ private:
 /* Runs a program to its end and returns its output; adds a failure if it does not exit with 0. */
 std::string RunToEnd(const std::vector<std::string> &i_strArgs);
 
-std::string ReadFile(const std::string &i_strPath);
-void WriteFile(const std::string &i_strPath, const std::string &i_strText);
-
 /* The daemon, logging every level into a file that the cases read. */
 class CDaemon : public CProgram
 {
@@ -59,7 +59,6 @@ public:
     /* Waits until every module runs. */
     bool WaitUntilUp() const;
     std::size_t Descriptors() const;
-    std::size_t Threads() const;
 };
 
 /* Announces an input timing as the bridge driver does, for example "1920x1080@60-0". */

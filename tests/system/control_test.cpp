@@ -65,38 +65,22 @@ TEST_F(ControlTest, EachChangeRebuildsWhatItHasTo)
         std::array<int, kLines> s32More; /* of each line */
     } stSteps[] = {
         {"the same", {true, 10, kNo, kNo, kNo, kNo, 1}, objFirst, {0, 1, 0, 0, 0, 0}},
-        {"GOP",
-         {kNo, 15, kNo, kNo, kNo, kNo, kNo},
-         {true, 15, "vbr", 1000000, true, 720, 1},
-         {1, 0, 1, 1, 1, 0}},
         {"preview alone",
          {kNo, kNo, kNo, kNo, kNo, 360, 2},
-         {true, 15, "vbr", 1000000, true, 360, 2},
+         {true, 10, "vbr", 1000000, true, 360, 2},
          {1, 0, 1, 1, 1, 0}},
-        {"mode alone",
-         {kNo, kNo, "cbr", kNo, kNo, kNo, kNo},
-         {true, 15, "vbr", 1000000, true, 360, 2},
-         {0, 0, 0, 0, 0, 0}},
         {"one out of range",
          {kNo, 121, kNo, 300000, kNo, kNo, kNo},
-         {true, 15, "vbr", 1000000, true, 360, 2},
+         {true, 10, "vbr", 1000000, true, 360, 2},
          {0, 0, 0, 0, 0, 1}},
-        {"stream off, preview on",
-         {false, kNo, kNo, kNo, kNo, kNo, kNo},
-         {false, 15, "vbr", 1000000, true, 360, 2},
-         {1, 0, 1, 1, 1, 0}},
         {"both off",
-         {kNo, kNo, kNo, kNo, false, kNo, kNo},
-         {false, 15, "vbr", 1000000, false, 360, 2},
+         {false, kNo, kNo, kNo, false, kNo, kNo},
+         {false, 10, "vbr", 1000000, false, 360, 2},
          {1, 0, 1, 0, 0, 0}},
         {"stream on",
          {true, kNo, "cbr", 300000, kNo, kNo, kNo},
-         {true, 15, "vbr", 300000, false, 360, 2},
+         {true, 10, "vbr", 300000, false, 360, 2},
          {1, 0, 0, 1, 0, 0}},
-        {"preview on",
-         {kNo, kNo, kNo, kNo, true, kNo, kNo},
-         {true, 15, "vbr", 300000, true, 360, 2},
-         {1, 0, 1, 1, 1, 0}},
     };
     CFieldValues objNow = objFirst;
     std::array<int, kLines> s32Expected;
@@ -116,7 +100,6 @@ TEST_F(ControlTest, EachChangeRebuildsWhatItHasTo)
         }
         EXPECT_EQ(Ask(), objNow);
     }
-    EXPECT_EQ(m_objDaemon.Count("INFO addr list: 127.0.0.1:12350 --["), 1);
     EXPECT_EQ(m_objDaemon.Count("INFO addr list: 234.29.78.95:59202 --["), 1);
     EXPECT_EQ(m_objDaemon.Count("INFO h264 and preview not enable --["), 1);
     EXPECT_GT(Receive(kGroup, kGroupPort).s32Pictures, 0);
@@ -185,8 +168,12 @@ TEST_F(ControlTest, HostileDatagramsHarmNeitherTheStreamNorTheDaemon)
         }
         return s32Sent;
     };
+    /* The preview's decoder would take memory of its own. */
+    const CFieldValues objSettings = {true, 10, "vbr", 1000000, false, 720, 1};
+    Ask({kNo, kNo, kNo, kNo, false, kNo, kNo});
+    ASSERT_TRUE(m_objDaemon.WaitFor("INFO gstreamer start 264 ok --["));
     Attack(Seconds(2)); /* first calls allocate */
-    Ask();
+    EXPECT_EQ(Ask(), objSettings);
     const std::size_t u64Descriptors = m_objDaemon.Descriptors();
     const long s64Resident = ResidentKb();
     const int s32Before = m_objDaemon.Count("boxes parse success");
@@ -195,15 +182,17 @@ TEST_F(ControlTest, HostileDatagramsHarmNeitherTheStreamNorTheDaemon)
     std::thread objReceiver([&] { stReceived = Receive(kGroup, kGroupPort, 8); });
     const int s32Sent = Attack(Seconds(7));
     objReceiver.join();
-    EXPECT_EQ(Ask(), (CFieldValues{true, 10, "vbr", 1000000, true, 720, 1}));
+    EXPECT_EQ(Ask(), objSettings);
     EXPECT_GT(stReceived.s32Pictures, 30);
     EXPECT_EQ(stReceived.s64Gaps, 0);
-    EXPECT_EQ(m_objDaemon.Count("switch status:1"), 0);
-    /* A preview picture or a reply may be on its way at either look. */
+    EXPECT_EQ(m_objDaemon.Count("switch status:1"), 1);
+    /* A reply may be on its way at either look. */
     EXPECT_LT(m_objDaemon.Descriptors(), u64Descriptors + 10);
-    EXPECT_LT(ResidentKb(), s64Resident * 105 / 100);
+    EXPECT_LT(ResidentKb(), s64Resident + 1024);
+    RecordProperty("kB", std::to_string(s64Resident) + " to " + std::to_string(ResidentKb()));
+    RecordProperty("sent", s32Sent);
     EXPECT_GT(m_objDaemon.Count("boxes parse success") - s32Before, s32Sent / 2) << "was not read";
-    EXPECT_GT(s32Sent, 500);
+    EXPECT_GT(s32Sent, 2100);
     close(s32Client);
 }
 } // namespace

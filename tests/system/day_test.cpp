@@ -30,16 +30,14 @@ void Storm(int i_s32Events, const std::string &i_strTiming)
 bool WaitForPicture(Seconds i_objLimit)
 {
     std::filesystem::remove(kPicture);
-    for (int i = 0; i < i_objLimit.count() * 100; i++) {
-        const std::string strPicture = ReadFile(kPicture);
-        if (!strPicture.empty()) {
-            EXPECT_EQ(strPicture.substr(0, 2), "\xFF\xD8");
-            EXPECT_EQ(strPicture.substr(strPicture.size() - 2), "\xFF\xD9");
-            return true;
-        }
-        usleep(10000);
+    std::string strPicture;
+    auto IsThere = [&] { return !(strPicture = ReadFile(kPicture)).empty(); };
+    if (!WaitUntil(IsThere, i_objLimit)) {
+        return false;
     }
-    return false;
+    EXPECT_EQ(strPicture.substr(0, 2), "\xFF\xD8");
+    EXPECT_EQ(strPicture.substr(strPicture.size() - 2), "\xFF\xD9");
+    return true;
 }
 
 class DayTest : public testing::Test

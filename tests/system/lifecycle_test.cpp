@@ -69,16 +69,24 @@ TEST(InstanceTest, APidFileThatCannotBeOpenedIsSaidAndEndsTheStart)
         << objDaemon.Output();
 }
 
+TEST(InstanceTest, APidFileThatCannotBeWrittenIsSaidAndTheStartGoesOn)
+{
+    std::filesystem::create_symlink("/dev/full", kPidFile);
+    CDaemon objDaemon;
+    EXPECT_TRUE(objDaemon.WaitUntilUp());
+    EXPECT_TRUE(objDaemon.WaitFor("ERROR write pid file failed: No space left on device --["));
+}
+
 TEST(OptionTest, HelpForceAndUnknownOptionsAllStart)
 {
     const struct {
         std::vector<std::string> strArgs;
         int s32Helps;
     } stCases[] = {{{"-f"}, 0}, {{"--force"}, 0}, {{"-h", "-f"}, 1}, {{"--nonsense", "-h"}, 1}};
+    int s32Starts = 0;
     for (const auto &stCase : stCases) {
         CDaemon objDaemon(stCase.strArgs);
-        const int s32Before = objDaemon.Count("thread info [main:");
-        EXPECT_TRUE(objDaemon.WaitFor("thread info [main:", s32Before + 1)) << stCase.strArgs[0];
+        EXPECT_TRUE(objDaemon.WaitFor("thread info [main:", ++s32Starts)) << stCase.strArgs[0];
         int s32Helps = 0;
         const std::string strOutput = objDaemon.Output();
         const std::string strHelp = " [options]\n    -h --help           show this help\n"
@@ -113,9 +121,7 @@ TEST(LogTest, WithoutAUsableConfigurationEveryLineGoesToStandardErrorOnce)
         }
         CDaemon objDaemon;
         const char *const pUp = "thread info [main:";
-        for (int i = 0; i < 500 && objDaemon.Output().find(pUp) == std::string::npos; i++) {
-            usleep(20000);
-        }
+        EXPECT_TRUE(WaitUntil([&] { return objDaemon.Output().find(pUp) != std::string::npos; }));
         objDaemon.Signal(SIGTERM);
         EXPECT_EQ(objDaemon.Wait(Seconds(20)), 0);
         const std::string strOutput = objDaemon.Output();
@@ -140,6 +146,7 @@ TEST(ParamFileTest, AFileLockedElsewhereHoldsUpTheStartButNotTheStop)
     CDaemon objDaemon;
     ASSERT_TRUE(objDaemon.WaitFor("uevent device_fd = ", 2));
     SendTiming("320x240@30-0");
+    EXPECT_TRUE(objDaemon.WaitFor("param.xml is locked by another process, waiting --[", 2));
     EXPECT_FALSE(objDaemon.WaitFor("Let's run [gst-h264]!", 1, Seconds(2)));
     close(s32Fd);
     EXPECT_TRUE(objDaemon.WaitFor("Let's run [gst-h264]!"));

@@ -91,19 +91,6 @@ TEST_F(StreamTest, ReceiversOfTheParameterFileTakeTheGroupsPlace)
     EXPECT_TRUE(objDaemon.WaitFor("bitrate=300 gop-size=10"));
 }
 
-TEST_F(StreamTest, ADamagedParameterFileMeansDefaultsAndIsLeftAlone)
-{
-    const std::string strDamaged = "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"addr_list\"";
-    WriteFile(kParamFile, strDamaged);
-    CDaemon objDaemon;
-    ASSERT_TRUE(objDaemon.WaitUntilUp());
-    SendTiming("320x240@30-0");
-    ASSERT_TRUE(objDaemon.WaitFor("bitrate=1000 gop-size=60"));
-    ASSERT_TRUE(objDaemon.WaitFor(kPlaying));
-    ExpectPictures("damaged file", 320, 240, 30);
-    EXPECT_EQ(ReadFile(kParamFile), strDamaged);
-}
-
 TEST_F(StreamTest, AbsurdTimingsAreSurvived)
 {
     CDaemon objDaemon;
@@ -187,23 +174,4 @@ TEST_F(StreamTest, WithoutEth0TheGroupIsMissedAndItsReturnBringsTheStream)
     ExpectPictures("eth0 is back", 320, 240, 15);
 }
 
-TEST_F(StreamTest, RestartsLeaveDescriptorsAndThreadsWhereTheyWere)
-{
-    CDaemon objDaemon;
-    ASSERT_TRUE(objDaemon.WaitUntilUp());
-    std::size_t u64Descriptors = 0;
-    std::size_t u64Threads = 0;
-    for (int i = 1; i <= 6; i++) {
-        SendTiming(i % 2 ? "320x240@30-0" : "320x240@15-0");
-        ASSERT_TRUE(objDaemon.WaitFor(kPlaying, i));
-        ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", i));
-        sleep(1);
-        if (i == 2) {
-            u64Descriptors = objDaemon.Descriptors();
-            u64Threads = objDaemon.Threads();
-        }
-    }
-    EXPECT_EQ(objDaemon.Descriptors(), u64Descriptors);
-    EXPECT_EQ(objDaemon.Threads(), u64Threads);
-}
 } // namespace

@@ -21,27 +21,12 @@ namespace
 /* The process named in the pid file once that is another one than before; 0 if none comes. */
 pid_t WaitForInstance(pid_t i_s32Before)
 {
-    for (int i = 0; i < 3000; i++) {
-        const std::string strPid = ReadFile(kPidFile);
-        const pid_t s32Pid = strPid.empty() ? 0 : std::stoi(strPid);
-        if (s32Pid != 0 && s32Pid != i_s32Before && kill(s32Pid, 0) == 0) {
-            return s32Pid;
-        }
-        usleep(10000);
-    }
-    return 0;
-}
-
-bool WaitForAnswer()
-{
-    for (int i = 0; i < 100; i++) {
-        CProgram objCtl({MV3300_CTL, "get"});
-        if (objCtl.Wait() == 0) {
-            return true;
-        }
-        usleep(50000);
-    }
-    return false;
+    pid_t s32Pid = 0;
+    auto IsThere = [&] {
+        s32Pid = std::atoi(ReadFile(kPidFile).c_str());
+        return s32Pid != 0 && s32Pid != i_s32Before && kill(s32Pid, 0) == 0;
+    };
+    return WaitUntil(IsThere, Seconds(30)) ? s32Pid : 0;
 }
 
 /* The daemon as the box starts it. What outlives its start-up becomes the test's own child, so
@@ -71,7 +56,7 @@ protected:
         std::ifstream objStat("/proc/" + std::to_string(m_s32Child) + "/stat");
         std::string strSkip;
         objStat >> strSkip >> strSkip >> strSkip >> m_s32Watchdog;
-        ASSERT_TRUE(WaitForAnswer());
+        ASSERT_TRUE(WaitUntil([] { return CProgram({MV3300_CTL, "get"}).Wait() == 0; }));
     }
 
     /* The watchdog's exit code. */
@@ -79,7 +64,9 @@ protected:
     {
         kill(m_s32Child, i_s32Signal);
         int s32Status = -1;
-        EXPECT_EQ(waitpid(m_s32Watchdog, &s32Status, 0), m_s32Watchdog);
+        EXPECT_TRUE(
+            WaitUntil([&] { return waitpid(m_s32Watchdog, &s32Status, WNOHANG) == m_s32Watchdog; },
+                      Seconds(60)));
         EXPECT_TRUE(WIFEXITED(s32Status)) << s32Status;
         return WEXITSTATUS(s32Status);
     }
@@ -113,11 +100,10 @@ TEST_F(WatchdogTest, ARefusedStartIsTriedAgainUntilTheOtherInstanceEnds)
     ASSERT_TRUE(objOther.WaitUntilUp());
     ASSERT_EQ(ReadFile(kPidFile), std::to_string(objOther.Pid()));
     RunToEnd({MV3300_DAEMON, "-D"});
-    for (int i = 0; i < 2000 && !ReadFile(kPidFile).empty(); i++) {
-        usleep(10000);
+    for (int i = 0; i < 3; i++) { /* each try empties the file */
+        WriteFile(kPidFile, "another's");
+        EXPECT_TRUE(WaitUntil([] { return ReadFile(kPidFile).empty(); }));
     }
-    EXPECT_EQ(ReadFile(kPidFile), "");
-    sleep(3); /* refused some times */
     objOther.Signal(SIGTERM);
     EXPECT_EQ(objOther.Wait(Seconds(20)), 0);
     ASSERT_NO_FATAL_FAILURE(ExpectInstance(objOther.Pid()));

@@ -225,28 +225,6 @@ TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)
     objRelease.join();
 }
 
-TEST(SetPendingTest, OnlyWhatCanStillComeIsWaitedFor)
-{
-    constexpr std::nullopt_t kNone = std::nullopt;
-    const CFieldValues objNow = {true, 60, "vbr", 1000000, true, 720, 1};
-    struct CASE_S {
-        const char *pWhat;
-        CFieldValues objAsked;
-        bool bPending;
-    };
-    const CASE_S stCases[] = {
-        {"differs", {kNone, 30, kNone, kNone, kNone, kNone, kNone}, true},
-        {"shows", {kNone, 60, kNone, kNone, kNone, kNone, kNone}, false},
-        {"one of two shows", {kNone, 60, kNone, kNone, kNone, 540, kNone}, true},
-        {"both are dropped", {kNone, 121, kNone, kNone, kNone, 540, kNone}, false},
-        {"never carried", {kNone, kNone, "cbr", kNone, kNone, kNone, kNone}, false},
-        {"the other is", {kNone, kNone, "cbr", kNone, kNone, 540, kNone}, true},
-    };
-    for (const CASE_S &stCase : stCases) {
-        EXPECT_EQ(IsSetPending(stCase.objAsked, objNow), stCase.bPending) << stCase.pWhat;
-    }
-}
-
 TEST(FindLockHolderTest, KnowsTheHolderFromWaitersAndOtherLocks)
 {
     std::istringstream objLocks("1: POSIX  ADVISORY  WRITE 11 08:01:77 0 EOF\n"

@@ -5,8 +5,6 @@
 
 namespace
 {
-using namespace std::chrono_literals;
-
 TEST(StreamFieldsTest, ValuesAreReadAsPeopleWriteThem)
 {
     struct CASE_S {
@@ -55,29 +53,6 @@ TEST(StreamFieldsTest, ValuesAreReadAsPeopleWriteThem)
         }
     }
     EXPECT_EQ(FormatField(2, "v\x1b[2J\n"), "v?[2J?");
-}
-
-TEST(StreamFieldsTest, RangesAreTheControlChannels)
-{
-    const int s32Edges[][3] = {{1, 2, 120}, {3, 100000, 10000000}, {5, 270, 1080}, {6, 1, 10}};
-    for (const auto &s32Edge : s32Edges) {
-        const auto u64Field = static_cast<std::size_t>(s32Edge[0]);
-        EXPECT_FALSE(IsInRange(u64Field, s32Edge[1] - 1));
-        EXPECT_TRUE(IsInRange(u64Field, s32Edge[1]));
-        EXPECT_TRUE(IsInRange(u64Field, s32Edge[2]));
-        EXPECT_FALSE(IsInRange(u64Field, s32Edge[2] + 1));
-    }
-}
-
-TEST(StreamFieldsTest, DurationsHaveUnits)
-{
-    EXPECT_EQ(ParseDuration("5"), 5s);
-    EXPECT_EQ(ParseDuration("1.5s"), 1500ms);
-    EXPECT_EQ(ParseDuration("200ms"), 200ms);
-    EXPECT_EQ(ParseDuration("2min"), 120s);
-    for (const char *pText : {"", "0", "-1", "1h", "1.5ms", "100000"}) {
-        EXPECT_EQ(ParseDuration(pText), std::nullopt) << pText;
-    }
 }
 
 TEST(StreamCommandTest, ARequestHasTheseBytes)
