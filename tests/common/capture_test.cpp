@@ -42,16 +42,13 @@ INPUT_TIMING_S TimingOf(const MSG_DESC_INFO_S &i_stMsg)
 
 /* Parses a datagram from a buffer of exactly its size and the two NULs, so that the address
  * sanitizer sees any read behind it. */
-void Parse(const std::string &i_strDatagram, uevent *o_pEvent = nullptr)
+void Parse(const std::string &i_strDatagram)
 {
     static CCapture s_objCapture;
     std::unique_ptr<char[]> pBuffer(new char[i_strDatagram.size() + 2]());
     memcpy(pBuffer.get(), i_strDatagram.data(), i_strDatagram.size());
     uevent stEvent;
     s_objCapture.parse_event(pBuffer.get(), &stEvent);
-    if (o_pEvent != nullptr) {
-        *o_pEvent = stEvent; /* only its numbers outlive the buffer */
-    }
 }
 
 TEST(CaptureParseTest, TimingTexts)
@@ -63,13 +60,10 @@ TEST(CaptureParseTest, TimingTexts)
         {"1920x1080@60-0", {1920, 1080, 60, 0}},
         {"1920x1080@30-1", {1920, 1080, 30, 1}},
         {"1920x1080", {1920, 1080, 0, 0}},
-        {"1920x1080@60", {1920, 1080, 60, 0}},
         {"0x0@0-0", {0, 0, 0, 0}},
         {"", {0, 0, 0, 0}},
-        {"none", {0, 0, 0, 0}},
         {"1920 x1080@60-0", {1920, 0, 0, 0}},
         {" 1920x 1080@ +60-\t1 trailing", {1920, 1080, 60, 1}},
-        {"1920X1080@60-0", {1920, 0, 0, 0}},
         {"1920x1080-60@0", {1920, 1080, 0, 0}},
         {"-1x-2@-3--4", {-1, -2, -3, -4}},
         {"2147483648x-2147483649@99999999999999999999-0", {INT_MAX, INT_MIN, INT_MAX, 0}},
@@ -115,9 +109,7 @@ TEST(CaptureParseTest, OnlyTheBridgeOnItsBusIsATiming)
         {{"DRIVER=tc358743x", "SUBSYSTEM=i2c-dev", "EVENT=1x1@1-1"}, 1},
         {{"DRIVER=tc35874", "SUBSYSTEM=i2c", "EVENT=1x1@1-1"}, 0},
         {{"DRIVER=tc358743", "SUBSYSTEM=spi", "EVENT=1x1@1-1"}, 0},
-        {{"DRIVER=tc358743", "EVENT=1x1@1-1"}, 0},
         {{"Driver=tc358743", "SUBSYSTEM=i2c"}, 0},
-        {{" DRIVER=tc358743", "SUBSYSTEM=i2c"}, 0},
         {{"DRIVER=tc358743", "SUBSYSTEM=i2c", "SUBSYSTEM=usb"}, 0}, /* the later line holds */
         {{"DRIVER=tc358743", "", "SUBSYSTEM=i2c"}, 0},              /* the empty line ends it */
         {{}, 0},
@@ -129,17 +121,6 @@ TEST(CaptureParseTest, OnlyTheBridgeOnItsBusIsATiming)
             << testing::PrintToString(stRow.strLines);
     }
     EXPECT_EQ(TimingOf(fake_router::Sent(0x803)[0]), INPUT_TIMING_S());
-}
-
-TEST(CaptureParseTest, NumbersOfTheDevice)
-{
-    uevent stEvent;
-    Parse(Lines({"MAJOR=99999999999", "MAJORS=3", "MINOR=x"}), &stEvent);
-    EXPECT_EQ(stEvent.major, INT_MAX);
-    EXPECT_EQ(stEvent.minor, 0);
-    Parse("", &stEvent);
-    EXPECT_EQ(stEvent.major, -1);
-    EXPECT_EQ(stEvent.minor, -1);
 }
 
 /* The module's thread on a real uevent socket; datagrams come from a socket of the test's own,

@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <iterator>
 #include <string>
 
 #include <malloc.h>
@@ -17,10 +15,11 @@
 #include "tests/support/held_build.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/moved_time.h"
+#include "tests/support/temp_dir.h"
 
 namespace
 {
-constexpr UInt32 kSame = 0xFFFFFFFF;
+constexpr UInt32 kNo = 0xFFFFFFFF;
 
 STREAM_STATUS_S Status(UInt32 i_u32H264, UInt32 i_u32Preview)
 {
@@ -215,49 +214,22 @@ TEST_P(SwitchTest, RebuildsBothPipelinesFromWhatChanged)
 
 constexpr char kBoth[] = "127.0.0.1:9,127.0.0.1:12350";
 constexpr char kHd[] = "width=1280,height=720";
-INSTANTIATE_TEST_SUITE_P(
-    Requests, SwitchTest,
-    testing::Values(
-        SWITCH_CASE_S{"ModeOnly",
-                      {0, kSame, kSame, "cbr", kSame, kSame, kSame, kSame},
-                      0,
-                      nullptr,
-                      "",
-                      nullptr},
-        SWITCH_CASE_S{"OtherType", {3, 0, 2, "", 200000, 0, 300, 2}, 0, nullptr, "", nullptr},
-        SWITCH_CASE_S{"BitrateAndGop",
-                      {0, kSame, 30, "", 2500000, 0, 300, kSame},
-                      1,
-                      kBoth,
-                      "bitrate=2500 gop-size=30",
-                      kHd},
-        SWITCH_CASE_S{"PreviewHeight",
-                      {1, 0, 2, "", 200000, kSame, 540, kSame},
-                      1,
-                      kBoth,
-                      "bitrate=1000 gop-size=60",
-                      "width=960,height=540"},
-        SWITCH_CASE_S{"H264Off",
-                      {0, 0, kSame, "", kSame, kSame, kSame, kSame},
-                      1,
-                      "127.0.0.1:12350",
-                      "gop-size=60",
-                      kHd},
-        SWITCH_CASE_S{"PreviewOff",
-                      {1, kSame, kSame, "", kSame, 0, kSame, kSame},
-                      1,
-                      "127.0.0.1:9",
-                      "gop-size=60",
-                      nullptr},
-        SWITCH_CASE_S{
-            "BothOff", {2, 0, kSame, "", kSame, 0, kSame, kSame}, 1, nullptr, "", nullptr}),
-    [](const auto &i_stInfo) { return i_stInfo.param.pName; });
+constexpr SWITCH_CASE_S kSwitches[] = {
+    {"ModeOnly", {0, kNo, kNo, "cbr", kNo, kNo, kNo, kNo}, 0, nullptr, "", nullptr},
+    {"OtherType", {3, 0, 2, "", 200000, 0, 300, 2}, 0, nullptr, "", nullptr},
+    {"Bitrate", {0, kNo, 30, "", 2500000, 0, 300, kNo}, 1, kBoth, "bitrate=2500 gop-size=30", kHd},
+    {"Height", {1, 0, 2, "", 200000, kNo, 540, kNo}, 1, kBoth, "=1000 gop-size=60", "=960,"},
+    {"H264Off", {0, 0, kNo, "", kNo, kNo, kNo, kNo}, 1, "127.0.0.1:12350", "gop-size=60", kHd},
+    {"PreviewOff", {1, kNo, kNo, "", kNo, 0, kNo, kNo}, 1, "127.0.0.1:9", "gop-size=60", nullptr},
+    {"BothOff", {2, 0, kNo, "", kNo, 0, kNo, kNo}, 1, nullptr, "", nullptr},
+};
+INSTANTIATE_TEST_SUITE_P(Requests, SwitchTest, testing::ValuesIn(kSwitches),
+                         [](const auto &i_stInfo) { return i_stInfo.param.pName; });
 
 TEST_F(EncoderTest, AChangeWithoutTimingIsKeptForTheNextStart)
 {
     EXPECT_EQ(Send(MSG_INIT, 0), 1);
-    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
-                   STREAM_STATUS_S{0, kSame, 30, "", kSame, kSame, kSame, kSame}),
+    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS, STREAM_STATUS_S{0, kNo, 30, "", kNo, kNo, kNo, kNo}),
               1);
     EXPECT_TRUE(m_objLog.Has("INFO newnew stream status, h264 enable:1 gop:30 bitrate:1000000, "
                              "preview enable:1 height:720 refreshrate:1 --["));
@@ -318,11 +290,9 @@ TEST_F(EncoderTest, RestartsOfAStalledPreviewCostNothing)
             m_objLog.Clear();
             Report(1010, 0);
             EXPECT_TRUE(m_objLog.WaitFor("Let's run [gst-jpeg]!"));
-            const std::filesystem::directory_iterator objFds("/proc/self/fd");
-            const std::filesystem::directory_iterator objTasks("/proc/self/task");
             stLeast = {std::min(stLeast.u64Bytes, mallinfo2().uordblks),
-                       std::min(stLeast.s64Descriptors, std::distance(objFds, {})),
-                       std::min(stLeast.s64Threads, std::distance(objTasks, {}))};
+                       std::min(stLeast.s64Descriptors, EntriesIn("/proc/self/fd")),
+                       std::min(stLeast.s64Threads, EntriesIn("/proc/self/task"))};
         }
         return stLeast;
     };
@@ -360,8 +330,7 @@ TEST_F(EncoderTest, ARestartedPreviewIsStartedOnce)
 TEST_F(EncoderTest, APreviewThatWasSwitchedOffIsNotRevived)
 {
     ASSERT_EQ(Timing(1920, 1080, 60), 1);
-    ASSERT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
-                   STREAM_STATUS_S{1, kSame, kSame, "", kSame, 0, kSame, kSame}),
+    ASSERT_EQ(Send(MSG_ENC_SET_STREAM_STATUS, STREAM_STATUS_S{1, kNo, kNo, "", kNo, 0, kNo, kNo}),
               1);
     Report(1000, 0);
     Report(1020, 0);
@@ -380,8 +349,7 @@ TEST_F(EncoderTest, AStartThatIsNotTakenIsToldAndStillComes)
     moved_time::DivideSleeps(200);
     EXPECT_EQ(Timing(1280, 720, 60), 1);
     EXPECT_TRUE(m_objLog.Has("WARN gstreamer start too long --["));
-    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS,
-                   STREAM_STATUS_S{0, kSame, 30, "", kSame, kSame, kSame, kSame}),
+    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS, STREAM_STATUS_S{0, kNo, 30, "", kNo, kNo, kNo, kNo}),
               1);
     EXPECT_TRUE(m_objLog.Has("WARN gstreamer start 264 too long --["));
     held_build::Release();

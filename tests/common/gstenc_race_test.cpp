@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -20,6 +19,7 @@
 #include "tests/common/gst_start.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/moved_time.h"
+#include "tests/support/temp_dir.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define MV3300_SANITIZED 1
@@ -38,11 +38,6 @@ struct FOOTPRINT_S {
     long s64HeapBytes;
     long s64ResidentBytes;
 };
-
-long EntriesIn(const char *i_pFolder)
-{
-    return std::distance(std::filesystem::directory_iterator(i_pFolder), {});
-}
 
 FOOTPRINT_S Footprint()
 {
@@ -171,9 +166,6 @@ TEST_F(GstEncRaceTest, RoundsLeaveNothingBehind)
 
 TEST_F(GstEncRaceTest, AStopAtAnyMomentEndsTheStart)
 {
-    if (MV3300_SANITIZED) {
-        printf("sanitizer build: only %d races instead of 4000\n", kRaces);
-    }
     unsigned u32Seed = std::random_device{}();
     if (const char *pSeed = getenv("MV3300_SEED")) {
         u32Seed = static_cast<unsigned>(strtoul(pSeed, nullptr, 0));
@@ -185,7 +177,9 @@ TEST_F(GstEncRaceTest, AStopAtAnyMomentEndsTheStart)
     objCategory.addAppender(new CJitter(u32Seed)); /* owned by the category */
     const char *const pTexts[] = {kEndless, kEndless, kEndless, kFailing, kDry, kUnknown};
     NewWorker();
-    for (int i = 0; i < kRaces; i++) {
+    const auto objEnd = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    int i = 0;
+    for (; i < kRaces && std::chrono::steady_clock::now() < objEnd; i++) {
         SendStart(pTexts[objRandom() % std::size(pTexts)]);
         /* Most of the steps of a start lie in its first moments. */
         std::chrono::microseconds objMoment(objRandom() % 2 == 0 ? 0 : objRandom() % 2001);
@@ -203,6 +197,7 @@ TEST_F(GstEncRaceTest, AStopAtAnyMomentEndsTheStart)
         }
         m_pWorker->HandleStopMsgEnc(nullptr, nullptr);
     }
+    printf("%d of %d races\n", i, kRaces); /* a busy machine does fewer */
     m_pWorker.reset();
     objCategory.removeAllAppenders();
 }

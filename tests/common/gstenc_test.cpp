@@ -1,12 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <set>
 #include <string>
-
-#include <log4cpp/AppenderSkeleton.hh>
-#include <log4cpp/Category.hh>
-#include <sys/prctl.h>
+#include <thread>
 
 #include "common/gstenc.h"
 #include "tests/common/gst_start.h"
@@ -113,25 +109,18 @@ TEST_F(GstEncTest, AFloodIsCutAndDestroyingEndsOnlyTheRun)
 TEST_F(GstEncTest, DestroyingWaitsForABuildAndStartsNothingMore)
 {
     held_build::Hold();
-    class CReleaser : public CThread
-    {
-    public:
-        explicit CReleaser(const CLogCapture *i_pLog) : m_pLog(i_pLog) {}
-        ~CReleaser() override { StopAndWaitForThread(); }
-        void Entry() override
-        {
-            EXPECT_TRUE(m_pLog->WaitFor("count:41, force quit in [gst-h264]"));
-            held_build::Release();
-        }
-        const CLogCapture *m_pLog;
-    } objReleaser(&m_objLog);
+    std::thread objReleaser;
     {
         CGstEnc objWorker("gst-h264");
         objWorker.Start();
         SendStart(&objWorker, kEndless);
         held_build::WaitUntilHeld();
-        objReleaser.Start();
+        objReleaser = std::thread([this] {
+            EXPECT_TRUE(m_objLog.WaitFor("count:41, force quit in [gst-h264]"));
+            held_build::Release();
+        });
     }
+    objReleaser.join();
     EXPECT_TRUE(m_objLog.Has("Going out [gst-h264]"));
 
     /* A worker that is asked to end does not begin with a start it has just taken. */
@@ -143,42 +132,8 @@ TEST_F(GstEncTest, DestroyingWaitsForABuildAndStartsNothingMore)
     EXPECT_FALSE(m_objLog.Has("gst cmd ["));
 }
 
-/* Notes which thread logs which worker's bus messages. */
-class CThreadNotes : public log4cpp::AppenderSkeleton
-{
-public:
-    CThreadNotes() : log4cpp::AppenderSkeleton("notes") {}
-    void close() override {}
-    bool requiresLayout() const override { return false; }
-    void setLayout(log4cpp::Layout *) override {}
-    std::set<std::string> Notes() const
-    {
-        std::lock_guard objLock(m_objMutex);
-        return m_strNotes;
-    }
-
-protected:
-    void _append(const log4cpp::LoggingEvent &i_objEvent) override
-    {
-        size_t u64At = i_objEvent.message.find(" in [gst-");
-        if (!i_objEvent.message.starts_with("receive message ") || u64At == std::string::npos) {
-            return;
-        }
-        char szThread[16] = "";
-        prctl(PR_GET_NAME, szThread);
-        std::lock_guard objLock(m_objMutex);
-        m_strNotes.insert(i_objEvent.message.substr(u64At + 5, 8) + " by " + szThread);
-    }
-
-private:
-    mutable std::mutex m_objMutex;
-    std::set<std::string> m_strNotes;
-};
-
 TEST_F(GstEncTest, EachWorkerHearsItsOwnBusOnItsOwnThread)
 {
-    auto *pNotes = new CThreadNotes; /* owned by the category */
-    log4cpp::Category::getInstance("CATEGORY").addAppender(pNotes);
     CGstEnc objH264("gst-h264");
     CGstEnc objJpeg("gst-jpeg");
     objH264.Start();
@@ -191,7 +146,10 @@ TEST_F(GstEncTest, EachWorkerHearsItsOwnBusOnItsOwnThread)
         EXPECT_EQ(objH264.HandleStopMsgEnc(nullptr, nullptr), 1);
         EXPECT_EQ(objJpeg.HandleStopMsgEnc(nullptr, nullptr), 1);
     }
-    EXPECT_EQ(pNotes->Notes(),
-              (std::set<std::string>{"gst-h264 by gst-h264", "gst-jpeg by gst-jpeg"}));
+    for (const std::string strName : {"gst-h264", "gst-jpeg"}) {
+        const std::set<std::string> strHeardBy =
+            m_objLog.Threads("receive message ", " in [" + strName + "]");
+        EXPECT_EQ(strHeardBy, std::set<std::string>{strName});
+    }
 }
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "common/gstobj.h"
 #include "framework/thread.h"
@@ -206,19 +207,11 @@ TEST_F(GstObjTest, AStopDuringABuildWaitsForTheLoop)
     held_build::Hold();
     CRun objRun(&m_objRunner, kEndless);
     held_build::WaitUntilHeld();
-    class CStopper : public CThread
-    {
-    public:
-        explicit CStopper(CGstObj *i_pRunner) : m_pRunner(i_pRunner) {}
-        ~CStopper() override { StopAndWaitForThread(); }
-        void Entry() override { EXPECT_EQ(m_pRunner->HandleStopMsgEnc(nullptr, nullptr), 1); }
-        CGstObj *m_pRunner;
-    } objStopper(&m_objRunner);
     moved_time::DivideSleeps(10);
-    objStopper.Start();
-    ASSERT_TRUE(m_objLog.WaitFor("wait pLoop to run in [gst-h264]", 2));
+    std::thread objStopper([&] { EXPECT_EQ(m_objRunner.HandleStopMsgEnc(nullptr, nullptr), 1); });
+    EXPECT_TRUE(m_objLog.WaitFor("wait pLoop to run in [gst-h264]", 2));
     held_build::Release();
-    objStopper.Join();
+    objStopper.join();
     objRun.Join();
     EXPECT_LT(m_objLog.Count("wait pLoop to run"), 41);
     EXPECT_FALSE(m_objLog.Has("force quit"));

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -23,10 +22,7 @@ namespace
 {
 namespace fs = std::filesystem;
 
-std::ptrdiff_t OpenDescriptors()
-{
-    return std::distance(fs::directory_iterator("/proc/self/fd"), {});
-}
+constexpr char kDescriptors[] = "/proc/self/fd";
 
 /* A monitor on a directory of the test's own, its thread and real files. */
 class MonitorTest : public testing::Test
@@ -115,7 +111,7 @@ TEST_F(MonitorTest, PublishesWhatIsMovedInAndReportsTheCount)
     EXPECT_TRUE(WaitForPicture("picture 10"));
     EXPECT_EQ(NextReport(), 19U);
     EXPECT_FALSE(fs::exists(m_objPicture)); /* stale at the report */
-    EXPECT_EQ(std::distance(fs::directory_iterator(m_objRoot / "image"), {}), 9);
+    EXPECT_EQ(EntriesIn(m_objRoot / "image"), 9);
     EXPECT_EQ(m_objLog.Count("WARN file name too long: nnn"), 9);
 
     MSG_DESC_INFO_S stMsg = fake_router::Sent(0x80A).back();
@@ -234,16 +230,16 @@ TEST_F(MonitorTest, LostArrivalsAndLinksDoNotStopThePublication)
 
 TEST_F(MonitorTest, LeavesNoDescriptorAfterAStopOrAFailedWatch)
 {
-    int s32Before = OpenDescriptors();
+    const std::ptrdiff_t s64Before = EntriesIn(kDescriptors);
     Start();
-    EXPECT_EQ(OpenDescriptors(), s32Before + 1);
+    EXPECT_EQ(EntriesIn(kDescriptors), s64Before + 1);
     m_pMonitor->StopAndWaitForThread();
     EXPECT_TRUE(m_objLog.Has("INFO stop loop of monitor --["));
-    EXPECT_EQ(OpenDescriptors(), s32Before);
+    EXPECT_EQ(EntriesIn(kDescriptors), s64Before);
 
     fs::remove_all(m_objRoot / "image");
     EXPECT_EQ(m_pMonitor->main_loop(), -1);
     EXPECT_EQ(m_objLog.Count("stop loop"), 1);
-    EXPECT_EQ(OpenDescriptors(), s32Before);
+    EXPECT_EQ(EntriesIn(kDescriptors), s64Before);
 }
 } // namespace

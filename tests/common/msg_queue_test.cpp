@@ -1,34 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "common/msg_queue.h"
-#include "framework/clock.h"
-#include "framework/thread.h"
+#include "framework/mutex.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/moved_time.h"
+#include "tests/support/wait_until.h"
 
 namespace
 {
-class CHolder : public CThread
-{
-public:
-    explicit CHolder(CMutex *i_pMutex) : m_pMutex(i_pMutex) {}
-    ~CHolder() override { StopAndWaitForThread(); }
-    void Entry() override
-    {
-        CMutexLocker objLocker(m_pMutex);
-        m_bHeld = true;
-        while (!IsStopRequested()) {
-            Sleep(1);
-        }
-    }
-    std::atomic<bool> m_bHeld{false};
-
-private:
-    CMutex *m_pMutex;
-};
-
 TEST(MsgQueueTest, KeepsOrderOverTheRingsEndAndDropsTheFiftieth)
 {
     CLogCapture objLog;
@@ -83,16 +66,18 @@ TEST(RunningMutexTest, GivesUpAfterThirtyTries)
     EXPECT_EQ(PutRunningMutex(&objMutex), 1);
     EXPECT_EQ(PutRunningMutex(&objMutex), 1);
 
-    CHolder objHolder(&objMutex);
-    objHolder.Start();
-    while (!objHolder.m_bHeld) {
-        CThread::ThreadYield();
-    }
+    std::atomic<bool> bHeld{false}, bDone{false};
+    std::thread objHolder([&] {
+        const CMutexLocker objLocker(&objMutex);
+        bHeld = true;
+        EXPECT_TRUE(WaitUntil([&] { return bDone.load(); }));
+    });
+    EXPECT_TRUE(WaitUntil([&] { return bHeld.load(); }));
     moved_time::Reset();
     moved_time::DivideSleeps(100);
     EXPECT_EQ(GetRunningMutex(&objMutex), 0);
-    /* The holder's own 1 ms sleeps are counted too, so the bound is one-sided. */
-    EXPECT_GE(moved_time::SleptMicroseconds(), 2900000U);
-    EXPECT_LT(moved_time::SleptMicroseconds(), 3900000U);
+    EXPECT_EQ(moved_time::SleptMicroseconds(), 2900000U);
+    bDone = true;
+    objHolder.join();
 }
 } // namespace

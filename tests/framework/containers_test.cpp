@@ -197,48 +197,6 @@ TEST(Heap, FollowsItsRulesUnderRandomOperations)
     }
 }
 
-TEST(HeapDeathTest, NullAndAlreadyHeldElementsAreFatal)
-{
-    CHeap objHeap(1), objOther(1);
-    CHeapElem objElem;
-    EXPECT_DEATH(objHeap.Insert(nullptr), "`i_pElem != NULL'");
-    objHeap.Insert(&objElem);
-    EXPECT_DEATH(objHeap.Insert(&objElem), "`i_pElem->m_pCurrentHeap == NULL'");
-    EXPECT_DEATH(objOther.Insert(&objElem), "`i_pElem->m_pCurrentHeap == NULL'");
-    EXPECT_EQ(objOther.Remove(&objElem), nullptr);
-}
-
-TEST(HashTable, IndexesByMaskForPowersOfTwoAndByRemainderOtherwise)
-{
-    CHashTable<CRef, CRefKey> objPrime(1193), objPower(1024), objOne(1);
-    EXPECT_EQ(objPrime.ComputeIndex(1193 * 5 + 7), 7u);
-    EXPECT_EQ(objPower.ComputeIndex(0xFFFFFFFF), 1023u);
-    EXPECT_EQ(objOne.ComputeIndex(0xFFFFFFFF), 0u);
-    using CTable = CHashTable<CRef, CRefKey>;
-    EXPECT_DEATH(CTable(0), "`m_pHashTable'");
-}
-
-TEST(HashTable, ServesTheLatestOfEqualNamesAndRemovesByIdentity)
-{
-    std::string strName = "same", strOther = "emas";
-    CRef objFirst(View(strName), nullptr), objSecond(View(strName), nullptr);
-    CRef objCollides(View(strOther), nullptr);
-    CHashTable<CRef, CRefKey> objTable(1);
-    objTable.Add(&objFirst);
-    objTable.Add(&objSecond);
-    objTable.Remove(&objCollides);
-    EXPECT_EQ(objTable.GetNumEntries(), 2u);
-    objTable.Add(&objCollides);
-    EXPECT_DEATH(objTable.Add(&objSecond), "`i_pEntry->m_pNextHashEntry == NULL'");
-    CRefKey objKey(&objFirst);
-    EXPECT_EQ(objTable.Map(&objKey), &objSecond);
-    objTable.Remove(&objSecond);
-    EXPECT_EQ(objTable.Map(&objKey), &objFirst);
-    objTable.Remove(&objFirst);
-    EXPECT_EQ(objTable.Map(&objKey), nullptr);
-    EXPECT_EQ(objTable.GetNumEntries(), 1u);
-}
-
 TEST(RefTable, HashTakesFiveBytesAsUnsignedTimesTheLength)
 {
     std::string strText = "abcd", strOne = "a", strHigh(8, '\xFF');
@@ -274,23 +232,4 @@ TEST(RefTable, RegistersNamesOnceAndSwapsInPlace)
     objTable.Release(&objTwin);
     EXPECT_EQ(objTable.Resolve(&objName), nullptr);
     EXPECT_EQ(objTable.Register(&objFirst), 0);
-}
-
-TEST(RefTableDeathTest, MisuseIsFatal)
-{
-    std::string strName = "name";
-    CRef objRef(View(strName), nullptr), objUnnamed;
-    CRefTable objTable(7);
-    EXPECT_DEATH(objTable.Register(nullptr), "`i_pRef != NULL'");
-    EXPECT_DEATH(objTable.Register(&objUnnamed), "`i_pRef->m_objString.m_pPtr != NULL'");
-    EXPECT_DEATH(objTable.Resolve(nullptr), "`i_refPLString != NULL'");
-    EXPECT_DEATH(objTable.Release(nullptr), "`i_pRef != NULL'");
-    EXPECT_DEATH(objTable.Release(&objRef), "`i_pRef->m_u32RefCount < 1048576L'");
-    EXPECT_DEATH(objTable.UnRegister(nullptr), "`i_pRef != NULL'");
-    EXPECT_DEATH(objTable.Swap(nullptr), "`i_pNewRef != NULL'");
-    EXPECT_DEATH(objTable.Swap(&objRef), "`0'");
-    objTable.Register(&objRef);
-    CPLString objName = View(strName);
-    objTable.Resolve(&objName);
-    EXPECT_DEATH(objTable.Register(&objRef), "`i_pRef->m_u32RefCount == 0'");
 }

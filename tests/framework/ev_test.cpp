@@ -207,14 +207,6 @@ TEST_F(CEvTest, SelectErrors)
     EXPECT_EQ(errno, ENOMEM);
 }
 
-TEST_F(CEvTest, StartingAgainKeepsWhatIsArmed)
-{
-    SocketAt(100, false);
-    EXPECT_EQ(Watch(100, 2), 0);
-    EXPECT_EQ(select_startevents(), 0);
-    EXPECT_EQ(Next(), std::make_pair(100, 2));
-}
-
 TEST_F(CEvDeathTest, DescriptorsOutsideTheSets)
 {
     EXPECT_EQ(Watch(-1, 1), EBADF);
@@ -232,14 +224,6 @@ TEST_F(CEvDeathTest, DescriptorsOutsideTheSets)
     EXPECT_FALSE(IsOpen(1500));
 }
 
-TEST_F(CEvDeathTest, NullCookie)
-{
-    eventreq stReq = {};
-    stReq.er_handle = 5;
-    EXPECT_DEATH(select_watchevent(&stReq, 1), "i_pReq->er_data != NULL");
-    EXPECT_DEATH(select_watchevent(nullptr, 1), "i_pReq != NULL");
-}
-
 TEST_F(CEvDeathTest, ThousandAndTwentyFourWaitToBeClosed)
 {
     for (int i = 0; i < 1024; i++) {
@@ -249,19 +233,6 @@ TEST_F(CEvDeathTest, ThousandAndTwentyFourWaitToBeClosed)
     SocketAt(100, false);
     ExpectNothingBut(100);
     EXPECT_EQ(select_removeevent(1900), 0);
-}
-
-TEST(CEvStartDeathTest, NoPipe)
-{
-    struct rlimit stLimit = {};
-    getrlimit(RLIMIT_NOFILE, &stLimit);
-    stLimit.rlim_cur = 3;
-    EXPECT_DEATH(
-        {
-            setrlimit(RLIMIT_NOFILE, &stLimit);
-            select_startevents();
-        },
-        "s32Err == 0");
 }
 
 void RunIntoSelectErrors()

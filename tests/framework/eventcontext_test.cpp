@@ -154,20 +154,6 @@ TEST(EventContextTest, WhatWasNeverWatchedIsClosedAtOnceUnlessTheOwnerDoes)
     close(s32Kept);
 }
 
-TEST(EventContextTest, TheEventOfAnIdThatIsGoneIsDropped)
-{
-    CAccess::EventThread();
-    int s32FileDesc = Counter(true);
-    eventreq stReq = {};
-    stReq.er_type = 1;
-    stReq.er_handle = s32FileDesc;
-    stReq.er_data = reinterpret_cast<void *>(0x123456789L);
-    EXPECT_EQ(select_watchevent(&stReq, 3), 0);
-    LetEventsPass();
-    EXPECT_EQ(select_removeevent(s32FileDesc), 0);
-    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32FileDesc); }));
-}
-
 TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
 {
     std::vector<std::unique_ptr<CProbe>> objProbes;
@@ -185,43 +171,8 @@ TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
     EXPECT_EQ(objProbes.front()->m_s32Events, 1);
 }
 
-TEST(EventContextTest, AnotherContextTakesOver)
-{
-    CProbe objFrom(Counter(true));
-    objFrom.RequestEvent(1);
-    ASSERT_TRUE(objFrom.WaitFor(1));
-    int s32FileDesc = objFrom.m_s32FileDesc;
-    UInt64 u64UniqueID = objFrom.m_u64UniqueID;
-    int s32Before = Counter(false);
-    CProbe objTo(s32Before);
-    objTo.RequestEvent(1);
-
-    objTo.SnarfEventContext(objFrom);
-    objTo.SnarfEventContext(objTo);
-    EXPECT_EQ(objTo.m_s32FileDesc, s32FileDesc);
-    EXPECT_EQ(objTo.m_u64UniqueID, u64UniqueID);
-    EXPECT_EQ(objFrom.m_s32FileDesc, -1);
-    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32Before); }));
-    objTo.RequestEvent(1);
-    EXPECT_TRUE(objTo.WaitFor(1));
-    EXPECT_EQ(objFrom.m_s32Events, 1);
-
-    objFrom.InitNonBlocking(Counter(true));
-    objFrom.RequestEvent(1);
-    EXPECT_TRUE(objFrom.WaitFor(2));
-    EXPECT_NE(objFrom.m_u64UniqueID, u64UniqueID);
-}
-
 TEST(EventContextDeathTest, WhatTheOwnerMustNotDo)
 {
-    AllowManyDescriptors();
-    int s32FileDesc = Counter(false);
-    EXPECT_DEATH(
-        {
-            CProbe objProbe(dup2(s32FileDesc, 1024));
-            objProbe.RequestEvent(1);
-        },
-        "i_pReq->er_handle < \\(SInt32\\)\\(sizeof\\(fd_set\\) \\* 8\\)");
     EXPECT_DEATH(
         {
             CProbe objProbe(-1);
@@ -235,12 +186,5 @@ TEST(EventContextDeathTest, WhatTheOwnerMustNotDo)
         },
         "s32Err == 0");
     EXPECT_DEATH({ CProbe objProbe(1999); }, "s32Err == 0");
-    EXPECT_DEATH(
-        {
-            CProbe objFrom(s32FileDesc);
-            CProbe objTo(-1);
-            objTo.SnarfEventContext(objFrom);
-        },
-        "`0'");
 }
 } // namespace

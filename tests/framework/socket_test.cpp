@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -93,22 +92,6 @@ TEST(SocketTest, AStreamPassesBytesUntilItsPeerIsGone)
     EXPECT_FALSE(objSocket.IsConnected());
 }
 
-TEST(SocketTest, NotConnectedIsSaidWithoutASystemCall)
-{
-    CTestSocket objSocket(0);
-    unsigned int u32Len = 77;
-    char szBuffer[8];
-    struct iovec stPart = {szBuffer, sizeof(szBuffer)};
-    /* There is no descriptor: a call would say EBADF. */
-    EXPECT_EQ(objSocket.Send("x", 1, &u32Len), 107);
-    EXPECT_EQ(objSocket.WriteV(&stPart, 1, nullptr), 107);
-    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 107);
-    EXPECT_EQ(u32Len, 77U);
-    objSocket.SetSocketType(CSocket::kConnected);
-    EXPECT_EQ(objSocket.Send("x", 1, &u32Len), 9);
-    EXPECT_FALSE(objSocket.IsConnected());
-}
-
 TEST(SocketDeathTest, Misuse)
 {
     unsigned int u32Len = 0;
@@ -116,22 +99,16 @@ TEST(SocketDeathTest, Misuse)
     char szBuffer[8];
     CTestUDPSocket objSocket;
     EXPECT_DEATH(objSocket.Send(nullptr, 1, &u32Len), "i_pData != NULL");
-    EXPECT_DEATH(objSocket.WriteV(nullptr, 1, &u32Len), "i_pIOVector != NULL");
     EXPECT_DEATH(objSocket.Read(nullptr, 1, &u32Len), "o_pBuffer != NULL");
-    EXPECT_DEATH(objSocket.Read(nullptr, 1, nullptr), "o_pRecvLen != NULL");
     EXPECT_DEATH(objSocket.SendTo(kLoopback, 1, nullptr, 1), "i_pBuffer != NULL");
     EXPECT_DEATH(objSocket.RecvFrom(nullptr, nullptr, szBuffer, 8, nullptr), "o_pRecvLen != NULL");
     EXPECT_DEATH(objSocket.RecvFrom(nullptr, &u16Port, szBuffer, 8, &u32Len),
                  "o_pRemoteAddr != NULL");
-    EXPECT_DEATH(objSocket.RecvFrom(&u32Len, nullptr, szBuffer, 8, &u32Len),
-                 "o_pRemotePort != NULL");
     EXPECT_DEATH(objSocket.ReuseAddr(), "s32Err == 0");
-    EXPECT_DEATH(objSocket.SetSocketBufSize(4096), "s32Err == 0");
     EXPECT_EQ(objSocket.SetSocketRcvBufSize(4096), 9);
     EXPECT_EQ(objSocket.SetTtl(1), 9);
     ASSERT_EQ(objSocket.Open(), 0);
     EXPECT_DEATH(objSocket.Open(), "m_s32FileDesc == CEventContext::kInvalidFileDesc");
-    EXPECT_DEATH(objSocket.NoDelay(), "s32Err == 0");
     EXPECT_DEATH(objSocket.GetLocalDNSStr(), "m_stLocalAddr.sin_addr.s_addr != INADDR_ANY");
     ASSERT_EQ(objSocket.Bind(kLoopback, 0), 0);
     EXPECT_DEATH(objSocket.GetLocalAddrStr(), "m_pLocalAddrStrPtr != NULL");

@@ -4,7 +4,6 @@
  */
 #include <atomic>
 #include <limits>
-#include <memory>
 
 #include <gtest/gtest.h>
 
@@ -189,9 +188,6 @@ TEST(TimersDeathTest, NothingWorksBeforeTheServicesAre)
 {
     EXPECT_DEATH({ CCountingTask objTask; }, "`s_pIdleThread != NULL'");
     EXPECT_DEATH(CTimeoutTask(nullptr, 0, 0), "`s_pThread != NULL'");
-    CIdleTaskThread objThread;
-    EXPECT_DEATH(objThread.SetIdleTimer(nullptr, 0), "`i_pIdleObj != NULL'");
-    EXPECT_DEATH(objThread.CancelTimeout(nullptr), "`i_pIdleObj != NULL'");
     EXPECT_DEATH(
         {
             CIdleTask::Initialize();

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <chrono>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@ public:
     /* Waits until at least i_s32Count lines contain the text; false after the limit. */
     bool WaitFor(const std::string &i_strText, int i_s32Count = 1,
                  std::chrono::milliseconds i_objLimit = std::chrono::seconds(20)) const;
+    /* Names of the threads that logged lines which contain both texts. */
+    std::set<std::string> Threads(const std::string &i_strText, const std::string &i_strToo) const;
     void Clear();
 
 private:

@@ -1,5 +1,5 @@
 /*
- * A directory of the test's own, removed with everything in it.
+ * A directory of the test's own, removed with everything in it, and whole files.
  */
 #pragma once
 
@@ -36,4 +36,10 @@ inline std::string ReadFile(const std::string &i_strPath)
 {
     std::ifstream objFile(i_strPath, std::ios::binary);
     return {std::istreambuf_iterator<char>(objFile), {}};
+}
+
+/* How many files or folders it holds: /proc/self/fd tells the open descriptors, for example. */
+inline std::ptrdiff_t EntriesIn(const std::string &i_strFolder)
+{
+    return std::distance(std::filesystem::directory_iterator(i_strFolder), {});
 }

@@ -1,12 +1,10 @@
 #include "tests/system/box.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -139,9 +137,7 @@ bool CDaemon::WaitUntilUp() const
 
 std::size_t CDaemon::Descriptors() const
 {
-    const std::string strFolder = "/proc/" + std::to_string(Pid()) + "/fd";
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator(strFolder), {}));
+    return static_cast<std::size_t>(EntriesIn("/proc/" + std::to_string(Pid()) + "/fd"));
 }
 
 void SendTiming(const std::string &i_strTiming)

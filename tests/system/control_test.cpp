@@ -1,10 +1,8 @@
 /* The control channel of the running daemon: answers, switching, and hostile datagrams. */
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>

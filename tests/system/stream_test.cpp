@@ -144,19 +144,6 @@ TEST_F(StreamTest, SourceFaultsAreLoggedAndTheNextSignalWorks)
     ExpectPictures("after the faults", 320, 240, 30);
 }
 
-TEST_F(StreamTest, AnUnknownElementIsNamedAndTheDaemonGoesOn)
-{
-    CDaemon objDaemon({}, {"GST_PLUGIN_PATH_1_0=/nowhere", "GST_REGISTRY_1_0=/run/registry.bin",
-                           "GST_REGISTRY_UPDATE=yes"});
-    ASSERT_TRUE(objDaemon.WaitFor("start gst enc jpeg thread", 1, Seconds(60)));
-    SendTiming("320x240@30-0");
-    EXPECT_TRUE(objDaemon.WaitFor(
-        "ERROR pipeline could not be constructed: no element \"vpuenc_h264\" in [gst-h264]"));
-    SendTiming("0x0@0-0");
-    EXPECT_TRUE(objDaemon.WaitFor("stop gstreamer, status:1 --["));
-    EXPECT_TRUE(objDaemon.Running());
-}
-
 TEST_F(StreamTest, WithoutEth0TheGroupIsMissedAndItsReturnBringsTheStream)
 {
     RunToEnd({"/bin/sh", "-c", "ip link set eth0 name gone0"});

@@ -14,7 +14,6 @@
 #include "tests/support/loopback.h"
 #include "tests/tools/fake_daemon.h"
 #include "tools/ctl_main.h"
-#include "tools/report.h"
 
 namespace
 {
@@ -147,27 +146,6 @@ TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
     EXPECT_FALSE(std::getline(objLines, strThird)) << strThird;
 }
 
-TEST_F(CtlTest, WatchGoesOnWhenTheDaemonPausesForAWhile)
-{
-    std::thread objPause([this] {
-        while (m_objDaemon.m_s32Requests < 2) {
-            usleep(1000);
-        }
-        m_objDaemon.m_bSilent = true;
-        const int s32Then = m_objDaemon.m_s32Requests;
-        while (m_objDaemon.m_s32Requests < s32Then + 3) {
-            usleep(1000);
-        }
-        m_objDaemon.SetValue(1, 30);
-        m_objDaemon.m_bSilent = false;
-    });
-    EXPECT_EQ(Run("watch --interval 20ms --for 2s --timeout 50ms"), 0);
-    objPause.join();
-    EXPECT_NE(m_strOut.find("gop          60 -> 30\n"), std::string::npos) << m_strOut;
-    EXPECT_EQ(m_strErr.find("no answer"), m_strErr.rfind("no answer")) << "told once";
-    EXPECT_TRUE(Told("the daemon answers again"));
-}
-
 TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
 {
     CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
@@ -225,16 +203,4 @@ TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)
     objRelease.join();
 }
 
-TEST(FindLockHolderTest, KnowsTheHolderFromWaitersAndOtherLocks)
-{
-    std::istringstream objLocks("1: POSIX  ADVISORY  WRITE 11 08:01:77 0 EOF\n"
-                                "2: FLOCK  ADVISORY  WRITE 12 08:02:77 0 EOF\n"
-                                "3: FLOCK  ADVISORY  WRITE 13 08:01:78 0 EOF\n"
-                                "4: -> FLOCK  ADVISORY  WRITE 14 08:01:77 0 EOF\n"
-                                "5: FLOCK  ADVISORY  WRITE 15 08:1a:77 0 EOF\n");
-    EXPECT_EQ(FindLockHolder(objLocks, 8, 0x1a, 77), 15);
-    objLocks.clear();
-    objLocks.seekg(0);
-    EXPECT_EQ(FindLockHolder(objLocks, 8, 1, 77), std::nullopt);
-}
 } // namespace

@@ -22,24 +22,17 @@ TEST(StreamFieldsTest, ValuesAreReadAsPeopleWriteThem)
         {1, "30x", std::nullopt, ""},
         {1, "-1", std::nullopt, ""}, /* "not given" on the wire */
         {1, "4294967295", std::nullopt, ""},
-        {1, "", std::nullopt, ""},
-        {1, "1k", std::nullopt, ""},
         {2, "CBR", "cbr", "cbr"},
         {2, "abr", std::nullopt, ""},
         {3, "2M", 2000000, "2M"},
         {3, "2.5m", 2500000, "2.5M"},
-        {3, "1500k", 1500000, "1.5M"},
         {3, "1.5005M", 1500500, "1500500"},
-        {3, "100k", 100000, "100k"},
         {3, "2mbit/s", 2000000, "2M"},
-        {3, "1234567", 1234567, "1234567"},
         {3, "1.0000001M", std::nullopt, ""}, /* a tenth of a bit */
         {3, "2.5", std::nullopt, ""},
         {3, "2147483647", 2147483647, "2147483647"},
         {3, "2147483648", std::nullopt, ""},
         {3, "999999999999M", std::nullopt, ""},
-        {3, "9999999999999", std::nullopt, ""},
-        {3, "M", std::nullopt, ""},
         {3, "1.2.3M", std::nullopt, ""},
     };
     for (const CASE_S &stCase : stCases) {
