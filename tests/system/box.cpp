@@ -19,6 +19,8 @@ namespace
 {
 constexpr std::chrono::milliseconds kPause(20);
 constexpr char kLogFile[] = "/run/mv3300d.log";
+constexpr std::size_t kLogLines = 150;
+constexpr std::size_t kLogWidth = 200;
 constexpr char kBoxPid[] = "/run/mv3300-sim/box.pid";
 constexpr char kSourceControl[] = "/run/mv3300-sim/video0";
 
@@ -175,7 +177,7 @@ void ExpectGroupStream(int i_s32Width, int i_s32Height, double i_f64Rate)
     const RECEIVED_S stReceived = Receive(kGroup, kGroupPort);
     EXPECT_EQ(stReceived.s32Width, i_s32Width);
     EXPECT_EQ(stReceived.s32Height, i_s32Height);
-    EXPECT_GT(stReceived.f64Rate, i_f64Rate * 0.3);
+    EXPECT_GT(stReceived.f64Rate, i_f64Rate * 0.15);
     EXPECT_LT(stReceived.f64Rate, i_f64Rate * 1.4);
     EXPECT_EQ(stReceived.s64Gaps, 0);
 }
@@ -196,9 +198,28 @@ void SetSource(const std::string &i_strWord)
 
 namespace
 {
-/* Every case starts as on a fresh box, also when several run in the same one. */
+/* Every case starts as on a fresh box, also when several run in the same one, and one that failed
+ * shows what the daemon logged. */
 class CFreshBox : public testing::EmptyTestEventListener
 {
+    void OnTestEnd(const testing::TestInfo &i_objInfo) override
+    {
+        if (i_objInfo.result()->Failed()) {
+            std::vector<std::string> strLines;
+            std::ifstream objFile(kLogFile);
+            for (std::string strLine; std::getline(objFile, strLine);) {
+                if (strLine.find(" DEBUG ") == std::string::npos) {
+                    strLines.push_back(strLine.substr(0, kLogWidth));
+                }
+            }
+            std::cout << "the end of the daemon's log, without DEBUG:\n";
+            for (std::size_t i = strLines.size() - std::min(strLines.size(), kLogLines);
+                 i < strLines.size(); i++) {
+                std::cout << strLines[i] << "\n";
+            }
+        }
+    }
+
     void OnTestStart(const testing::TestInfo &) override
     {
         std::filesystem::remove_all(kPidFile);
