@@ -429,5 +429,5 @@ void CEncoder::RestartJpeg(const JPEG_FILE_STATUS_S &i_stCurrent)
     }
     LOG_INFO("cmd jpeg [%s] restart", m_strJpegCmd.c_str());
     PushStart(*m_pGstEncJpeg, MODULE_GST_JPEG, m_strJpegCmd);
-    WaitForStart(*m_pGstEncJpeg);
+    WaitForStart(*m_pGstEncJpeg); /* lest a waiting report or timing starts it a second time */
 }

@@ -111,6 +111,7 @@ void CEventMonitorTask::HandleDatagram(char *i_pReceived, UInt32 u32RecvLen, UIn
     int s32Result = m_pCallback(i_pReceived, static_cast<int>(u32RecvLen), szReply,
                                 MAX_SND_RCV_BUF_SIZE, s32ReplyLength);
     if (s32Result > 0 && s32ReplyLength > 0) {
+        assert(static_cast<UInt32>(s32ReplyLength) <= MAX_SND_RCV_BUF_SIZE);
         m_udpRecvSocket.SendTo(i_u32Address, i_u16Port, szReply,
                                static_cast<UInt32>(s32ReplyLength));
     }

@@ -112,6 +112,7 @@ void CEventContext::SnarfEventContext(CEventContext &io_objFrom)
     if (&io_objFrom == this) {
         return;
     }
+    assert(m_pEventThread != NULL);
     Cleanup();
     m_s32FileDesc = io_objFrom.m_s32FileDesc;
     io_objFrom.m_s32FileDesc = kInvalidFileDesc;

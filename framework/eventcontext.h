@@ -47,8 +47,8 @@ public:
      * registration. The context can then be used again. */
     void Cleanup();
     /* Takes the descriptor and the registration of another, watched context, which is empty
-     * afterwards; what this context held before is cleaned up. Asserts that the other is
-     * registered. */
+     * afterwards; what this context held before is cleaned up. Asserts that there is
+     * an event thread and that the other is registered. */
     void SnarfEventContext(CEventContext &io_objFrom);
 
 protected:

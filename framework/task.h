@@ -60,7 +60,8 @@ public:
     /* For Run() only: takes the pending events; what is signalled later stays pending. */
     EventFlags GetEvents();
 
-    /* The next run holds the pools' lock for writing: no other task runs beside it. */
+    /* The next run holds the pools' lock for writing: no other task runs beside it, unless that
+     * one asked for the same. The end of such a run takes back what was asked during it. */
     void SetGlobalLock() { m_bGlobalLock.store(true); }
     /* For Run() only: gives that lock up early. */
     void GlobalUnlock();

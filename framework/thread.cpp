@@ -45,6 +45,7 @@ CThread::~CThread()
 
 void CThread::Start()
 {
+    assert(s_bInitialized.load());
     pthread_t stThread = 0;
     [[maybe_unused]] SInt32 s32Err = pthread_create(&stThread, &s_tThreadAttr, _Entry, this);
     assert(0 == s32Err);

@@ -17,7 +17,8 @@
 class CThread
 {
 public:
-    /* Once per process, before any Start(). i_u32StackSize: bytes, for every thread started. */
+    /* Once per process, before any Start(), which asserts it. i_u32StackSize: bytes, for every
+     * thread started. */
     static void Initialize(unsigned int i_u32StackSize);
 
     CThread();
@@ -51,7 +52,7 @@ public:
     /* The CThread whose Entry() runs on the calling thread; null on any other thread. */
     static CThread *GetCurrent();
     static void ThreadYield();
-    /* Milliseconds; returns early when a signal handler ran (usleep(3)). */
+    /* Milliseconds, up to 4294967; returns early when a signal handler ran (usleep(3)). */
     static void Sleep(unsigned int i_u32Milliseconds);
     /* Takes on the group and user named in s_szGroup and s_szUser. False if either is unknown or
      * refused; both empty (the default) does nothing and returns true. */

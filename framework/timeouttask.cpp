@@ -3,6 +3,8 @@
  */
 #include "framework/timeouttask.h"
 
+#include <limits>
+
 #include "framework/assertion.h"
 #include "framework/clock.h"
 
@@ -49,7 +51,11 @@ void CTimeoutTask::SetTimeout(SInt64 i_s64Timeout)
 
 SInt64 CTimeoutTask::GetTimeRemaining() const
 {
-    return m_s64Deadline.load() - GetTimeInMs();
+    SInt64 s64Remaining = 0;
+    /* A timeout may be any number, and so far in the past that the difference does not fit. */
+    return __builtin_sub_overflow(m_s64Deadline.load(), GetTimeInMs(), &s64Remaining)
+               ? std::numeric_limits<SInt64>::min()
+               : s64Remaining;
 }
 
 CTimeoutTaskThread::CTimeoutTaskThread() : m_s64Interval(kDefaultIntervalMs)

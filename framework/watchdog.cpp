@@ -28,6 +28,7 @@ void WaitForChild(pid_t i_s32Child)
     int s32Status = 0;
     while (s32Status == 0) {
         pid_t s32PID = wait(&s32Status);
+        /* Any other failure would come back at once, for ever. */
         const bool bInterrupted = s32PID == -1 && s32Status == 0 && errno == EINTR;
         /* Read as signed: 255 is -1. NOLINTNEXTLINE(bugprone-signed-char-misuse) */
         const int s32ExitCode = static_cast<SInt8>(s32Status >> 8);

@@ -28,8 +28,8 @@ struct tlv {
 tlv_box *tlv_box_create();
 /* A sealed box with copies of the records of a received buffer. Records are taken up to the first
  * one that would run past i_s32Size; one whose type came before is dropped. A size of 0 or less
- * gives an empty box. The box's buffer and size are the whole input's in every case. Null for a
- * null buffer with a positive size, or when memory is exhausted. */
+ * gives an empty box of size 0; otherwise the box's buffer and size are the whole input's. Null for
+ * a null buffer with a positive size, or when memory is exhausted. */
 tlv_box *tlv_box_parse(const void *i_pBuffer, int i_s32Size);
 /* Frees the records, the buffer and the box; -1 for null. */
 int tlv_box_destroy(tlv_box *i_pBox);
