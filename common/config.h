@@ -43,9 +43,6 @@ public:
     ~CConfig() override { StopAndWaitForThread(); }
 
     void Entry() override;
-
-private:
-    void LogPushFail() const override;
     int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* o_pResult: null, or a byte that is set to 1 when the configuration changed, to 0 when not. */
@@ -59,6 +56,8 @@ private:
     int HandleSetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     int HandleSetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
+private:
+    void LogPushFail() const override;
     /* Builds g_stConfigInfo from the parameters' buffers and takes it over. 1 it differs from
      * what the module had, 0 it is the same. */
     int GetConfigInfoFromFile();

@@ -16,6 +16,8 @@ namespace
 {
 constexpr unsigned int kPauseAfterStopMs = 50;
 constexpr unsigned int kPauseBeforeStartMs = 1000;
+constexpr int kSettingsPolls = 10;
+constexpr unsigned int kSettingsPollMs = 100;
 constexpr int kStartPolls = 99;
 constexpr unsigned int kStartPollMs = 100;
 /* The preview counts as stalled when its count stood still for longer than this. */
@@ -33,6 +35,12 @@ template <typename Record> Record PayloadOf(const MSG_DESC_INFO_S &i_stMsg)
 int StartStatus(const std::unique_ptr<CGstEnc> &i_pWorker)
 {
     return i_pWorker ? i_pWorker->GetStartStatus() : 0;
+}
+
+/* As the lines show a setting: "unchanged" is -1. */
+SInt32 Signed(UInt32 i_u32Setting)
+{
+    return static_cast<SInt32>(i_u32Setting);
 }
 
 void PushStart(CGstEnc &i_objWorker, UInt32 i_u32Module, const std::string &i_strCmd)
@@ -66,16 +74,6 @@ void EndWorker(std::unique_ptr<CGstEnc> &io_pWorker)
         io_pWorker->Join();
         io_pWorker.reset();
     }
-}
-
-/* The configured receivers; empty when none are. */
-std::string QueryAddrList()
-{
-    MSG_DESC_INFO_S stMsg =
-        MakeMsg(MSG_TYPE_SYNC, MODULE_ENCODER, MODULE_CONFIG, MSG_GET_ADDR_LIST);
-    char szAddrList[512 + 1] = "";
-    SendSyncAndAsyncMsg(&stMsg, szAddrList);
-    return szAddrList;
 }
 
 std::string QueryMulticastIp()
@@ -150,7 +148,20 @@ void CEncoder::CreateWorkers()
     }
 }
 
-/* A query that is not answered (the running mutex stayed busy) leaves the settings as they are. */
+/* The configured receivers; empty when none are. A query that is not answered (the running mutex
+ * stayed busy) gives the last answer. */
+const std::string &CEncoder::QueryAddrList()
+{
+    MSG_DESC_INFO_S stMsg =
+        MakeMsg(MSG_TYPE_SYNC, MODULE_ENCODER, MODULE_CONFIG, MSG_GET_ADDR_LIST);
+    char szAddrList[512 + 1] = "";
+    if (SendSyncAndAsyncMsg(&stMsg, szAddrList)) {
+        m_strAddrList = szAddrList;
+    }
+    return m_strAddrList;
+}
+
+/* Here, too, what is not answered stays as it is. */
 void CEncoder::QueryStreamStatus()
 {
     MSG_DESC_INFO_S stMsg =
@@ -246,10 +257,26 @@ bool CEncoder::StopForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32H264Star
     return true;
 }
 
+/* A timing can come before the parameter file has been read. Without settings nothing would be
+ * enabled, and the preview would be started with no size and keep that until a setting changes. */
+void CEncoder::AwaitStreamStatus()
+{
+    for (int i = 0; i < kSettingsPolls && m_stStreamStatus.u32PrevHeight == 0; i++) {
+        if (i > 0) {
+            CThread::Sleep(kSettingsPollMs);
+        }
+        if (IsStopRequested()) {
+            return;
+        }
+        QueryStreamStatus();
+    }
+}
+
 /* Kept: here the preview starts first, whenever its worker is idle; on a change of the settings
  * the H.264 pipeline starts first and the preview only when it is enabled. */
 void CEncoder::StartForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32JpegStarted)
 {
+    AwaitStreamStatus();
     const std::string strAddrList = QueryAddrList();
     const std::string strMulticastIp = QueryMulticastIp();
     QueryStreamStatus();
@@ -259,7 +286,7 @@ void CEncoder::StartForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32JpegSta
     const std::string strClients = BuildClients(m_stStreamStatus, strAddrList, strMulticastIp);
     if (strClients.empty()) {
         LOG_INFO("h264 and preview not enable");
-        WaitForStart(*m_pGstEncJpeg);
+        WaitForStart(*m_pGstEncJpeg); /* lest the next timing starts it a second time */
         return;
     }
     if (StartH264(i_stTiming, strClients)) {
@@ -335,19 +362,21 @@ bool CEncoder::MergeStreamStatus(const STREAM_STATUS_S &i_stNew)
     }
     LOG_INFO("new stream status, h264 enable:%d gop:%d bitrate:%d, preview enable:%d height:%d "
              "refreshrate:%d",
-             i_stNew.u32H264Enable, i_stNew.u32H264Gop, i_stNew.u32H264Bitrate,
-             i_stNew.u32PrevEnable, i_stNew.u32PrevHeight, i_stNew.u32PrevRefreshrate);
+             Signed(i_stNew.u32H264Enable), Signed(i_stNew.u32H264Gop),
+             Signed(i_stNew.u32H264Bitrate), Signed(i_stNew.u32PrevEnable),
+             Signed(i_stNew.u32PrevHeight), Signed(i_stNew.u32PrevRefreshrate));
     LOG_INFO("last stream status, h264 enable:%d gop:%d bitrate:%d, preview enable:%d height:%d "
              "refreshrate:%d",
-             m_stStreamStatus.u32H264Enable, m_stStreamStatus.u32H264Gop,
-             m_stStreamStatus.u32H264Bitrate, m_stStreamStatus.u32PrevEnable,
-             m_stStreamStatus.u32PrevHeight, m_stStreamStatus.u32PrevRefreshrate);
+             Signed(m_stStreamStatus.u32H264Enable), Signed(m_stStreamStatus.u32H264Gop),
+             Signed(m_stStreamStatus.u32H264Bitrate), Signed(m_stStreamStatus.u32PrevEnable),
+             Signed(m_stStreamStatus.u32PrevHeight), Signed(m_stStreamStatus.u32PrevRefreshrate));
     LOG_INFO("switch status:%d", bSwitch ? 1 : 0);
     m_stStreamStatus = stMerged;
     LOG_INFO("newnew stream status, h264 enable:%d gop:%d bitrate:%d, preview enable:%d height:%d "
              "refreshrate:%d",
-             stMerged.u32H264Enable, stMerged.u32H264Gop, stMerged.u32H264Bitrate,
-             stMerged.u32PrevEnable, stMerged.u32PrevHeight, stMerged.u32PrevRefreshrate);
+             Signed(stMerged.u32H264Enable), Signed(stMerged.u32H264Gop),
+             Signed(stMerged.u32H264Bitrate), Signed(stMerged.u32PrevEnable),
+             Signed(stMerged.u32PrevHeight), Signed(stMerged.u32PrevRefreshrate));
     return bSwitch;
 }
 

@@ -42,7 +42,9 @@ public:
 private:
     void LogPushFail() const override;
     void CreateWorkers();
+    const std::string &QueryAddrList();
     void QueryStreamStatus();
+    void AwaitStreamStatus();
     bool StopForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32H264Started);
     void StartForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32JpegStarted);
     bool MergeStreamStatus(const STREAM_STATUS_S &i_stNew);
@@ -57,6 +59,7 @@ private:
     std::unique_ptr<CGstEnc> m_pGstEncJpeg;
     INPUT_TIMING_S m_stLastTiming;
     STREAM_STATUS_S m_stStreamStatus;
+    std::string m_strAddrList; /* as last answered */
     std::string m_strJpegCmd;
     JPEG_FILE_STATUS_S m_stJpegFileStatus;
 };

@@ -139,9 +139,9 @@ private:
  * MSG_TYPE_ASYNC queues a copy for the receiver's thread. MSG_TYPE_SYNC runs the receiver's
  * handler in the calling thread, under the process-wide running mutex; the answer is written to
  * o_pResult, whose size is the message's (see the handlers of the modules), null where no answer
- * is wanted. Returns the queue's or the handler's result; 0 for a null message, an unknown type
- * or destination, or a running mutex that stayed busy for about 2.9 s (each with an ERROR line;
- * o_pResult is then unfilled). */
+ * is wanted. Returns the queue's or the handler's result; 0 for a null message; 0 with an
+ * ERROR line for an unknown type or destination, or a running mutex that stayed busy for about
+ * 2.9 s. o_pResult is unfilled then. */
 int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
 /* Tries 30 times, 100 ms apart. 1 locked; 0 not, or a null mutex. */

@@ -30,7 +30,8 @@ std::string BuildClients(const STREAM_STATUS_S &i_stStatus, const std::string &i
                          const std::string &i_strMulticastIp)
 {
     char szClients[kClientsSize] = "";
-    /* A change request may carry any number as a flag: all but 0 is on. */
+    /* A change request may carry any number as a flag: all but 0 is on. Only a preview with 1 is
+     * restarted when it stalls. */
     const bool bH264 = i_stStatus.u32H264Enable != 0;
     const bool bPreview = i_stStatus.u32PrevEnable != 0;
     if (bH264 && !i_strAddrList.empty()) {
