@@ -18,7 +18,7 @@ as_root() {
     if [[ $(id -u) == 0 ]]; then
         "$@"
     elif command -v sudo >/dev/null; then
-        sudo --preserve-env=DEBIAN_FRONTEND "$@"
+        sudo env DEBIAN_FRONTEND="$DEBIAN_FRONTEND" "$@"
     else
         die "installing packages needs root or sudo; missing: ${MISSING[*]:-}"
     fi
@@ -30,7 +30,7 @@ need() {
     shift
     MISSING=()
     for package in "$@"; do
-        [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] ||
+        dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -x installed >/dev/null ||
             MISSING+=("$package")
     done
     ((${#MISSING[@]})) || return 0
@@ -38,10 +38,12 @@ need() {
         die "this is no Debian (no apt-get). Install by hand ($reason): ${MISSING[*]}"
     say "installing ($reason): ${MISSING[*]}"
     if [[ -z ${PACKAGE_LISTS_READ:-} ]]; then
-        as_root apt-get update -q || die "the package lists cannot be read"
+        as_root apt-get update -q ||
+            die "the package lists cannot be read as root; missing: ${MISSING[*]}"
         PACKAGE_LISTS_READ=1
     fi
-    as_root apt-get install -y -q --no-install-recommends "${MISSING[@]}" ||
+    as_root apt-get install -y -q --no-install-recommends -o DPkg::Lock::Timeout=120 \
+        "${MISSING[@]}" ||
         die "cannot install: ${MISSING[*]}"
 }
 

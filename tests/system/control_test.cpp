@@ -186,7 +186,9 @@ TEST_F(ControlTest, HostileDatagramsHarmNeitherTheStreamNorTheDaemon)
     EXPECT_EQ(m_objDaemon.Count("switch status:1"), 1);
     /* A reply may be on its way at either look. */
     EXPECT_LT(m_objDaemon.Descriptors(), u64Descriptors + 10);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) /* they keep what was freed */
     EXPECT_LT(ResidentKb(), s64Resident + 1024);
+#endif
     RecordProperty("kB", std::to_string(s64Resident) + " to " + std::to_string(ResidentKb()));
     RecordProperty("sent", s32Sent);
     EXPECT_GT(m_objDaemon.Count("boxes parse success") - s32Before, s32Sent / 2) << "was not read";
