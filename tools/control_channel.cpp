@@ -22,8 +22,9 @@ using CClock = std::chrono::steady_clock;
 
 /* The daemon's own limit on a datagram. */
 constexpr std::size_t kMaxDatagram = 4096;
-/* Another client holds the reply port for the time of its request; past this it is taken. */
-constexpr std::chrono::milliseconds kPortPatience(1000);
+/* Another client holds the reply port for the time of its request, which the daemon may take 2.9 s
+ * to answer; past this it is taken. */
+constexpr std::chrono::milliseconds kPortPatience(3500);
 constexpr std::chrono::milliseconds kPortRetry(20);
 
 class CSocketFd

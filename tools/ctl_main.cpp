@@ -140,12 +140,12 @@ private:
         }
     }
 
-    int FailSet(const ANSWER_S &i_stAnswer)
+    /* The exit code of a taken reply port promises that nothing was sent. */
+    int FailSent(const ANSWER_S &i_stAnswer)
     {
-        if (i_stAnswer.eResult == AskResult::NoAnswer) {
-            m_objErr << "mv3300ctl: the values were sent, but what became of them is unknown\n";
-        }
-        return Fail(i_stAnswer);
+        m_objErr << "mv3300ctl: the values were sent, but what became of them is unknown\n";
+        const int s32Result = Fail(i_stAnswer);
+        return s32Result == CTL_REPLY_PORT ? CTL_NO_ANSWER : s32Result;
     }
 
     static CFieldValues Selected(const CFieldValues &i_objValues,
@@ -169,7 +169,7 @@ private:
         const auto objUntil = CClock::now() + m_objTimeout;
         const ANSWER_S stBefore = Ask(i_objAsked, m_objTimeout);
         if (stBefore.eResult != AskResult::Answered) {
-            return FailSet(stBefore);
+            return stBefore.eResult == AskResult::NoAnswer ? FailSent(stBefore) : Fail(stBefore);
         }
         ANSWER_S stNow;
         do {
@@ -178,7 +178,7 @@ private:
                 std::chrono::duration_cast<CMilliseconds>(objUntil - CClock::now());
             stNow = Ask({}, std::max(objLeft, kReadBackPause));
             if (stNow.eResult != AskResult::Answered) {
-                return FailSet(stNow);
+                return FailSent(stNow);
             }
         } while (IsSetPending(i_objAsked, stNow.objValues) && CClock::now() < objUntil);
 

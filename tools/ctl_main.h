@@ -11,7 +11,7 @@
 constexpr int CTL_OK = 0;
 constexpr int CTL_NOT_TAKEN = 1;    /* a set value was refused or did not take effect */
 constexpr int CTL_USAGE = 2;        /* the command line cannot be understood */
-constexpr int CTL_NO_ANSWER = 3;    /* the daemon is not running or does not answer */
+constexpr int CTL_NO_ANSWER = 3;    /* no daemon, no answer, or what was set cannot be read back */
 constexpr int CTL_REPLY_PORT = 4;   /* the reply port is taken; nothing was sent */
 constexpr int CTL_SYSTEM_ERROR = 5; /* the system refused a socket, memory or the output */
 

@@ -110,7 +110,8 @@ std::vector<SET_RESULT_S> JudgeSet(const CFieldValues &i_objAsked, const CFieldV
         }
         SET_RESULT_S stResult = {
             i, *i_objAsked[i], i_objBefore[i].value(), i_objNow[i].value(), SetOutcome::Taken, ""};
-        if (stResult.xNow != stResult.xAsked) {
+        /* The parameter file may have put in effect what is out of range here. */
+        if (stResult.xNow != stResult.xAsked || !IsInRange(i, stResult.xAsked)) {
             Explain(stResult, bAllInRange);
         } else if (stResult.xBefore == stResult.xAsked) {
             stResult.eOutcome = SetOutcome::Already;
@@ -222,8 +223,9 @@ std::string ExplainFailure(const ANSWER_S &i_stAnswer, const CONTROL_ENDPOINT_S 
                            std::chrono::milliseconds i_objTimeout,
                            const std::optional<SInt32> &i_objHolder)
 {
-    const std::string strProcess =
-        i_objHolder ? "process " + std::to_string(*i_objHolder) + " holds " : "no process holds ";
+    const std::string strProcess = i_objHolder
+                                       ? "process " + std::to_string(*i_objHolder) + " holds "
+                                       : "no process is seen to hold ";
     const std::string strLock = strProcess + i_stEndpoint.strPidFile;
     switch (i_stAnswer.eResult) {
     case AskResult::NotRunning:
@@ -234,9 +236,9 @@ std::string ExplainFailure(const ANSWER_S &i_stAnswer, const CONTROL_ENDPOINT_S 
         return "the daemon is not running: nobody listens on " +
                Address(i_stEndpoint.u16RequestPort) + " and " + strLock;
     case AskResult::ReplyPortTaken:
-        return "the reply port " + Address(i_stEndpoint.u16ReplyPort) +
+        return "the daemon cannot be asked: the reply port " + Address(i_stEndpoint.u16ReplyPort) +
                " is taken, most likely by another reader of the daemon's replies (a management "
-               "front end?); 'ss -lunp' names it. Nothing was sent";
+               "front end, or another mv3300ctl that waits for one); 'ss -lunp' names it";
     case AskResult::NoAnswer: {
         std::string strText = "no answer within " + Seconds(i_objTimeout);
         if (i_stAnswer.bGarbled) {

@@ -99,6 +99,12 @@ TEST_F(CtlTest, SetTellsWhatWasRefusedAndWhy)
     EXPECT_EQ(objJson["fields"][0]["now"], 30);
     EXPECT_EQ(objJson["fields"][1]["outcome"], "refused");
     EXPECT_EQ(Run("set --mode vbr"), 0);
+
+    /* As from a parameter file, whose range is wider. */
+    m_objDaemon.SetValue(1, 1);
+    EXPECT_EQ(Run("set --gop 1"), 1);
+    EXPECT_EQ(m_strOut,
+              "gop          stays 1  refused: the control channel takes 2 to 120 frames\n");
 }
 
 TEST_F(CtlTest, SetThatDoesNotShowInTimeIsNotTaken)
@@ -170,7 +176,7 @@ TEST_F(CtlTest, ASilentDaemonAndItsLockAreNamed)
     EXPECT_TRUE(Told("process " + std::to_string(getpid()) + " holds ")) << m_strErr;
     close(s32Fd);
     EXPECT_EQ(Run("get --timeout 100ms", stEndpoint), 3);
-    EXPECT_TRUE(Told("no process holds ")) << m_strErr;
+    EXPECT_TRUE(Told("no process is seen to hold ")) << m_strErr;
     EXPECT_EQ(Run("set --gop 30 --timeout 100ms", stEndpoint), 3);
     EXPECT_TRUE(Told("what became of them is unknown")) << m_strErr;
     std::remove(stEndpoint.strPidFile.c_str());
@@ -203,4 +209,21 @@ TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)
     objRelease.join();
 }
 
+TEST_F(CtlTest, AReplyPortTakenAfterTheSetLeavesItsOutcomeUnknown)
+{
+    m_objDaemon.m_s32Lag = 1000;
+    const int s32Fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    std::thread objTake([this, s32Fd] {
+        const sockaddr_in stReply = Loopback(m_objDaemon.Endpoint().u16ReplyPort);
+        while (m_objDaemon.m_s32Requests == 0 ||
+               bind(s32Fd, reinterpret_cast<const sockaddr *>(&stReply), sizeof(stReply)) != 0) {
+            usleep(1000);
+        }
+    });
+    EXPECT_EQ(Run("set --gop 30 --timeout 1s"), 3) << m_strOut;
+    objTake.join();
+    close(s32Fd);
+    EXPECT_TRUE(Told("the values were sent, but what became of them is unknown")) << m_strErr;
+    EXPECT_TRUE(Told("another reader of the daemon's replies")) << m_strErr;
+}
 } // namespace
