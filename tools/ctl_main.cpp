@@ -34,8 +34,10 @@ struct OPTIONS_S {
 class CCtl
 {
 public:
-    CCtl(const CONTROL_ENDPOINT_S &i_stEndpoint, std::ostream &io_objOut, std::ostream &io_objErr)
-        : m_stEndpoint(i_stEndpoint), m_objOut(io_objOut), m_objErr(io_objErr)
+    CCtl(const CONTROL_ENDPOINT_S &i_stEndpoint, CMilliseconds i_objTimeout,
+         std::ostream &io_objOut, std::ostream &io_objErr)
+        : m_stEndpoint(i_stEndpoint), m_objOut(io_objOut), m_objErr(io_objErr),
+          m_objTimeout(i_objTimeout)
     {
     }
 
@@ -73,14 +75,12 @@ public:
 
     int Watch(const OPTIONS_S &i_stOptions)
     {
-        const auto objInterval = ParseDuration(i_stOptions.strInterval);
+        const CMilliseconds objInterval = ParseDuration(i_stOptions.strInterval).value();
         const auto objFor = ParseDuration(i_stOptions.strFor);
-        if (!objInterval || (!i_stOptions.strFor.empty() && !objFor)) {
-            return Usage("--interval and --for take a time such as 500ms, 2s or 5min");
-        }
         const auto objEnd = objFor ? CClock::now() + *objFor : CClock::time_point::max();
         CFieldValues objLast;
         AskResult eLast = AskResult::Answered;
+        int s32Result = CTL_OK;
         while (true) {
             const ANSWER_S stAnswer = Ask({}, m_objTimeout);
             const bool bAnswered = stAnswer.eResult == AskResult::Answered;
@@ -93,32 +93,26 @@ public:
                 }
                 ShowChanges(objLast, stAnswer.objValues, i_stOptions.bJson);
                 objLast = stAnswer.objValues;
+                s32Result = CTL_OK;
             } else if (stAnswer.eResult != eLast) {
-                Fail(stAnswer);
+                s32Result = Fail(stAnswer);
             }
             eLast = stAnswer.eResult;
-            if (!m_objOut || CClock::now() + *objInterval > objEnd) {
-                return CTL_OK;
+            const auto objNow = CClock::now();
+            if (!m_objOut || objNow >= objEnd) {
+                return s32Result;
             }
-            std::this_thread::sleep_for(*objInterval);
+            std::this_thread::sleep_until(std::min(objNow + objInterval, objEnd));
         }
     }
 
-    /* False if the text is no time. */
-    bool SetTimeout(const std::string &i_strTimeout, CMilliseconds i_objDefault)
-    {
-        const auto objTimeout = ParseDuration(i_strTimeout);
-        m_objTimeout = objTimeout.value_or(i_objDefault);
-        return objTimeout || i_strTimeout.empty();
-    }
-
+private:
     int Usage(const std::string &i_strError)
     {
         m_objErr << "mv3300ctl: " << i_strError << "\nTry 'mv3300ctl --help'.\n";
         return CTL_USAGE;
     }
 
-private:
     ANSWER_S Ask(const CFieldValues &i_objSets, CMilliseconds i_objTimeout) const
     {
         return AskDaemon(m_stEndpoint, kAskAll, i_objSets, i_objTimeout);
@@ -219,7 +213,7 @@ private:
     CONTROL_ENDPOINT_S m_stEndpoint;
     std::ostream &m_objOut;
     std::ostream &m_objErr;
-    CMilliseconds m_objTimeout{};
+    CMilliseconds m_objTimeout;
 };
 
 /* The daemon itself may wait 2.9 s before it answers, and a set may have to wait for two streams
@@ -230,6 +224,11 @@ constexpr CMilliseconds kSetTime(25000);
 const char *const kFooter =
     "Exit codes: 0 done, 1 a value was refused or not taken, 2 usage, 3 no answer or the daemon is "
     "not running,\n4 the reply port is taken, 5 the system refused. See mv3300ctl(1).";
+
+std::string CheckTime(const std::string &i_strText)
+{
+    return ParseDuration(i_strText) ? "" : "give a time such as 500ms, 2s or 5min";
+}
 
 void Describe(CLI::App &io_objApp, OPTIONS_S &o_stOptions)
 {
@@ -262,9 +261,11 @@ void Describe(CLI::App &io_objApp, OPTIONS_S &o_stOptions)
 
     CLI::App *pWatch = io_objApp.add_subcommand("watch", "Show the settings and every change");
     pWatch->add_option("--interval", o_stOptions.strInterval, "Between two looks (default 1s)")
-        ->type_name("TIME");
+        ->type_name("TIME")
+        ->check(CheckTime);
     pWatch->add_option("--for", o_stOptions.strFor, "End after this time (default: never)")
-        ->type_name("TIME");
+        ->type_name("TIME")
+        ->check(CheckTime);
 
     for (CLI::App *pCommand : {pGet, pSet, pWatch}) {
         pCommand->add_flag("--json", o_stOptions.bJson, "JSON instead of text, one line each");
@@ -272,7 +273,8 @@ void Describe(CLI::App &io_objApp, OPTIONS_S &o_stOptions)
             ->add_option("--timeout", o_stOptions.strTimeout,
                          "How long to wait, such as 500ms or 3s (default " +
                              std::string(pCommand == pSet ? "25s)" : "5s)"))
-            ->type_name("TIME");
+            ->type_name("TIME")
+            ->check(CheckTime);
     }
 }
 } // namespace
@@ -283,19 +285,19 @@ int RunCtl(int i_s32Argc, const char *const *i_pArgv, const CONTROL_ENDPOINT_S &
     CLI::App objApp("Shows and changes the settings of the running mv3300d.", "mv3300ctl");
     OPTIONS_S stOptions;
     Describe(objApp, stOptions);
+    int s32Result = CTL_OK;
     try {
         objApp.parse(i_s32Argc, i_pArgv);
+        const bool bSet = objApp.got_subcommand("set");
+        const auto objTimeout = ParseDuration(stOptions.strTimeout);
+        CCtl objCtl(i_stEndpoint, objTimeout.value_or(bSet ? kSetTime : kAnswerTime), io_objOut,
+                    io_objErr);
+        s32Result = bSet                             ? objCtl.Set(stOptions)
+                    : objApp.got_subcommand("watch") ? objCtl.Watch(stOptions)
+                                                     : objCtl.Get(stOptions);
     } catch (const CLI::ParseError &objError) {
-        return objApp.exit(objError, io_objOut, io_objErr) == 0 ? CTL_OK : CTL_USAGE;
+        s32Result = objApp.exit(objError, io_objOut, io_objErr) == 0 ? CTL_OK : CTL_USAGE;
     }
-    CCtl objCtl(i_stEndpoint, io_objOut, io_objErr);
-    const bool bSet = objApp.got_subcommand("set");
-    if (!objCtl.SetTimeout(stOptions.strTimeout, bSet ? kSetTime : kAnswerTime)) {
-        return objCtl.Usage("--timeout takes a time such as 500ms or 3s");
-    }
-    const int s32Result = bSet                             ? objCtl.Set(stOptions)
-                          : objApp.got_subcommand("watch") ? objCtl.Watch(stOptions)
-                                                           : objCtl.Get(stOptions);
     io_objOut.flush();
     if (!io_objOut) {
         io_objErr << "mv3300ctl: the output cannot be written\n";

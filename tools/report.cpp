@@ -15,6 +15,7 @@ using CJson = nlohmann::ordered_json;
 
 const char *const kNotCarried =
     "the daemon reads the mode but does not pass it on; it stays as it is in the parameter file";
+const char *const kNotApplied = ", but only kept: the preview comes at the rate of the stream";
 const char *const kDroppedAlong =
     "another value is out of its range, and the daemon then drops the whole request";
 const char *const kNotReported =
@@ -166,7 +167,8 @@ std::string FormatSet(const std::vector<SET_RESULT_S> &i_objResults)
         const std::string strNow = FormatField(stResult.u64Field, stResult.xNow);
         strText += Name(stResult.u64Field);
         if (stResult.eOutcome == SetOutcome::Taken) {
-            strText += Arrow(stResult.u64Field, stResult.xBefore, stResult.xNow) + "  taken\n";
+            strText += Arrow(stResult.u64Field, stResult.xBefore, stResult.xNow) + "  taken" +
+                       (stResult.u64Field == STREAM_FIELD_REFRESHRATE ? kNotApplied : "") + "\n";
         } else if (stResult.eOutcome == SetOutcome::Already) {
             strText += strNow + "  already so\n";
         } else {

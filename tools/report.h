@@ -45,7 +45,8 @@ std::string FormatJson(const CFieldValues &i_objValues);
 /* A line per field: "gop  60 -> 30  taken". */
 std::string FormatSet(const std::vector<SET_RESULT_S> &i_objResults);
 /* One line: {"ok":false,"fields":[{"field":"gop","asked":1,"before":60,"now":60,
- * "outcome":"refused","reason":"..."}]}. */
+ * "outcome":"refused","reason":"..."}]}. The outcomes are "taken", "already so", "refused" and "not
+ * taken"; the last two have a reason. */
 std::string FormatSetJson(const std::vector<SET_RESULT_S> &i_objResults);
 
 /* What differs, as table lines "gop  60 -> 30". */

@@ -13,11 +13,12 @@
 const std::array<STREAM_FIELD_S, STREAM_FIELD_COUNT> STREAM_FIELDS = {{
     {"h264", FieldKind::Flag, 0, 1, "", "the H.264 stream: on or off"},
     {"gop", FieldKind::Number, 2, 120, "frames", "frames from one key frame to the next"},
-    {"mode", FieldKind::Mode, 0, 0, "", "rate control: cbr or vbr"},
+    {"mode", FieldKind::Mode, 0, 0, "", "rate control: cbr or vbr (has no effect)"},
     {"bitrate", FieldKind::Number, 100000, 10000000, "bit/s", "bit rate, such as 2M or 1500k"},
     {"preview", FieldKind::Flag, 0, 1, "", "the preview pictures: on or off"},
     {"height", FieldKind::Number, 270, 1080, "lines", "height of the preview pictures"},
-    {"refreshrate", FieldKind::Number, 1, 10, "pictures/s", "preview pictures per second"},
+    {"refreshrate", FieldKind::Number, 1, 10, "pictures/s",
+     "preview pictures per second (kept, not applied)"},
 }};
 
 namespace

@@ -17,6 +17,7 @@
 constexpr std::size_t STREAM_FIELD_COUNT = 7;
 constexpr std::size_t STREAM_FIELD_H264 = 0;
 constexpr std::size_t STREAM_FIELD_MODE = 2;
+constexpr std::size_t STREAM_FIELD_REFRESHRATE = 6;
 
 enum class FieldKind { Flag, Number, Mode };
 

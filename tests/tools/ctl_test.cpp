@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -26,7 +27,7 @@ protected:
         std::vector<std::string> strWords = {"mv3300ctl"};
         std::istringstream objLine(i_strLine);
         for (std::string strWord; objLine >> strWord;) {
-            strWords.push_back(strWord);
+            strWords.push_back(strWord == "''" ? "" : strWord);
         }
         std::vector<const char *> pWords;
         for (const std::string &strWord : strWords) {
@@ -71,10 +72,12 @@ TEST_F(CtlTest, GetShowsTheSettings)
 TEST_F(CtlTest, SetTellsWhatTookEffectOnceItDid)
 {
     m_objDaemon.m_s32Lag = 3;
-    EXPECT_EQ(Run("set --bitrate 2M --gop 60 --preview off"), 0);
+    EXPECT_EQ(Run("set --bitrate 2M --gop 60 --preview off --refreshrate 5"), 0);
     EXPECT_EQ(m_strOut, "gop          60  already so\n"
                         "bitrate      1M -> 2M  taken\n"
-                        "preview      on -> off  taken\n");
+                        "preview      on -> off  taken\n"
+                        "refreshrate  1 -> 5  taken, but only kept: the preview comes at the rate "
+                        "of the stream\n");
     EXPECT_EQ(m_objDaemon.Value(3), 2000000);
     EXPECT_EQ(m_objDaemon.Value(4), 0);
 }
@@ -121,7 +124,8 @@ TEST_F(CtlTest, UsageErrorsSendNothing)
     for (const char *pLine :
          {"", "put", "get nothing", "get --json=x=y", "set", "set --gop", "set --gop ten",
           "set --gop -1", "set --gop 5 --gop 6", "set --bitrate 2G", "set --mode abr",
-          "set --h264 maybe", "set 30", "get --timeout 0", "watch --interval never"}) {
+          "set --h264 maybe", "set 30", "get --timeout 0", "get --timeout ''",
+          "watch --interval never", "watch --for ''"}) {
         EXPECT_EQ(Run(pLine), 2) << pLine;
         EXPECT_NE(m_strErr, "") << pLine;
         EXPECT_EQ(m_strOut, "") << pLine;
@@ -129,6 +133,11 @@ TEST_F(CtlTest, UsageErrorsSendNothing)
     EXPECT_EQ(m_objDaemon.m_s32Requests, 0);
     EXPECT_EQ(Run("--help"), 0);
     EXPECT_NE(m_strOut.find("Exit codes"), std::string::npos);
+
+    const char *pHelp[] = {"mv3300ctl", "--help"};
+    std::ofstream objFull("/dev/full");
+    std::ostringstream objErr;
+    EXPECT_EQ(RunCtl(2, pHelp, m_objDaemon.Endpoint(), objFull, objErr), 5);
 }
 
 TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
@@ -152,6 +161,13 @@ TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
     EXPECT_FALSE(std::getline(objLines, strThird)) << strThird;
 }
 
+TEST_F(CtlTest, WatchEndsInTimeWithALastLookThatCounts)
+{
+    m_objDaemon.m_s32Answers = 1;
+    EXPECT_EQ(Run("watch --interval 60s --for 500ms --timeout 1s"), 3);
+    EXPECT_EQ(m_objDaemon.m_s32Requests, 2);
+}
+
 TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
 {
     CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
@@ -170,7 +186,7 @@ TEST_F(CtlTest, ASilentDaemonAndItsLockAreNamed)
     stEndpoint.strPidFile = testing::TempDir() + "mv3300ctl_test.pid";
     const int s32Fd = open(stEndpoint.strPidFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(s32Fd, LOCK_EX | LOCK_NB), 0);
-    m_objDaemon.m_bSilent = true;
+    m_objDaemon.m_s32Answers = 0;
     EXPECT_EQ(Run("get --timeout 100ms", stEndpoint), 3);
     EXPECT_TRUE(Told("no answer within 0.1 s")) << m_strErr;
     EXPECT_TRUE(Told("process " + std::to_string(getpid()) + " holds ")) << m_strErr;

@@ -78,7 +78,7 @@ void CFakeDaemon::Handle(const std::string &i_strRequest)
     const std::lock_guard objLock(m_objMutex);
     tlv_box *pOuter = tlv_box_parse(i_strRequest.data(), static_cast<int>(i_strRequest.size()));
     tlv_box *pNested = nullptr;
-    if (m_bSilent || tlv_box_get_object(pOuter, 4, &pNested) != 0) {
+    if (m_s32Requests > m_s32Answers || tlv_box_get_object(pOuter, 4, &pNested) != 0) {
         tlv_box_destroy(pOuter);
         return;
     }

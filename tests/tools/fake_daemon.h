@@ -27,8 +27,8 @@ public:
     /* Sends these bytes ahead of every reply. */
     void SendBeforeReply(const std::string &i_strBytes);
 
-    /* Answers nothing. */
-    std::atomic<bool> m_bSilent{false};
+    /* Only the first so many requests are answered. */
+    std::atomic<int> m_s32Answers{1000000};
     /* A set shows only after this many further requests, as when the stream is restarting. */
     std::atomic<int> m_s32Lag{0};
     std::atomic<int> m_s32Requests{0};
