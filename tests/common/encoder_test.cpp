@@ -98,12 +98,15 @@ protected:
         gst_object_unref(pPreview);
         moved_time::DivideSleeps(5);
         fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *o_pResult) {
-            if (i_stMsg.msgno == MSG_GET_ADDR_LIST) {
+            if (!m_bAnswers) {
+                return 0;
+            }
+            if (i_stMsg.msgno == MSG_GET_ADDR_LIST && m_s32Unread <= 0) {
                 memcpy(o_pResult, m_strAddrList.c_str(), m_strAddrList.size() + 1);
-            } else if (i_stMsg.msgno == MSG_GET_STREAM_STATUS && m_bAnswers) {
+            } else if (i_stMsg.msgno == MSG_GET_STREAM_STATUS && m_s32Unread-- <= 0) {
                 memcpy(o_pResult, &m_stConfigured, sizeof(m_stConfigured));
             }
-            return m_bAnswers ? 1 : 0;
+            return 1;
         });
     }
 
@@ -127,6 +130,7 @@ protected:
     std::string m_strAddrList = "127.0.0.1:9";
     STREAM_STATUS_S m_stConfigured = Status(1, 1);
     bool m_bAnswers = true;
+    int m_s32Unread = 0; /* questions for the settings before the parameter file has been read */
     CEncoder m_objEncoder;
 };
 
@@ -142,9 +146,12 @@ TEST_F(EncoderTest, PlainStartNeedsAnAddressList)
     EXPECT_TRUE(m_objLog.WaitFor("INFO gst cmd [v4l2src ! video/x-raw ! "));
 }
 
-TEST_F(EncoderTest, ATimingBeforeTheFirstMessageMakesTheWorkers)
+TEST_F(EncoderTest, ATimingBeforeTheFirstMessageMakesTheWorkersAndAwaitsTheSettings)
 {
+    m_s32Unread = 3;
     EXPECT_EQ(Timing(1920, 1080, 60), 1);
+    EXPECT_TRUE(m_objLog.Has("width=1280,height=720"));
+    EXPECT_TRUE(m_objLog.Has("INFO addr list: 127.0.0.1:9,127.0.0.1:12350 --["));
     EXPECT_EQ(m_objLog.Count("start gst enc thread --["), 1);
     EXPECT_TRUE(m_objLog.Has("INFO gstreamer start ok --["));
     EXPECT_EQ(Send(MSG_INIT, 0), 1);
@@ -162,10 +169,12 @@ TEST_F(EncoderTest, BothOffStillStartsAnIdlePreview)
 
 TEST_F(EncoderTest, AConfigurationThatDoesNotAnswerKeepsTheLastSettings)
 {
-    EXPECT_EQ(Send(MSG_INIT, 0), 1);
-    m_bAnswers = false;
     EXPECT_EQ(Timing(1920, 1080, 60), 1);
+    m_bAnswers = false;
+    m_objLog.Clear();
+    EXPECT_EQ(Timing(1280, 720, 60), 1);
     EXPECT_TRUE(m_objLog.Has("bitrate=1000 gop-size=60"));
+    EXPECT_TRUE(m_objLog.Has("INFO addr list: 127.0.0.1:9,127.0.0.1:12350 --["));
 }
 
 struct SWITCH_CASE_S {
