@@ -207,7 +207,7 @@ TEST_F(GstObjTest, AStopDuringABuildWaitsForTheLoop)
     held_build::Hold();
     CRun objRun(&m_objRunner, kEndless);
     held_build::WaitUntilHeld();
-    moved_time::DivideSleeps(10);
+    moved_time::DivideSleeps(2);
     std::thread objStopper([&] { EXPECT_EQ(m_objRunner.HandleStopMsgEnc(nullptr, nullptr), 1); });
     EXPECT_TRUE(m_objLog.WaitFor("wait pLoop to run in [gst-h264]", 2));
     held_build::Release();

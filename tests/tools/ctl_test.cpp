@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/support/loopback.h"
+#include "tests/support/wait_until.h"
 #include "tests/tools/fake_daemon.h"
 #include "tools/ctl_main.h"
 
@@ -113,7 +114,7 @@ TEST_F(CtlTest, SetTellsWhatWasRefusedAndWhy)
 TEST_F(CtlTest, SetThatDoesNotShowInTimeIsNotTaken)
 {
     m_objDaemon.m_s32Lag = 1000;
-    EXPECT_EQ(Run("set --gop 30 --timeout 500ms"), 1);
+    EXPECT_EQ(Run("set --gop 30 --timeout 2s"), 1);
     EXPECT_EQ(
         m_strOut.rfind("gop          stays 60  not taken: the daemon does not report it yet", 0),
         0U);
@@ -143,12 +144,10 @@ TEST_F(CtlTest, UsageErrorsSendNothing)
 TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
 {
     std::thread objChange([this] {
-        while (m_objDaemon.m_s32Requests < 2) {
-            usleep(1000);
-        }
+        EXPECT_TRUE(WaitUntil([this] { return m_objDaemon.m_s32Requests >= 2; }));
         m_objDaemon.SetValue(1, 30);
     });
-    EXPECT_EQ(Run("watch --json --interval 20ms --for 1s"), 0);
+    EXPECT_EQ(Run("watch --json --interval 20ms --for 5s"), 0);
     objChange.join();
     std::istringstream objLines(m_strOut);
     std::string strFirst;
@@ -183,7 +182,7 @@ TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
 TEST_F(CtlTest, ASilentDaemonAndItsLockAreNamed)
 {
     CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
-    stEndpoint.strPidFile = testing::TempDir() + "mv3300ctl_test.pid";
+    stEndpoint.strPidFile = testing::TempDir() + "mv3300ctl_test." + std::to_string(getpid());
     const int s32Fd = open(stEndpoint.strPidFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(s32Fd, LOCK_EX | LOCK_NB), 0);
     m_objDaemon.m_s32Answers = 0;
