@@ -20,6 +20,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/moved_time.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define MV3300_SANITIZED 1
@@ -100,14 +101,8 @@ protected:
     /* False if the worker has not taken the start after half a minute: the run before hangs. */
     bool WaitUntilTaken()
     {
-        auto objLimit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (m_pWorker->GetStartStatus() != 1) {
-            if (std::chrono::steady_clock::now() > objLimit) {
-                return false;
-            }
-            std::this_thread::yield();
-        }
-        return true;
+        return WaitUntil([this] { return m_pWorker->GetStartStatus() == 1; },
+                         std::chrono::seconds(30), std::chrono::microseconds(0));
     }
 
     /* With the worker idle and the threads of past pipelines gone. */

@@ -73,7 +73,6 @@ TEST(RunningMutexTest, GivesUpAfterThirtyTries)
         EXPECT_TRUE(WaitUntil([&] { return bDone.load(); }));
     });
     EXPECT_TRUE(WaitUntil([&] { return bHeld.load(); }));
-    moved_time::Reset();
     moved_time::DivideSleeps(100);
     EXPECT_EQ(GetRunningMutex(&objMutex), 0);
     EXPECT_EQ(moved_time::SleptMicroseconds(), 2900000U);

@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <cstdlib>
 #include <set>
 
 #include <arpa/inet.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include "framework/socketutils.h"
 #include "tests/support/private_net.h"
@@ -51,20 +48,6 @@ TEST(SocketUtilsTest, MulticastRange)
     }
 }
 
-/* Gives the loopback interface the address 10.0.0.<number> under a label of its own. */
-void AddAddress(int i_s32Number)
-{
-    struct ifreq stRequest = {};
-    snprintf(stRequest.ifr_name, sizeof(stRequest.ifr_name), "lo:%d", i_s32Number);
-    struct sockaddr_in stAddr = {};
-    stAddr.sin_family = AF_INET;
-    stAddr.sin_addr.s_addr = htonl(0x0A000000U + static_cast<UInt32>(i_s32Number));
-    memcpy(&stRequest.ifr_addr, &stAddr, sizeof(stAddr));
-    int s32Socket = socket(AF_INET, SOCK_DGRAM, 0);
-    EXPECT_EQ(ioctl(s32Socket, SIOCSIFADDR, &stRequest), 0) << strerror(errno);
-    close(s32Socket);
-}
-
 class CAddrTableTest : public CPrivateNetTest, public testing::WithParamInterface<int>
 {
 };
@@ -74,7 +57,9 @@ TEST_P(CAddrTableTest, HoldsTheHostsAddressesLoopbackNotFirst)
 {
     int s32Added = GetParam();
     for (int i = 1; i <= s32Added; i++) {
-        AddAddress(i);
+        const std::string strNumber = std::to_string(i);
+        const std::string strCommand = "ip addr add 10.0.0." + strNumber + " dev lo";
+        ASSERT_EQ(system((strCommand + " label lo:" + strNumber).c_str()), 0);
     }
     CSocketUtils::Initialize(false);
     CSocketUtils::Initialize(false);
@@ -96,7 +81,7 @@ TEST_P(CAddrTableTest, HoldsTheHostsAddressesLoopbackNotFirst)
     EXPECT_DEATH(CSocketUtils::GetIPAddr(u32Expected), "i_u32AddrIndex < s_u32NumIPAddrs");
     EXPECT_DEATH(CSocketUtils::GetDNSNameStr(u32Expected), "i_u32DNSIndex < s_u32NumIPAddrs");
 }
-INSTANTIATE_TEST_SUITE_P(Addresses, CAddrTableTest, testing::Values(0, 1, 49, 50, 51, 60));
+INSTANTIATE_TEST_SUITE_P(Addresses, CAddrTableTest, testing::Values(0, 1, 50, 60));
 
 TEST(SocketUtilsDeathTest, NoTable)
 {

@@ -48,11 +48,7 @@ class CTimersTest : public testing::Test
 {
 protected:
     CTimersTest() { CIdleTask::Initialize(); }
-    ~CTimersTest() override
-    {
-        CTaskThreadPool::RemoveThreads();
-        moved_time::Reset();
-    }
+    ~CTimersTest() override { CTaskThreadPool::RemoveThreads(); }
 
     /* Has the idle thread look at its timers, and waits for what it signals to have run. */
     static void PokeIdleThread()

@@ -18,7 +18,6 @@ public:
     mutable std::mutex m_objMutex;
     mutable std::condition_variable m_objCond;
     std::vector<std::string> m_strLines;
-    std::vector<std::string> m_strThreads; /* of each line */
 
 protected:
     void _append(const log4cpp::LoggingEvent &i_objEvent) override
@@ -26,9 +25,8 @@ protected:
         char szThread[16] = "";
         prctl(PR_GET_NAME, szThread);
         std::lock_guard objLock(m_objMutex);
-        m_strThreads.emplace_back(szThread);
         m_strLines.push_back(log4cpp::Priority::getPriorityName(i_objEvent.priority) + " " +
-                             i_objEvent.message);
+                             i_objEvent.message + " @" + szThread);
         m_objCond.notify_all();
     }
 };
@@ -79,23 +77,8 @@ bool CLogCapture::WaitFor(const std::string &i_strText, int i_s32Count,
     });
 }
 
-std::set<std::string> CLogCapture::Threads(const std::string &i_strText,
-                                           const std::string &i_strToo) const
-{
-    std::lock_guard objLock(m_pAppender->m_objMutex);
-    std::set<std::string> strNames;
-    for (std::size_t i = 0; i < m_pAppender->m_strLines.size(); i++) {
-        const std::string &strLine = m_pAppender->m_strLines[i];
-        if (strLine.find(i_strText) != strLine.npos && strLine.find(i_strToo) != strLine.npos) {
-            strNames.insert(m_pAppender->m_strThreads[i]);
-        }
-    }
-    return strNames;
-}
-
 void CLogCapture::Clear()
 {
     std::lock_guard objLock(m_pAppender->m_objMutex);
     m_pAppender->m_strLines.clear();
-    m_pAppender->m_strThreads.clear();
 }

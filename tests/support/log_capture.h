@@ -2,12 +2,12 @@
  * Collects the lines that the code under test logs, as they come.
  *
  * While one lives it is the only appender of the category and every level is on. Lines hold the
- * priority, a blank and the message, for example "INFO multicast ip : 234.29.78.95  --[...]".
+ * priority, the message and the thread, for example
+ * "INFO multicast ip : 234.29.78.95  --[...] @gst-h264".
  */
 #pragma once
 
 #include <chrono>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -28,8 +28,6 @@ public:
     /* Waits until at least i_s32Count lines contain the text; false after the limit. */
     bool WaitFor(const std::string &i_strText, int i_s32Count = 1,
                  std::chrono::milliseconds i_objLimit = std::chrono::seconds(20)) const;
-    /* Names of the threads that logged lines which contain both texts. */
-    std::set<std::string> Threads(const std::string &i_strText, const std::string &i_strToo) const;
     void Clear();
 
 private:

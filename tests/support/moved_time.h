@@ -20,6 +20,4 @@ void Advance(std::int64_t i_s64Milliseconds);
 std::uint64_t SleptMicroseconds();
 /* What the latest pthread_cond_timedwait() had before it when it was called, in microseconds. */
 std::int64_t LeftOfLastWait();
-/* Back to the system's time and sleeps; also forgets what was slept. */
-void Reset();
 } // namespace moved_time
