@@ -11,12 +11,23 @@
 
 namespace
 {
+using CParams = std::vector<std::pair<std::string, std::string>>;
+
+CParams Numbers(const char *i_pGop, const char *i_pBitrate, const char *i_pHeight,
+                const char *i_pRefreshrate)
+{
+    return {{"h264_stream_gop", i_pGop},
+            {"h264_stream_bitrate", i_pBitrate},
+            {"preview_stream_height", i_pHeight},
+            {"preview_stream_refreshrate", i_pRefreshrate}};
+}
+
 class ConfigTest : public testing::Test
 {
 protected:
     ConfigTest() : m_strPath(m_objDir.Path("param.xml")), m_objConfig(m_strPath.c_str()) {}
 
-    void WriteParams(const std::vector<std::pair<std::string, std::string>> &i_strParams)
+    void WriteParams(const CParams &i_strParams)
     {
         std::string strText = "<CONFIGURATION><CHANNEL_1>";
         for (const auto &[strName, strValue] : i_strParams) {
@@ -50,18 +61,16 @@ protected:
         return stStatus;
     }
 
-    int SetStatus(const STREAM_STATUS_S &i_stStatus)
+    int Set(UInt32 i_u32MsgNo, const void *i_pData, std::size_t i_u64Size)
     {
-        MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 0, 513);
-        memcpy(stMsg.payload, &i_stStatus, sizeof(i_stStatus));
+        MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 0, i_u32MsgNo);
+        memcpy(stMsg.payload, i_pData, i_u64Size);
         return m_objConfig.HandleMsg(&stMsg, nullptr);
     }
-
+    int SetStatus(const STREAM_STATUS_S &i_stStatus) { return Set(513, &i_stStatus, 60); }
     int SetSrcDeviceId(const std::string &i_strId)
     {
-        MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 0, 514);
-        memcpy(stMsg.payload, i_strId.data(), i_strId.size());
-        return m_objConfig.HandleMsg(&stMsg, nullptr);
+        return Set(514, i_strId.data(), i_strId.size());
     }
 
     CLogCapture m_objLog;
@@ -100,40 +109,27 @@ TEST_F(ConfigTest, ReadingTellsWhetherTheConfigurationChanged)
 
 TEST_F(ConfigTest, TextsBecomeValuesInTheirRanges)
 {
+    constexpr char kDefaults[] = "2: 1 60 vbr 1000000, 1 720 1";
     const struct {
-        const char *pName;
-        const char *pText;
+        CParams objParams;
         const char *pStatus;
     } stCases[] = {
-        {"h264_stream_enable", "TRUE", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_enable", "1", "2: 0 60 vbr 1000000, 1 720 1"},
-        {"preview_stream_enable", "true ", "2: 1 60 vbr 1000000, 0 720 1"},
-        {"h264_stream_gop", "1", "2: 1 1 vbr 1000000, 1 720 1"},
-        {"h264_stream_gop", "65535", "2: 1 65535 vbr 1000000, 1 720 1"},
-        {"h264_stream_gop", "0", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_gop", "65536", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_gop", " 25fps", "2: 1 25 vbr 1000000, 1 720 1"},
-        {"h264_stream_gop", "fast", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_gop", "4294967326", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_gop", "99999999999999999999999", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_mode", "CBR", "2: 1 60 cbr 1000000, 1 720 1"},
-        {"h264_stream_mode", "Vbr", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_mode", "cbr2", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_bitrate", "100000", "2: 1 60 vbr 100000, 1 720 1"},
-        {"h264_stream_bitrate", "99999", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"h264_stream_bitrate", "10000000", "2: 1 60 vbr 10000000, 1 720 1"},
-        {"h264_stream_bitrate", "10000001", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"preview_stream_height", "270", "2: 1 60 vbr 1000000, 1 270 1"},
-        {"preview_stream_height", "269", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"preview_stream_height", "1080", "2: 1 60 vbr 1000000, 1 1080 1"},
-        {"preview_stream_height", "1081", "2: 1 60 vbr 1000000, 1 720 1"},
-        {"preview_stream_refreshrate", "10", "2: 1 60 vbr 1000000, 1 720 10"},
-        {"preview_stream_refreshrate", "11", "2: 1 60 vbr 1000000, 1 720 1"},
+        {Numbers("1", "100000", "270", "1"), "2: 1 1 vbr 100000, 1 270 1"},
+        {Numbers("0", "99999", "269", "0"), kDefaults},
+        {Numbers("65535", "10000000", "1080", "10"), "2: 1 65535 vbr 10000000, 1 1080 10"},
+        {Numbers("65536", "10000001", "1081", "11"), kDefaults},
+        {Numbers("4294967326", "fast", " 480p", "99999999999999999999999"),
+         "2: 1 60 vbr 1000000, 1 480 1"},
+        {{{"h264_stream_enable", "TRUE"}, {"preview_stream_enable", "true "}},
+         "2: 1 60 vbr 1000000, 0 720 1"},
+        {{{"h264_stream_enable", "1"}, {"h264_stream_mode", "CBR"}},
+         "2: 0 60 cbr 1000000, 1 720 1"},
+        {{{"h264_stream_mode", "cbr2"}}, kDefaults},
     };
     for (const auto &stCase : stCases) {
-        WriteParams({{stCase.pName, stCase.pText}});
+        WriteParams(stCase.objParams);
         Read();
-        EXPECT_EQ(Show(GetStatus()), stCase.pStatus) << stCase.pName << "=" << stCase.pText;
+        EXPECT_EQ(Show(GetStatus()), stCase.pStatus);
     }
     EXPECT_TRUE(m_objLog.Has("WARN HandleReadConfigMsg h264_stream_gop <65536> is not in"));
 }
@@ -191,11 +187,7 @@ TEST_F(ConfigTest, GettersAnswerInTheBufferOrByAMessage)
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, nullptr), 1);
         const std::vector<MSG_DESC_INFO_S> stSent = fake_router::Sent(stCase.u32MsgNo);
         ASSERT_EQ(stSent.size(), 1U);
-        MSG_DESC_INFO_S stExpected = {};
-        stExpected.msgtype = 1;
-        stExpected.src = 0;
-        stExpected.dst = 12;
-        stExpected.msgno = stCase.u32MsgNo;
+        MSG_DESC_INFO_S stExpected = MakeMsg(1, 0, 12, stCase.u32MsgNo);
         memcpy(stExpected.payload, strResult.data(), stCase.u64Size);
         EXPECT_EQ(memcmp(&stSent[0], &stExpected, sizeof(stExpected)), 0) << stCase.u32MsgNo;
     }
@@ -225,16 +217,9 @@ TEST_F(ConfigTest, StatusChangesAreTakenFieldByField)
          "2: 0 60 cbr 2000000, 1 480 1"},
     };
     for (const auto &stCase : stCases) {
-        CConfig objFresh(m_strPath.c_str());
-        MSG_DESC_INFO_S stMsg = MakeMsg(1, 0, 0, 256);
-        EXPECT_EQ(objFresh.HandleMsg(&stMsg, nullptr), 1);
-        stMsg = MakeMsg(1, 2, 0, 513);
-        memcpy(stMsg.payload, &stCase.stSet, sizeof(stCase.stSet));
-        EXPECT_EQ(objFresh.HandleMsg(&stMsg, nullptr), 1);
-        stMsg = MakeMsg(0, 2, 0, 259);
-        STREAM_STATUS_S stGot = {};
-        EXPECT_EQ(objFresh.HandleMsg(&stMsg, &stGot), 1);
-        EXPECT_EQ(Show(stGot), stCase.pStatus) << stCase.pRule;
+        Read();
+        EXPECT_EQ(SetStatus(stCase.stSet), 1);
+        EXPECT_EQ(Show(GetStatus()), stCase.pStatus) << stCase.pRule;
     }
     EXPECT_TRUE(m_objLog.Has("INFO set stream status --["));
 }
