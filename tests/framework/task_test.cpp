@@ -344,15 +344,3 @@ TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
     CTaskThreadPool::RemoveThreads();
     EXPECT_EQ(objTask.m_s32Runs, 0);
 }
-
-TEST(TaskThreadPoolDeathTest, PoolsAreMadeOnce)
-{
-    EXPECT_DEATH(CTaskThreadPool::GetThread(0, 0), "`s_pNumTaskThreads != NULL'");
-    EXPECT_DEATH(CTaskThreadPool::AddThreads(0, 1, 0, 0), "`s_pTaskThreadArray != NULL'");
-    CTaskThreadPool::AddThreadPools(1);
-    EXPECT_DEATH(CTaskThreadPool::AddThreadPools(1), "`s_pTaskThreadArray == NULL'");
-    CTaskThreadPool::AddThreads(1);
-    EXPECT_DEATH(CTaskThreadPool::AddThreads(1), "`s_pTaskThreadArray.i_u32PoolID. == NULL'");
-    CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(CTaskThreadPool::GetThread(0, 0), nullptr);
-}

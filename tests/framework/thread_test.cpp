@@ -82,25 +82,6 @@ TEST(CondTest, TimeoutsAreCoarsened)
     }
 }
 
-TEST(CondTest, ASignalEndsAWaitWithoutLimitAndTheMutexIsHeldAgain)
-{
-    CMutex objMutex;
-    CCond objCond;
-    bool bReady = false;
-    objMutex.Lock();
-    CRunner objSignaller([&] {
-        CMutexLocker objLocker(&objMutex);
-        bReady = true;
-        objCond.Signal();
-    });
-    objSignaller.Start();
-    while (!bReady) {
-        objCond.Wait(&objMutex, 0);
-    }
-    RunOnThread([&] { EXPECT_FALSE(objMutex.TryLock()); });
-    objMutex.Unlock();
-}
-
 TEST(MutexRWTest, ReadersShareAndWaitingWritersGoFirst)
 {
     CMutexRW objLock;
@@ -150,7 +131,6 @@ TEST(ThreadTest, StopRequestNameAndCurrent)
     EXPECT_STREQ(szName, "encoder");
     EXPECT_TRUE(objRunner.ResetStopRequest());
     EXPECT_FALSE(objRunner.IsStopRequested());
-    EXPECT_TRUE(CThread::SwitchPersonality());
     objRunner.StopAndWaitForThread();
     CRunner objNeverStarted([] {});
 }

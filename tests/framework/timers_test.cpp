@@ -179,17 +179,3 @@ TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
     objYounger.SetTimeout(std::numeric_limits<SInt64>::max());
     EXPECT_EQ(objLooker.Run(), 1000);
 }
-
-TEST(TimersDeathTest, NothingWorksBeforeTheServicesAre)
-{
-    EXPECT_DEATH({ CCountingTask objTask; }, "`s_pIdleThread != NULL'");
-    EXPECT_DEATH(CTimeoutTask(nullptr, 0, 0), "`s_pThread != NULL'");
-    EXPECT_DEATH(
-        {
-            CIdleTask::Initialize();
-            CCountingTask objTask;
-            CIdleTaskThread objOther;
-            objOther.SetIdleTimer(&objTask, 1000);
-        },
-        "`m_objIdleHeap.CurrentHeapSize.. == 0'");
-}
