@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include <malloc.h>
@@ -113,7 +114,7 @@ protected:
     {
         MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, 0, MODULE_ENCODER, i_u32MsgNo);
         memcpy(stMsg.payload, &i_stRecord, sizeof(i_stRecord));
-        return m_objEncoder.HandleMsg(&stMsg, nullptr);
+        return m_pEncoder->HandleMsg(&stMsg, nullptr);
     }
     int Timing(SInt32 i_s32Width, SInt32 i_s32Height, SInt32 i_s32Fps, SInt32 i_s32Interlaced = 0)
     {
@@ -130,7 +131,7 @@ protected:
     STREAM_STATUS_S m_stConfigured = Status(1, 1);
     bool m_bAnswers = true;
     int m_s32Unread = 0; /* questions for the settings before the parameter file has been read */
-    CEncoder m_objEncoder;
+    std::unique_ptr<CEncoder> m_pEncoder = std::make_unique<CEncoder>();
 };
 
 TEST_F(EncoderTest, PlainStartNeedsAnAddressList)
@@ -176,63 +177,53 @@ TEST_F(EncoderTest, AConfigurationThatDoesNotAnswerKeepsTheLastSettings)
     EXPECT_TRUE(m_objLog.Has("INFO addr list: 127.0.0.1:9,127.0.0.1:12350 --["));
 }
 
-struct SWITCH_CASE_S {
-    const char *pName;
-    STREAM_STATUS_S stRequest;
-    int s32Switch;
-    const char *pClients; /* null: no H.264 start */
-    const char *pInH264;
-    const char *pInJpeg; /* null: no preview start */
-};
-
-void PrintTo(const SWITCH_CASE_S &i_stCase, std::ostream *o_pStream)
+TEST_F(EncoderTest, ASwitchRebuildsBothPipelinesFromWhatChanged)
 {
-    *o_pStream << i_stCase.pName;
-}
+    constexpr char kBoth[] = "127.0.0.1:9,127.0.0.1:12350";
+    constexpr char kHd[] = "width=1280,height=720";
+    const struct {
+        STREAM_STATUS_S stRequest;
+        int s32Switch;
+        const char *pClients; /* null: no H.264 start */
+        const char *pInH264;
+        const char *pInJpeg; /* null: no preview start */
+    } stCases[] = {
+        {{0, kNo, kNo, "cbr", kNo, kNo, kNo, kNo}, 0, nullptr, "", nullptr},
+        {{3, 0, 2, "", 200000, 0, 300, 2}, 0, nullptr, "", nullptr},
+        {{0, kNo, 30, "", 2500000, 0, 300, kNo}, 1, kBoth, "bitrate=2500 gop-size=30", kHd},
+        {{1, 0, 2, "", 200000, kNo, 540, kNo}, 1, kBoth, "=1000 gop-size=60", "=960,"},
+        {{0, 0, kNo, "", kNo, kNo, kNo, kNo}, 1, "127.0.0.1:12350", "gop-size=60", kHd},
+        {{1, kNo, kNo, "", kNo, 0, kNo, kNo}, 1, "127.0.0.1:9", "gop-size=60", nullptr},
+        {{2, 0, kNo, "", kNo, 0, kNo, kNo}, 1, nullptr, "", nullptr},
+    };
+    for (const auto &stCase : stCases) {
+        m_pEncoder = std::make_unique<CEncoder>();
+        m_objLog.Clear();
+        ASSERT_EQ(Timing(1920, 1080, 60), 1);
+        ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc"));
+        m_objLog.Clear();
+        EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS, stCase.stRequest), 1);
 
-class SwitchTest : public EncoderTest, public testing::WithParamInterface<SWITCH_CASE_S>
-{
-};
-
-TEST_P(SwitchTest, RebuildsBothPipelinesFromWhatChanged)
-{
-    const SWITCH_CASE_S &stCase = GetParam();
-    ASSERT_EQ(Timing(1920, 1080, 60), 1);
-    ASSERT_TRUE(m_objLog.WaitFor("gst cmd [udpsrc"));
-    m_objLog.Clear();
-    EXPECT_EQ(Send(MSG_ENC_SET_STREAM_STATUS, stCase.stRequest), 1);
-
-    const auto stForwarded = fake_router::Sent(MSG_SET_STREAM_STATUS);
-    ASSERT_EQ(stForwarded.size(), 1U);
-    EXPECT_EQ(stForwarded[0].dst, MODULE_CONFIG);
-    EXPECT_EQ(memcmp(stForwarded[0].payload, &stCase.stRequest, 60), 0);
-    EXPECT_TRUE(m_objLog.Has("INFO switch status:" + std::to_string(stCase.s32Switch) + " --["));
-    EXPECT_EQ(m_objLog.Count("INFO we need stop gstreamer 264 --["), stCase.s32Switch);
-    EXPECT_EQ(m_objLog.Count("INFO we need stop gstreamer jpeg --["), stCase.s32Switch);
-    EXPECT_EQ(m_objLog.Count("INFO gstreamer start 264 ok --["), stCase.pClients ? 1 : 0);
-    if (stCase.pClients != nullptr) {
-        EXPECT_TRUE(m_objLog.Has(std::string("INFO addr list: ") + stCase.pClients + " --["));
-        EXPECT_TRUE(m_objLog.Has(stCase.pInH264));
+        const MSG_DESC_INFO_S stForwarded = fake_router::Sent(MSG_SET_STREAM_STATUS).back();
+        EXPECT_EQ(stForwarded.dst, MODULE_CONFIG);
+        EXPECT_EQ(memcmp(stForwarded.payload, &stCase.stRequest, 60), 0);
+        SCOPED_TRACE(testing::PrintToString(m_objLog.Lines()));
+        EXPECT_TRUE(
+            m_objLog.Has("INFO switch status:" + std::to_string(stCase.s32Switch) + " --["));
+        EXPECT_EQ(m_objLog.Count("INFO we need stop gstreamer 264 --["), stCase.s32Switch);
+        EXPECT_EQ(m_objLog.Count("INFO we need stop gstreamer jpeg --["), stCase.s32Switch);
+        EXPECT_EQ(m_objLog.Count("INFO gstreamer start 264 ok --["), stCase.pClients ? 1 : 0);
+        if (stCase.pClients != nullptr) {
+            EXPECT_TRUE(m_objLog.Has(std::string("INFO addr list: ") + stCase.pClients + " --["));
+            EXPECT_TRUE(m_objLog.Has(stCase.pInH264));
+        }
+        EXPECT_EQ(m_objLog.Count("INFO cmd jpeg ["), stCase.pInJpeg ? 1 : 0);
+        if (stCase.pInJpeg != nullptr) {
+            EXPECT_TRUE(m_objLog.Has(stCase.pInJpeg));
+        }
     }
-    EXPECT_EQ(m_objLog.Count("INFO cmd jpeg ["), stCase.pInJpeg ? 1 : 0);
-    if (stCase.pInJpeg != nullptr) {
-        EXPECT_TRUE(m_objLog.Has(stCase.pInJpeg));
-    }
+    EXPECT_EQ(fake_router::Sent(MSG_SET_STREAM_STATUS).size(), std::size(stCases));
 }
-
-constexpr char kBoth[] = "127.0.0.1:9,127.0.0.1:12350";
-constexpr char kHd[] = "width=1280,height=720";
-constexpr SWITCH_CASE_S kSwitches[] = {
-    {"ModeOnly", {0, kNo, kNo, "cbr", kNo, kNo, kNo, kNo}, 0, nullptr, "", nullptr},
-    {"OtherType", {3, 0, 2, "", 200000, 0, 300, 2}, 0, nullptr, "", nullptr},
-    {"Bitrate", {0, kNo, 30, "", 2500000, 0, 300, kNo}, 1, kBoth, "bitrate=2500 gop-size=30", kHd},
-    {"Height", {1, 0, 2, "", 200000, kNo, 540, kNo}, 1, kBoth, "=1000 gop-size=60", "=960,"},
-    {"H264Off", {0, 0, kNo, "", kNo, kNo, kNo, kNo}, 1, "127.0.0.1:12350", "gop-size=60", kHd},
-    {"PreviewOff", {1, kNo, kNo, "", kNo, 0, kNo, kNo}, 1, "127.0.0.1:9", "gop-size=60", nullptr},
-    {"BothOff", {2, 0, kNo, "", kNo, 0, kNo, kNo}, 1, nullptr, "", nullptr},
-};
-INSTANTIATE_TEST_SUITE_P(Requests, SwitchTest, testing::ValuesIn(kSwitches),
-                         [](const auto &i_stInfo) { return i_stInfo.param.pName; });
 
 TEST_F(EncoderTest, AChangeWithoutTimingIsKeptForTheNextStart)
 {

@@ -12,9 +12,6 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include <log4cpp/AppenderSkeleton.hh>
-#include <log4cpp/Category.hh>
-
 #include "common/gstenc.h"
 #include "tests/common/gst_start.h"
 #include "tests/support/log_capture.h"
@@ -49,30 +46,6 @@ FOOTPRINT_S Footprint()
     return {EntriesIn("/proc/self/fd"), EntriesIn("/proc/self/task"),
             static_cast<long>(mallinfo2().uordblks), s64Resident * sysconf(_SC_PAGESIZE)};
 }
-
-/* Delays the logging thread at random, so that the two sides meet at other points every time. */
-class CJitter : public log4cpp::AppenderSkeleton
-{
-public:
-    explicit CJitter(unsigned i_u32Seed)
-        : log4cpp::AppenderSkeleton("jitter"), m_objRandom(i_u32Seed)
-    {
-    }
-    void close() override {}
-    bool requiresLayout() const override { return false; }
-    void setLayout(log4cpp::Layout *) override {}
-
-protected:
-    void _append(const log4cpp::LoggingEvent &) override
-    {
-        for (unsigned u32Turns = m_objRandom() % 64; u32Turns > 0; u32Turns--) {
-            std::this_thread::yield();
-        }
-    }
-
-private:
-    std::mt19937 m_objRandom; /* the category lets one line in at a time */
-};
 
 class GstEncRaceTest : public testing::Test
 {
@@ -167,14 +140,18 @@ TEST_F(GstEncRaceTest, AStopAtAnyMomentEndsTheStart)
     }
     printf("seed %u (MV3300_SEED repeats it)\n", u32Seed);
     std::mt19937 objRandom(u32Seed);
-    log4cpp::Category &objCategory = log4cpp::Category::getInstance("CATEGORY");
-    objCategory.setAdditivity(false);
-    objCategory.addAppender(new CJitter(u32Seed)); /* owned by the category */
+    /* Delays whoever logs at random, so that the two sides meet at other points every time. */
+    CLogCapture objLog([objJitter = std::mt19937(u32Seed)]() mutable {
+        for (unsigned u32Turns = objJitter() % 64; u32Turns > 0; u32Turns--) {
+            std::this_thread::yield();
+        }
+    });
     const char *const pTexts[] = {kEndless, kEndless, kEndless, kFailing, kDry, kUnknown};
     NewWorker();
     const auto objEnd = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     int i = 0;
     for (; i < kRaces && std::chrono::steady_clock::now() < objEnd; i++) {
+        objLog.Clear();
         SendStart(pTexts[objRandom() % std::size(pTexts)]);
         /* Most of the steps of a start lie in its first moments. */
         std::chrono::microseconds objMoment(objRandom() % 2 == 0 ? 0 : objRandom() % 2001);
@@ -194,6 +171,5 @@ TEST_F(GstEncRaceTest, AStopAtAnyMomentEndsTheStart)
     }
     printf("%d of %d races\n", i, kRaces); /* a busy machine does fewer */
     m_pWorker.reset();
-    objCategory.removeAllAppenders();
 }
 } // namespace

@@ -25,24 +25,6 @@ protected:
     CLogCapture m_objLog;
 };
 
-TEST_F(GstEncTest, NumbersAndResults)
-{
-    CGstEnc objWorker;
-    struct {
-        UInt32 u32MsgNo;
-        int s32Result;
-    } const stCases[] = {{0, 1}, {1, 1}, {2, 1}, {3, 1}, {5, 0}, {6, 1}, {0x803, 1}};
-    for (const auto &stCase : stCases) {
-        MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 3, stCase.u32MsgNo);
-        EXPECT_EQ(objWorker.HandleMsg(&stMsg, nullptr), stCase.s32Result) << stCase.u32MsgNo;
-    }
-    EXPECT_EQ(objWorker.HandleMsg(nullptr, nullptr), 0);
-    EXPECT_TRUE(m_objLog.Lines().empty());
-    EXPECT_EQ(objWorker.HandleStopMsgEnc(nullptr, nullptr), 0);
-    EXPECT_TRUE(m_objLog.Has("INFO gstreamer stop gst-enc, old status:0 --["));
-    EXPECT_TRUE(m_objLog.Has("WARN m_stGstObj.pLoop is NULL in [gst-enc] --["));
-}
-
 TEST_F(GstEncTest, AStopMessageIsIgnoredAndTheNextStartFollowsTheStopCall)
 {
     CGstEnc objWorker("gst-h264");

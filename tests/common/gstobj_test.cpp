@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <thread>
 
 #include "common/gstobj.h"
 #include "framework/thread.h"
@@ -202,18 +201,4 @@ TEST_F(GstObjTest, AStopOfAHangingBuildGivesUpWaitingAndIsNotLost)
     ExpectAGoodRun();
 }
 
-TEST_F(GstObjTest, AStopDuringABuildWaitsForTheLoop)
-{
-    held_build::Hold();
-    CRun objRun(&m_objRunner, kEndless);
-    held_build::WaitUntilHeld();
-    moved_time::DivideSleeps(2);
-    std::thread objStopper([&] { EXPECT_EQ(m_objRunner.HandleStopMsgEnc(nullptr, nullptr), 1); });
-    EXPECT_TRUE(m_objLog.WaitFor("wait pLoop to run in [gst-h264]", 2));
-    held_build::Release();
-    objStopper.join();
-    objRun.Join();
-    EXPECT_LT(m_objLog.Count("wait pLoop to run"), 41);
-    EXPECT_FALSE(m_objLog.Has("force quit"));
-}
 } // namespace

@@ -10,7 +10,10 @@
 class CLogCapture::CAppender : public log4cpp::AppenderSkeleton
 {
 public:
-    CAppender() : log4cpp::AppenderSkeleton("capture") {}
+    explicit CAppender(std::function<void()> i_pOnLine)
+        : log4cpp::AppenderSkeleton("capture"), m_pOnLine(std::move(i_pOnLine))
+    {
+    }
     void close() override {}
     bool requiresLayout() const override { return false; }
     void setLayout(log4cpp::Layout *) override {}
@@ -18,10 +21,14 @@ public:
     mutable std::mutex m_objMutex;
     mutable std::condition_variable m_objCond;
     std::vector<std::string> m_strLines;
+    std::function<void()> m_pOnLine;
 
 protected:
     void _append(const log4cpp::LoggingEvent &i_objEvent) override
     {
+        if (m_pOnLine) {
+            m_pOnLine();
+        }
         char szThread[16] = "";
         prctl(PR_GET_NAME, szThread);
         std::lock_guard objLock(m_objMutex);
@@ -42,7 +49,8 @@ int CountIn(const std::vector<std::string> &i_strLines, const std::string &i_str
 }
 } // namespace
 
-CLogCapture::CLogCapture() : m_pAppender(new CAppender)
+CLogCapture::CLogCapture(std::function<void()> i_pOnLine)
+    : m_pAppender(new CAppender(std::move(i_pOnLine)))
 {
     log4cpp::Category &objCategory = log4cpp::Category::getInstance("CATEGORY");
     objCategory.removeAllAppenders();

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,7 +17,8 @@
 class CLogCapture
 {
 public:
-    CLogCapture();
+    /* i_pOnLine is called in the thread that logs, by one thread at a time. */
+    explicit CLogCapture(std::function<void()> i_pOnLine = nullptr);
     ~CLogCapture();
     CLogCapture(const CLogCapture &) = delete;
     CLogCapture &operator=(const CLogCapture &) = delete;
