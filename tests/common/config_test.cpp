@@ -221,7 +221,6 @@ TEST_F(ConfigTest, StatusChangesAreTakenFieldByField)
         EXPECT_EQ(SetStatus(stCase.stSet), 1);
         EXPECT_EQ(Show(GetStatus()), stCase.pStatus) << stCase.pRule;
     }
-    EXPECT_TRUE(m_objLog.Has("INFO set stream status --["));
 }
 
 TEST_F(ConfigTest, ChangesStayInMemoryUntilTheNextRead)
@@ -244,7 +243,6 @@ TEST_F(ConfigTest, ChangesStayInMemoryUntilTheNextRead)
 TEST_F(ConfigTest, SourceDeviceIdHasExactlyTwelveCharacters)
 {
     EXPECT_EQ(SetSrcDeviceId("123456789012"), 1);
-    EXPECT_TRUE(m_objLog.Has("INFO set src device id:123456789012 --["));
     EXPECT_EQ(SetSrcDeviceId("12345678901"), 0);
     EXPECT_EQ(SetSrcDeviceId("1234567890123"), 0);
     EXPECT_TRUE(m_objLog.Has("ERROR src device id <1234567890123> len :13 err --["));

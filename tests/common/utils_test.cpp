@@ -65,12 +65,10 @@ TEST(UtilsMulticastTest, GroupsFromIds)
         EXPECT_EQ(strIp, stRow.pOwn);
         EXPECT_STREQ(MakeMulticastIP(stRow.pId, stRow.u8Index, szIp), stRow.pIndexed);
     }
-    CLogCapture objLog;
     std::string strIp;
     EXPECT_EQ(get_multicast_ip_by_id(strIp, "0a1b2c3d4e5"), -1);
     EXPECT_EQ(get_multicast_ip_by_id(strIp, "0a1b2c3d4e5f0"), -1);
     EXPECT_EQ(strIp, "");
-    EXPECT_EQ(objLog.Count("ERROR input param err --["), 2);
     char szIp[16];
     EXPECT_DEATH(MakeMulticastIP("0a1b2c3d4e5", 1, szIp), "Assertion");
 }
@@ -116,14 +114,9 @@ TEST(UtilsTextTest, OnlyRunsOfExactlyTwelveDigitsAreIds)
     memset(szRows, '#', sizeof(szRows));
     EXPECT_EQ(get_mac_addr("x0a1b2c3d4e5f;0a1b2c3d4e60", 3, szRows), 2);
     EXPECT_EQ(std::string(szRows[1], 13), "0a1b2c3d4e60#");
-
-    CLogCapture objLog;
     EXPECT_EQ(get_num_mac(nullptr), -1);
     EXPECT_EQ(get_mac_addr(nullptr, 3, szRows), -1);
     EXPECT_EQ(get_mac_addr("0a1b2c3d4e5f", 0, szRows), 0);
-    EXPECT_TRUE(objLog.Has("ERROR get_num_src para err --["));
-    EXPECT_TRUE(objLog.Has("ERROR get_num_addr para <3> err --["));
-    EXPECT_TRUE(objLog.Has("WARN get_num_addr para <0> --["));
 }
 
 TEST(UtilsFileTest, TextsAreBoundToTheBuffer)
@@ -139,12 +132,10 @@ TEST(UtilsFileTest, TextsAreBoundToTheBuffer)
     EXPECT_EQ(Version("1.2.3\nsecond\n", 16), "1.2.3");
     EXPECT_EQ(Version("1.2.3", 4), "1.2");
     EXPECT_EQ(Version("", 16), "");
-    CLogCapture objLog;
     char szText[12] = "before";
     EXPECT_EQ(GetLocalDevVersion(szText, 12, strPath.c_str()), 1);
     EXPECT_STREQ(szText, "before");
     EXPECT_EQ(GetLocalDevVersion(szText, 0), 0);
-    EXPECT_TRUE(objLog.Has("ERROR input version addr is null or len is 0\n --["));
 
     EXPECT_EQ(GetRecordDir(szText, 12), 1);
     EXPECT_EQ(memcmp(szText, "/mnt/REC/\0\0", 12), 0);
@@ -166,9 +157,7 @@ TEST(UtilsDelayTest, NeverShorterThanAskedAndAtOnceOutOfRange)
 
 TEST(UtilsShellTest, StatusIsTheRawWaitStatus)
 {
-    CLogCapture objLog;
     EXPECT_EQ(system_vfork("exit 3"), 768);
-    EXPECT_TRUE(objLog.Has("INFO my_system cmd<exit 3> status = 768 --["));
     EXPECT_EQ(system_vfork("kill -9 $$"), 9);
     /* The daemon's sockets ignore it; the shell has it as it was. */
     signal(SIGPIPE, SIG_IGN);

@@ -332,15 +332,3 @@ TEST_F(CTaskTest, ThreadsEndAlthoughDelayedRunsKeepComingDue)
     EXPECT_TRUE(WaitUntil([&] { return objOne.m_s32Runs > 2 && objOther.m_s32Runs > 2; }));
     CTaskThreadPool::RemoveThreads();
 }
-
-TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
-{
-    CTestTask objTask([](CTestTask &) { return 0; }), objOther([](CTestTask &) { return 0; });
-    objTask.Signal(CTask::kStartEvent);
-    CTaskThreadPool::AddThreads(1);
-    objTask.Signal(CTask::kReadEvent);
-    objOther.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return objOther.m_s32Runs == 1; }));
-    CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(objTask.m_s32Runs, 0);
-}

@@ -17,6 +17,14 @@ public:
     void close() override {}
     bool requiresLayout() const override { return false; }
     void setLayout(log4cpp::Layout *) override {}
+    /* With the mutex held. */
+    int Count(const std::string &i_strText) const
+    {
+        return static_cast<int>(
+            std::count_if(m_strLines.begin(), m_strLines.end(), [&](const std::string &strLine) {
+                return strLine.find(i_strText) != std::string::npos;
+            }));
+    }
 
     mutable std::mutex m_objMutex;
     mutable std::condition_variable m_objCond;
@@ -37,17 +45,6 @@ protected:
         m_objCond.notify_all();
     }
 };
-
-namespace
-{
-int CountIn(const std::vector<std::string> &i_strLines, const std::string &i_strText)
-{
-    return static_cast<int>(
-        std::count_if(i_strLines.begin(), i_strLines.end(), [&](const std::string &strLine) {
-            return strLine.find(i_strText) != std::string::npos;
-        }));
-}
-} // namespace
 
 CLogCapture::CLogCapture(std::function<void()> i_pOnLine)
     : m_pAppender(new CAppender(std::move(i_pOnLine)))
@@ -73,16 +70,15 @@ std::vector<std::string> CLogCapture::Lines() const
 int CLogCapture::Count(const std::string &i_strText) const
 {
     std::lock_guard objLock(m_pAppender->m_objMutex);
-    return CountIn(m_pAppender->m_strLines, i_strText);
+    return m_pAppender->Count(i_strText);
 }
 
 bool CLogCapture::WaitFor(const std::string &i_strText, int i_s32Count,
                           std::chrono::milliseconds i_objLimit) const
 {
     std::unique_lock objLock(m_pAppender->m_objMutex);
-    return m_pAppender->m_objCond.wait_for(objLock, i_objLimit, [&] {
-        return CountIn(m_pAppender->m_strLines, i_strText) >= i_s32Count;
-    });
+    return m_pAppender->m_objCond.wait_for(
+        objLock, i_objLimit, [&] { return m_pAppender->Count(i_strText) >= i_s32Count; });
 }
 
 void CLogCapture::Clear()
