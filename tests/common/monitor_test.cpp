@@ -192,7 +192,7 @@ TEST_F(MonitorTest, EveryPictureReadIsWhole)
 
 /* More arrivals than the kernel queues, while the loop is at its pauses. The name is over the path
  * buffer, so that the file stays for the next move. */
-TEST_F(MonitorTest, LostArrivalsDoNotStopThePublication)
+TEST_F(MonitorTest, LostArrivalsAndLinksDoNotStopThePublication)
 {
     UInt32 u32Queue = 0;
     std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> u32Queue;
@@ -214,7 +214,17 @@ TEST_F(MonitorTest, LostArrivalsDoNotStopThePublication)
 
     MoveIn("p", "after");
     EXPECT_TRUE(WaitForPicture("after"));
-    EXPECT_EQ(NextReport(), u32Count + 1);
+    /* Of a link, what is removed as stale is the link, also one that leads nowhere. */
+    for (const char *pTarget : {"target", "nowhere"}) {
+        std::ofstream(m_objRoot / "target") << "target";
+        fs::create_symlink(m_objRoot / pTarget, m_objRoot / "made" / "link");
+        fs::rename(m_objRoot / "made" / "link", m_objRoot / "image" / pTarget);
+        ASSERT_TRUE(m_objLog.WaitFor(std::string("DEBUG file name: ") + pTarget));
+        NextReport();
+        EXPECT_FALSE(fs::is_symlink(m_objPicture));
+        EXPECT_EQ(ReadFile(m_objRoot / "target"), "target");
+    }
+    EXPECT_EQ(NextReport(), u32Count + 3);
     EXPECT_FALSE(m_objLog.Has("ERROR"));
 }
 

@@ -204,6 +204,10 @@ TEST(RefTable, HashTakesFiveBytesAsUnsignedTimesTheLength)
     EXPECT_EQ(CRefTableUtils::HashString(&objText), 1976u);
     EXPECT_EQ(CRefTableUtils::HashString(&objOne), 485u);
     EXPECT_EQ(CRefTableUtils::HashString(&objHigh), 10200u);
+    CPLString objNull, objEmpty(strText.data(), 0);
+    EXPECT_DEATH(CRefTableUtils::HashString(nullptr), "`i_pPLString != NULL'");
+    EXPECT_DEATH(CRefTableUtils::HashString(&objNull), "`i_pPLString->m_pPtr != NULL'");
+    EXPECT_DEATH(CRefTableUtils::HashString(&objEmpty), "`i_pPLString->m_u32Len > 0'");
 }
 
 TEST(RefTable, RegistersNamesOnceAndSwapsInPlace)

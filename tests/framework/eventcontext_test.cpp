@@ -170,4 +170,21 @@ TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
     EXPECT_EQ(objRegister(), 3U);
     EXPECT_EQ(objProbes.front()->m_s32Events, 1);
 }
+
+TEST(EventContextDeathTest, WhatTheOwnerMustNotDo)
+{
+    EXPECT_DEATH(
+        {
+            CProbe objProbe(-1);
+            objProbe.RequestEvent(1);
+        },
+        "`false'");
+    EXPECT_DEATH(
+        {
+            CProbe objProbe(-1);
+            objProbe.InitNonBlocking(-1);
+        },
+        "s32Err == 0");
+    EXPECT_DEATH({ CProbe objProbe(1999); }, "s32Err == 0");
+}
 } // namespace

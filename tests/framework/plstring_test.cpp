@@ -55,6 +55,8 @@ TEST(PLString, CaseIsIgnoredForLettersOnly)
     EXPECT_FALSE(CText("ab")->NumEqualIgnoreCase("ABC", 3));
     EXPECT_FALSE(CText("@[`{")->EqualIgnoreCase("`{@[", 4));
     EXPECT_FALSE(CPLString(nullptr, 2).EqualIgnoreCase("AB", 2));
+    EXPECT_DEATH(CPLString().EqualIgnoreCase(nullptr, 0), "`i_pCompare != NULL'");
+    EXPECT_DEATH(CPLString().NumEqualIgnoreCase(nullptr, 0), "`i_pCompare != NULL'");
 }
 
 TEST(PLString, FindsTextWithAndWithoutTerminator)
@@ -85,4 +87,5 @@ TEST(PLString, FindsTextWithAndWithoutTerminator)
         EXPECT_EQ(objMatch.m_u32Len, bFound ? strlen(stCase.pQuery) : 0);
         EXPECT_EQ(objText.Str(), stCase.strText);
     }
+    EXPECT_DEATH(CPLString().FindStringCase(nullptr, nullptr, true), "`NULL != i_pQueryCharStr'");
 }

@@ -84,6 +84,14 @@ TEST(SocketTest, AStreamPassesBytesUntilItsPeerIsGone)
     EXPECT_FALSE(objSocket.IsConnected());
 }
 
+TEST(SocketTest, WhatTheSystemRefusesIsAResult)
+{
+    CTestSocket objSocket(0);
+    EXPECT_EQ(objSocket.Open(11), 22);
+    EXPECT_EQ(objSocket.Open(SOCK_RAW), 93);
+    EXPECT_EQ(objSocket.Open(SOCK_STREAM), 0);
+}
+
 TEST(SocketDeathTest, Misuse)
 {
     CTestUDPSocket objSocket;

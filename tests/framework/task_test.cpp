@@ -332,3 +332,27 @@ TEST_F(CTaskTest, ThreadsEndAlthoughDelayedRunsKeepComingDue)
     EXPECT_TRUE(WaitUntil([&] { return objOne.m_s32Runs > 2 && objOther.m_s32Runs > 2; }));
     CTaskThreadPool::RemoveThreads();
 }
+
+TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
+{
+    CTestTask objTask([](CTestTask &) { return 0; }), objOther([](CTestTask &) { return 0; });
+    objTask.Signal(CTask::kStartEvent);
+    CTaskThreadPool::AddThreads(1);
+    objTask.Signal(CTask::kReadEvent);
+    objOther.Signal(CTask::kStartEvent);
+    EXPECT_TRUE(WaitUntil([&] { return objOther.m_s32Runs == 1; }));
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(objTask.m_s32Runs, 0);
+}
+
+TEST(TaskThreadPoolDeathTest, PoolsAreMadeOnce)
+{
+    EXPECT_DEATH(CTaskThreadPool::GetThread(0, 0), "`s_pNumTaskThreads != NULL'");
+    EXPECT_DEATH(CTaskThreadPool::AddThreads(0, 1, 0, 0), "`s_pTaskThreadArray != NULL'");
+    CTaskThreadPool::AddThreadPools(1);
+    EXPECT_DEATH(CTaskThreadPool::AddThreadPools(1), "`s_pTaskThreadArray == NULL'");
+    CTaskThreadPool::AddThreads(1);
+    EXPECT_DEATH(CTaskThreadPool::AddThreads(1), "`s_pTaskThreadArray.i_u32PoolID. == NULL'");
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(CTaskThreadPool::GetThread(0, 0), nullptr);
+}

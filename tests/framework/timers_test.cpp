@@ -164,7 +164,7 @@ TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
         EXPECT_EQ(objLooker.Run(), 1000);
         EXPECT_EQ(objTask.GetEvents(), 8u);
     }
-    objDue.SetTimeout(200);
+    objDue.SetTimeout(500);
     SInt64 s64Before = objDue.GetTimeRemaining();
     SInt64 s64Next = objLooker.Run();
     EXPECT_LE(s64Next, 1000 + s64Before);
@@ -173,9 +173,23 @@ TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
     EXPECT_EQ(objTask.GetEvents(), 0u);
 
     /* The younger record counts although the older is due sooner. */
-    CTimeoutTask objYounger(&objTask, 1100, CTask::kTimeoutEvent);
+    CTimeoutTask objYounger(&objTask, 1000, CTask::kTimeoutEvent);
     EXPECT_GT(objLooker.Run(), 1500);
     objDue.SetTimeout(0);
     objYounger.SetTimeout(std::numeric_limits<SInt64>::max());
     EXPECT_EQ(objLooker.Run(), 1000);
+}
+
+TEST(TimersDeathTest, NothingWorksBeforeTheServicesAre)
+{
+    EXPECT_DEATH({ CCountingTask objTask; }, "`s_pIdleThread != NULL'");
+    EXPECT_DEATH(CTimeoutTask(nullptr, 0, 0), "`s_pThread != NULL'");
+    EXPECT_DEATH(
+        {
+            CIdleTask::Initialize();
+            CCountingTask objTask;
+            CIdleTaskThread objOther;
+            objOther.SetIdleTimer(&objTask, 1000);
+        },
+        "`m_objIdleHeap.CurrentHeapSize.. == 0'");
 }
