@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -8,7 +9,6 @@
 #include <vector>
 
 #include <net/ethernet.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +19,22 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/loopback.h"
 #include "tests/support/private_net.h"
+
+namespace
+{
+std::atomic<bool> g_bNoSockets{false};
+} // namespace
+
+/* Linked in place of socket(2). */
+extern "C" int __real_socket(int i_s32Family, int i_s32Type, int i_s32Protocol);
+extern "C" int __wrap_socket(int i_s32Family, int i_s32Type, int i_s32Protocol)
+{
+    if (g_bNoSockets) {
+        errno = EMFILE;
+        return -1;
+    }
+    return __real_socket(i_s32Family, i_s32Type, i_s32Protocol);
+}
 
 namespace
 {
@@ -208,10 +224,7 @@ TEST_F(EventMonitorTest, ASocketThatCannotBeOpenedIsNotTriedAgain)
     Create();
     /* Its sending socket could be opened; the receiving one cannot. */
     EXPECT_EQ(objLog.Count("ERROR"), 0);
-    struct rlimit stBefore = {};
-    getrlimit(RLIMIT_NOFILE, &stBefore);
-    const struct rlimit stNone = {0, stBefore.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &stNone);
+    g_bNoSockets = true;
     m_pTask->Signal(CTask::kStartEvent);
     EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs == 1; }));
     {
@@ -219,7 +232,7 @@ TEST_F(EventMonitorTest, ASocketThatCannotBeOpenedIsNotTriedAgain)
         EXPECT_TRUE(objLog.Has("ERROR CEventMonitorTask InitSendSocket open err --["));
         EXPECT_EQ(CUDPSocket(nullptr, 0).Open(), 24);
     }
-    setrlimit(RLIMIT_NOFILE, &stBefore);
+    g_bNoSockets = false;
     m_pTask->Signal(CTask::kTimeoutEvent);
     EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs == 2; }));
     EXPECT_EQ(m_pTask->m_eState, CEventMonitorTask::SOCKET_STATE_INIT);

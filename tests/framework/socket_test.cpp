@@ -228,8 +228,9 @@ public:
         unsigned short u16Port = 0;
         unsigned int u32Len = 0;
         char szBuffer[64];
-        while (m_objSocket.RecvFrom(&u32Addr, &u16Port, szBuffer, 64, &u32Len) == 0) {
-            s_s32Taken++;
+        /* The flood may be faster. */
+        for (int i = 0; i < 100; i++) {
+            s_s32Taken += m_objSocket.RecvFrom(&u32Addr, &u16Port, szBuffer, 64, &u32Len) == 0;
         }
         m_objSocket.RequestEvent(EV_READ);
         return 0;

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <string>
+#include <functional>
+#include <utility>
 
 #include <sys/prctl.h>
 #include <unistd.h>
