@@ -75,7 +75,7 @@ protected:
     bool WaitUntilTaken()
     {
         return WaitUntil([this] { return m_pWorker->GetStartStatus() == 1; },
-                         std::chrono::seconds(30), std::chrono::microseconds(0));
+                         std::chrono::seconds(30), std::chrono::microseconds(1));
     }
 
     /* With the worker idle and the threads of past pipelines gone. */
