@@ -23,16 +23,17 @@
 #include <log4cpp/PatternLayout.hh>
 #include <log4cpp/PropertyConfigurator.hh>
 
+#include "app/modules.h"
 #include "app/stream_cmd.h"
-#include "common/capture.h"
-#include "common/config.h"
-#include "common/encoder.h"
-#include "common/eventmonitor.h"
-#include "common/gstobj.h"
-#include "common/log.h"
-#include "common/monitor.h"
-#include "common/param.h"
-#include "common/timer.h"
+#include "common/box/capture.h"
+#include "common/box/config.h"
+#include "common/box/eventmonitor.h"
+#include "common/box/monitor.h"
+#include "common/box/param.h"
+#include "common/bus/log.h"
+#include "common/bus/timer.h"
+#include "common/stream/encoder.h"
+#include "common/stream/gstobj.h"
 #include "framework/assertion.h"
 #include "framework/ev.h"
 #include "framework/idletask.h"
@@ -205,6 +206,7 @@ void InitializeFramework()
 
 void StartModules()
 {
+    RegisterModules();
     g_objConfig.Start();
     g_objTimer.Start();
     g_objCapture.Start();

@@ -8,8 +8,8 @@
 
 #include <strings.h>
 
-#include "common/log.h"
-#include "common/msg_queue.h"
+#include "common/bus/log.h"
+#include "common/bus/msg_queue.h"
 #include "framework/udpsocket.h"
 #include "tlv/tlv_box.h"
 

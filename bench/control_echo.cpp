@@ -20,7 +20,7 @@
 
 #include <log4cpp/PropertyConfigurator.hh>
 
-#include "common/log.h"
+#include "common/bus/log.h"
 #include "framework/types.h"
 
 namespace

@@ -10,7 +10,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "common/msg_queue.h"
+#include "common/bus/msg_queue.h"
 #include "framework/atomic.h"
 #include "framework/mutex.h"
 

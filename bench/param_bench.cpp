@@ -12,7 +12,7 @@
 
 #include <unistd.h>
 
-#include "common/param.h"
+#include "common/box/param.h"
 
 namespace
 {

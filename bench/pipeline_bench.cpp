@@ -26,7 +26,7 @@
 #include <gst/gst.h>
 
 #include "bench/box_run.h"
-#include "common/pipeline_desc.h"
+#include "common/stream/pipeline_desc.h"
 #include "framework/clock.h"
 
 namespace

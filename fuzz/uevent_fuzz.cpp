@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "common/capture.h"
+#include "common/box/capture.h"
 #include "framework/assertion.h"
 #include "fuzz/router.h"
 

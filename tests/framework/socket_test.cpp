@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/igmp.h"
+#include "common/box/igmp.h"
 #include "framework/socketutils.h"
 #include "framework/task.h"
 #include "framework/udpsocket.h"

@@ -1,0 +1,275 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "common/box/config.h"
+#include "common/box/param.h"
+#include "tests/support/fake_router.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+
+namespace
+{
+using CParams = std::vector<std::pair<std::string, std::string>>;
+
+CParams Numbers(const char *i_pGop, const char *i_pBitrate, const char *i_pHeight,
+                const char *i_pRefreshrate)
+{
+    return {{"h264_stream_gop", i_pGop},
+            {"h264_stream_bitrate", i_pBitrate},
+            {"preview_stream_height", i_pHeight},
+            {"preview_stream_refreshrate", i_pRefreshrate}};
+}
+
+class ConfigTest : public testing::Test
+{
+protected:
+    ConfigTest() : m_strPath(m_objDir.Path("param.xml")), m_objConfig(m_strPath.c_str()) {}
+
+    void WriteParams(const CParams &i_strParams)
+    {
+        std::string strText = "<CONFIGURATION><CHANNEL_1>";
+        for (const auto &[strName, strValue] : i_strParams) {
+            strText += "<PARAM NAME=\"" + strName + "\">" + strValue + "</PARAM>";
+        }
+        WriteFile(m_strPath, strText + "</CHANNEL_1></CONFIGURATION>");
+    }
+
+    /* Reads the file; the result byte. */
+    int Read(UInt32 i_u32MsgNo = 256)
+    {
+        MSG_DESC_INFO_S stMsg = MakeMsg(0, 2, 0, i_u32MsgNo);
+        UInt8 u8Changed = 0xEE;
+        EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, &u8Changed), 1);
+        return u8Changed;
+    }
+
+    std::string GetText(UInt32 i_u32MsgNo)
+    {
+        MSG_DESC_INFO_S stMsg = MakeMsg(0, 2, 0, i_u32MsgNo);
+        char szText[512] = {};
+        EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, szText), 1);
+        return szText;
+    }
+
+    STREAM_STATUS_S GetStatus()
+    {
+        MSG_DESC_INFO_S stMsg = MakeMsg(0, 2, 0, 259);
+        STREAM_STATUS_S stStatus = {};
+        EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, &stStatus), 1);
+        return stStatus;
+    }
+
+    int Set(UInt32 i_u32MsgNo, const void *i_pData, std::size_t i_u64Size)
+    {
+        MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 0, i_u32MsgNo);
+        memcpy(stMsg.payload, i_pData, i_u64Size);
+        return m_objConfig.HandleMsg(&stMsg, nullptr);
+    }
+    int SetStatus(const STREAM_STATUS_S &i_stStatus) { return Set(513, &i_stStatus, 60); }
+    int SetSrcDeviceId(const std::string &i_strId)
+    {
+        return Set(514, i_strId.data(), i_strId.size());
+    }
+
+    CLogCapture m_objLog;
+    CTempDir m_objDir;
+    std::string m_strPath;
+    CConfig m_objConfig;
+};
+
+std::string Show(const STREAM_STATUS_S &i_stStatus)
+{
+    auto Signed = [](UInt32 u32Value) { return std::to_string(static_cast<SInt32>(u32Value)); };
+    return Signed(i_stStatus.u32Type) + ": " + Signed(i_stStatus.u32H264Enable) + " " +
+           Signed(i_stStatus.u32H264Gop) + " " + std::string(i_stStatus.szH264Mode) + " " +
+           Signed(i_stStatus.u32H264Bitrate) + ", " + Signed(i_stStatus.u32PrevEnable) + " " +
+           Signed(i_stStatus.u32PrevHeight) + " " + Signed(i_stStatus.u32PrevRefreshrate);
+}
+
+TEST_F(ConfigTest, ReadingTellsWhetherTheConfigurationChanged)
+{
+    EXPECT_EQ(Show(GetStatus()), "2: 0 0  0, 0 0 0") << "zeros until the file was read";
+    EXPECT_EQ(Read(), 1);
+    EXPECT_EQ(Show(GetStatus()), "2: 1 60 vbr 1000000, 1 720 1");
+    EXPECT_EQ(GetText(257), "");
+    EXPECT_EQ(GetText(258), "");
+    EXPECT_EQ(GetText(260), "");
+    EXPECT_EQ(Read(), 0);
+    WriteParams({{"addr_list", "10.0.0.1:59202"}, {"addr_url", "rtp://x"}});
+    EXPECT_EQ(Read(2), 1);
+    EXPECT_EQ(GetText(257), "10.0.0.1:59202");
+    EXPECT_EQ(GetText(258), "rtp://x");
+    EXPECT_EQ(Read(2), 0);
+    WriteParams({});
+    EXPECT_EQ(Read(), 1) << "nothing of the longer text is left";
+    EXPECT_EQ(GetText(257), "");
+}
+
+TEST_F(ConfigTest, TextsBecomeValuesInTheirRanges)
+{
+    constexpr char kDefaults[] = "2: 1 60 vbr 1000000, 1 720 1";
+    const struct {
+        CParams objParams;
+        const char *pStatus;
+    } stCases[] = {
+        {Numbers("1", "100000", "270", "1"), "2: 1 1 vbr 100000, 1 270 1"},
+        {Numbers("0", "99999", "269", "0"), kDefaults},
+        {Numbers("65535", "10000000", "1080", "10"), "2: 1 65535 vbr 10000000, 1 1080 10"},
+        {Numbers("65536", "10000001", "1081", "11"), kDefaults},
+        {Numbers("4294967326", "fast", " 480p", "99999999999999999999999"),
+         "2: 1 60 vbr 1000000, 1 480 1"},
+        {{{"h264_stream_enable", "TRUE"}, {"preview_stream_enable", "true "}},
+         "2: 1 60 vbr 1000000, 0 720 1"},
+        {{{"h264_stream_enable", "1"}, {"h264_stream_mode", "CBR"}},
+         "2: 0 60 cbr 1000000, 1 720 1"},
+        {{{"h264_stream_mode", "cbr2"}}, kDefaults},
+    };
+    for (const auto &stCase : stCases) {
+        WriteParams(stCase.objParams);
+        Read();
+        EXPECT_EQ(Show(GetStatus()), stCase.pStatus);
+    }
+    EXPECT_TRUE(m_objLog.Has("WARN HandleReadConfigMsg h264_stream_gop <65536> is not in"));
+}
+
+TEST_F(ConfigTest, LongTextsAreBounded)
+{
+    WriteParams({{"addr_url", std::string(1023, 'u')},
+                 {"addr_list", std::string(511, 'a')},
+                 {"src_device_id", "12345678901"},
+                 {"media_cast_port", "123456789"}});
+    EXPECT_EQ(Read(), 1);
+    EXPECT_EQ(GetText(258), std::string(511, 'u'));
+    EXPECT_EQ(GetText(257), std::string(511, 'a'));
+    EXPECT_EQ(GetText(260), "") << "eleven characters are ignored";
+    EXPECT_TRUE(m_objLog.Has("media_cast_port is longer than 7 characters, using <59202>"));
+    EXPECT_EQ(m_objLog.Count("longer than"), 1);
+
+    WriteParams({{"src_device_id", std::string(63, 'd')}, {"addr_list", std::string(512, 'a')}});
+    EXPECT_EQ(Read(), 1);
+    EXPECT_EQ(GetText(260), std::string(63, 'd'));
+    EXPECT_EQ(GetText(257), "");
+
+    WriteParams({{"src_device_id", "short"}});
+    EXPECT_EQ(Read(), 1);
+    EXPECT_EQ(GetText(260), "") << "nothing of an earlier id is left";
+}
+
+TEST_F(ConfigTest, GettersAnswerInTheBufferOrByAMessage)
+{
+    WriteParams({{"addr_list", "10.0.0.1:1"},
+                 {"addr_url", "rtp://x"},
+                 {"src_device_id", "123456789012"},
+                 {"h264_stream_mode", "cbr"}});
+    Read();
+    const struct {
+        UInt32 u32MsgNo;
+        std::size_t u64Size;
+        std::string strStart;
+    } stCases[] = {
+        {257, 512, "10.0.0.1:1"},
+        {258, 512, "rtp://x"},
+        {259, 60, std::string("\2\0\0\0\1\0\0\0\x3c\0\0\0cbr\0\0\0\0\0", 20)},
+        {260, 64, "123456789012"},
+    };
+    for (const auto &stCase : stCases) {
+        MSG_DESC_INFO_S stMsg = MakeMsg(0, 12, 0, stCase.u32MsgNo);
+        EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, nullptr), 0);
+        std::string strResult(600, '\x5A');
+        EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, strResult.data()), 1);
+        EXPECT_EQ(strResult.substr(0, stCase.strStart.size()), stCase.strStart);
+        EXPECT_EQ(strResult.substr(stCase.u64Size), std::string(600 - stCase.u64Size, '\x5A'));
+        EXPECT_TRUE(fake_router::Sent(stCase.u32MsgNo).empty());
+
+        stMsg.msgtype = 1;
+        EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, nullptr), 1);
+        const std::vector<MSG_DESC_INFO_S> stSent = fake_router::Sent(stCase.u32MsgNo);
+        ASSERT_EQ(stSent.size(), 1U);
+        MSG_DESC_INFO_S stExpected = MakeMsg(1, 0, 12, stCase.u32MsgNo);
+        memcpy(stExpected.payload, strResult.data(), stCase.u64Size);
+        EXPECT_EQ(memcmp(&stSent[0], &stExpected, sizeof(stExpected)), 0) << stCase.u32MsgNo;
+    }
+}
+
+TEST_F(ConfigTest, StatusChangesAreTakenFieldByField)
+{
+    constexpr UInt32 kNone = 0xFFFFFFFF;
+    const struct {
+        const char *pRule;
+        STREAM_STATUS_S stSet;
+        const char *pStatus;
+    } stCases[] = {
+        {"both", {2, 0, 30, "CBR", 2000000, 0, 480, 5}, "2: 0 30 cbr 2000000, 0 480 5"},
+        {"H.264 only", {0, 0, 30, "cbr", 2000000, 0, 480, 5}, "2: 0 30 cbr 2000000, 1 720 1"},
+        {"preview only", {1, 0, 30, "cbr", 2000000, 0, 480, 5}, "2: 1 60 vbr 1000000, 0 480 5"},
+        {"unknown type", {3, 0, 30, "cbr", 2000000, 0, 480, 5}, "2: 1 60 vbr 1000000, 1 720 1"},
+        {"unchanged",
+         {2, kNone, kNone, "", kNone, kNone, kNone, kNone},
+         "2: 1 60 vbr 1000000, 1 720 1"},
+        {"least", {2, 1, 1, "vbr", 100000, 1, 270, 1}, "2: 1 1 vbr 100000, 1 270 1"},
+        {"below", {2, 1, 0, "cb", 99999, 1, 269, 0}, "2: 1 60 vbr 1000000, 1 720 1"},
+        {"most", {2, 1, 65535, "cbr", 10000000, 1, 1080, 10}, "2: 1 65535 cbr 10000000, 1 1080 10"},
+        {"above", {2, 5, 65536, "cbrx", 10000001, 2, 1081, 11}, "2: 1 60 vbr 1000000, 1 720 1"},
+        {"one bad field in between",
+         {2, 0, 0, "cbr", 2000000, 5, 480, 0},
+         "2: 0 60 cbr 2000000, 1 480 1"},
+    };
+    for (const auto &stCase : stCases) {
+        Read();
+        EXPECT_EQ(SetStatus(stCase.stSet), 1);
+        EXPECT_EQ(Show(GetStatus()), stCase.pStatus) << stCase.pRule;
+    }
+}
+
+TEST_F(ConfigTest, ChangesStayInMemoryUntilTheNextRead)
+{
+    WriteParams({{"h264_stream_gop", "30"}});
+    const std::string strFile = ReadFile(m_strPath);
+    Read();
+    STREAM_STATUS_S stSet = {0, 1, 40, "vbr", 2000000, 0, 0, 0};
+    memset(stSet.szH264Mode, 'v', sizeof(stSet.szH264Mode)); /* no NUL in the field */
+    EXPECT_EQ(SetStatus(stSet), 1);
+    EXPECT_EQ(SetSrcDeviceId("123456789012"), 1);
+    EXPECT_EQ(Show(GetStatus()), "2: 1 40 vbr 2000000, 1 720 1");
+    EXPECT_EQ(g_stConfigInfo.u32H264Gop, 30);
+    EXPECT_EQ(ReadFile(m_strPath), strFile);
+    EXPECT_EQ(Read(), 1);
+    EXPECT_EQ(Show(GetStatus()), "2: 1 30 vbr 1000000, 1 720 1");
+    EXPECT_EQ(GetText(260), "");
+}
+
+TEST_F(ConfigTest, SourceDeviceIdHasExactlyTwelveCharacters)
+{
+    EXPECT_EQ(SetSrcDeviceId("123456789012"), 1);
+    EXPECT_EQ(SetSrcDeviceId("12345678901"), 0);
+    EXPECT_EQ(SetSrcDeviceId("1234567890123"), 0);
+    EXPECT_TRUE(m_objLog.Has("ERROR src device id <1234567890123> len :13 err --["));
+    EXPECT_EQ(SetSrcDeviceId(std::string(200, 'i')), 0) << "a body without a NUL";
+    EXPECT_TRUE(m_objLog.Has("ERROR src device id <" + std::string(64, 'i') + "> len :64 err --["));
+    EXPECT_EQ(GetText(260), "123456789012");
+}
+
+TEST_F(ConfigTest, ThreadReadsTheFileAndStopsWhileItIsLocked)
+{
+    WriteParams({{"h264_stream_gop", "30"}});
+    fake_router::OnMessage(
+        [this](const MSG_DESC_INFO_S &i_stMsg, void *) { return m_objConfig.PushMsg(&i_stMsg); });
+    RQ_XMLParser objHolder(m_strPath.c_str());
+    ASSERT_EQ(objHolder.Parse(), 0U);
+    m_objConfig.Start();
+    EXPECT_TRUE(m_objLog.WaitFor("INFO thread info [config:"));
+    EXPECT_TRUE(m_objLog.WaitFor("WARN HandleReadConfigMsg " + m_strPath + " is locked"));
+    EXPECT_FALSE(m_objLog.Has("err<"));
+    RQ_XMLParser::AbandonLockWait();
+    m_objConfig.StopAndWaitForThread();
+    EXPECT_TRUE(m_objLog.Has("ERROR HandleReadConfigMsg " + m_strPath + " err<4> --["));
+    EXPECT_EQ(m_objLog.Count("is locked"), 1);
+    EXPECT_EQ(Show(GetStatus()), "2: 0 0  0, 0 0 0") << "the record is left unchanged";
+    const std::vector<MSG_DESC_INFO_S> stSent = fake_router::Sent(256);
+    ASSERT_EQ(stSent.size(), 1U);
+    MSG_DESC_INFO_S stExpected = MakeMsg(1, 0, 0, 256);
+    EXPECT_EQ(memcmp(&stSent[0], &stExpected, sizeof(stExpected)), 0);
+}
+} // namespace

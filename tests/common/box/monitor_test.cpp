@@ -1,0 +1,245 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/box/monitor.h"
+#include "tests/support/fake_router.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/moved_time.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
+
+namespace
+{
+namespace fs = std::filesystem;
+
+constexpr char kDescriptors[] = "/proc/self/fd";
+
+/* A monitor on a directory of the test's own, its thread and real files. */
+class MonitorTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        fs::create_directory(m_objRoot / "image");
+        fs::create_directory(m_objRoot / "made");
+        m_pMonitor = std::make_unique<CMonitor>((m_objRoot / "image/").string(), m_objPicture);
+        fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *) {
+            return i_stMsg.dst == 12 ? m_pMonitor->PushMsg(&i_stMsg) : 1;
+        });
+    }
+
+    /* Starts the thread and returns when its loop runs: it has sent a report. */
+    void Start()
+    {
+        m_pMonitor->Start();
+        ASSERT_TRUE(m_objLog.WaitFor("INFO start loop of monitor --["));
+        NextReport();
+    }
+
+    static std::vector<JPEG_FILE_STATUS_S> Reports()
+    {
+        std::vector<JPEG_FILE_STATUS_S> stReports;
+        for (const MSG_DESC_INFO_S &stMsg : fake_router::Sent(0x80A)) {
+            JPEG_FILE_STATUS_S stStatus;
+            memcpy(&stStatus, stMsg.payload, sizeof(stStatus));
+            stReports.push_back(stStatus);
+        }
+        return stReports;
+    }
+
+    /* Moves the time until one more report has come; its count. */
+    static UInt32 NextReport()
+    {
+        std::size_t u64Before = Reports().size();
+        for (int i = 0; i < 20; i++) {
+            moved_time::Advance(3000);
+            if (fake_router::WaitForSent(0x80A, u64Before + 1, std::chrono::milliseconds(1500))) {
+                return Reports().back().count;
+            }
+        }
+        ADD_FAILURE() << "no report";
+        return 0;
+    }
+
+    void MoveIn(const std::string &i_strName, const std::string &i_strContents)
+    {
+        std::ofstream(m_objRoot / "made" / "f") << i_strContents;
+        fs::rename(m_objRoot / "made" / "f", m_objRoot / "image" / i_strName);
+    }
+
+    bool WaitForPicture(const std::string &i_strContents)
+    {
+        return WaitUntil([&] { return ReadFile(m_objPicture) == i_strContents; });
+    }
+
+    CLogCapture m_objLog;
+    CTempDir m_objDir;
+    const fs::path m_objRoot = m_objDir.Path("");
+    const fs::path m_objPicture = m_objDir.Path("image.jpeg");
+    std::unique_ptr<CMonitor> m_pMonitor;
+};
+
+TEST_F(MonitorTest, PublishesWhatIsMovedInAndReportsTheCount)
+{
+    Start();
+    EXPECT_EQ(Reports().back().count, 0U);
+    std::uint64_t u64Slept = moved_time::SleptMicroseconds();
+    MoveIn("1.jpeg", "one");
+    EXPECT_TRUE(WaitForPicture("one"));
+    EXPECT_TRUE(m_objLog.Has("DEBUG file name: 1.jpeg --["));
+    EXPECT_GE(moved_time::SleptMicroseconds() - u64Slept, 20000U);
+
+    /* Made in place, and moved out: no pictures. */
+    std::ofstream(m_objRoot / "image" / "here") << "here";
+    fs::rename(m_objRoot / "image" / "here", m_objRoot / "made" / "away");
+    /* The loop sleeps over the first one, so that the rest queue up behind it. Names over the
+     * path buffer count, too, but stay. */
+    for (int i = 2; i <= 10; i++) {
+        MoveIn(std::string(200, 'n') + std::to_string(i), "long");
+        MoveIn(std::to_string(i), "picture " + std::to_string(i));
+    }
+    EXPECT_TRUE(WaitForPicture("picture 10"));
+    EXPECT_EQ(NextReport(), 19U);
+    EXPECT_FALSE(fs::exists(m_objPicture)); /* stale at the report */
+    EXPECT_EQ(EntriesIn(m_objRoot / "image"), 9);
+    EXPECT_EQ(m_objLog.Count("WARN file name too long: nnn"), 9);
+
+    MSG_DESC_INFO_S stMsg = fake_router::Sent(0x80A).back();
+    MSG_DESC_INFO_S stExpected = {1, 12, 2, 0, 0x80A, {}, {}};
+    memcpy(stExpected.payload, stMsg.payload, 8);
+    stExpected.payload[8] = 19;
+    EXPECT_EQ(memcmp(&stMsg, &stExpected, sizeof(stMsg)), 0);
+}
+
+TEST_F(MonitorTest, ReportsComeWhenMoreThanTwoSecondsHavePassed)
+{
+    Start();
+    moved_time::DivideSleeps(20);
+    std::size_t u64First = Reports().size();
+    for (int i = 0; i < 60; i++) {
+        moved_time::Advance(200);
+        MoveIn("p", std::to_string(i)); /* wakes the loop */
+        ASSERT_TRUE(WaitForPicture(std::to_string(i)));
+    }
+    std::vector<JPEG_FILE_STATUS_S> stReports = Reports();
+    ASSERT_GE(stReports.size(), u64First + 3);
+    SInt64 s64Least = INT64_MAX;
+    for (std::size_t i = u64First; i < stReports.size(); i++) {
+        s64Least = std::min(s64Least, stReports[i].time - stReports[i - 1].time);
+    }
+    EXPECT_EQ(s64Least, 3);
+
+    moved_time::Advance(-3600000);
+    NextReport();
+    EXPECT_LT(Reports().back().time, stReports.back().time);
+}
+
+TEST_F(MonitorTest, DirectoriesAndALostWatchDoNotStopTheReports)
+{
+    Start();
+    fs::create_directory(m_objRoot / "made" / "dir");
+    fs::rename(m_objRoot / "made" / "dir", m_objRoot / "image" / "dir");
+    ASSERT_TRUE(m_objLog.WaitFor("file name: dir"));
+    EXPECT_TRUE(WaitUntil([] { return NextReport() == 1; }));
+    EXPECT_FALSE(fs::exists(m_objPicture));
+    MoveIn("p", "after");
+    EXPECT_TRUE(WaitForPicture("after"));
+
+    /* What cannot be deleted is said, and the reports go on. */
+    fs::remove(m_objPicture);
+    fs::create_directories(m_objPicture / "full");
+    EXPECT_EQ(NextReport(), 2U);
+    EXPECT_TRUE(m_objLog.Has("WARN remove " + m_objPicture.string() + " errno:39 --["));
+
+    fs::remove_all(m_objRoot / "image");
+    EXPECT_EQ(NextReport(), 2U);
+    EXPECT_EQ(NextReport(), 2U);
+    EXPECT_FALSE(m_objLog.Has("ERROR"));
+}
+
+/* A reader of the published path gets a whole picture or none, whenever it looks. */
+TEST_F(MonitorTest, EveryPictureReadIsWhole)
+{
+    Start();
+    moved_time::DivideSleeps(1000);
+    std::atomic<bool> bStop{false};
+    std::thread objMaker([&] {
+        for (char c8 = 'a'; !bStop; c8 = c8 == 'z' ? 'a' : static_cast<char>(c8 + 1)) {
+            MoveIn(std::string(1, c8), std::string(20000, c8));
+        }
+    });
+    ASSERT_TRUE(m_objLog.WaitFor("DEBUG file name: z"));
+    int s32Read = 0;
+    for (int i = 0; i < 1000; i++) {
+        const std::string strPicture = ReadFile(m_objPicture);
+        s32Read += !strPicture.empty();
+        EXPECT_TRUE(strPicture.empty() || strPicture == std::string(20000, strPicture[0]));
+    }
+    bStop = true;
+    objMaker.join();
+    EXPECT_GT(s32Read, 100);
+}
+
+/* More arrivals than the kernel queues, while the loop is at its pauses. The name is over the path
+ * buffer, so that the file stays for the next move. */
+TEST_F(MonitorTest, LostArrivalsAndLinksDoNotStopThePublication)
+{
+    UInt32 u32Queue = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> u32Queue;
+    ASSERT_GT(u32Queue, 0U);
+    if (u32Queue > 200000) {
+        GTEST_SKIP() << u32Queue << " arrivals are queued here: too many to lose some";
+    }
+    Start();
+    std::ofstream(m_objRoot / "made" / "n") << "n";
+    for (UInt32 i = 0; i < u32Queue + 1000; i++) { /* the kernel merges the same name in a row */
+        const fs::path objArrived = m_objRoot / "image" / std::string(200 + i % 2, 'n');
+        fs::rename(m_objRoot / "made" / "n", objArrived);
+        fs::rename(objArrived, m_objRoot / "made" / "n");
+    }
+    moved_time::DivideSleeps(100000);
+    const UInt32 u32Count = NextReport();
+    EXPECT_GT(u32Count, 100U);
+    EXPECT_LT(u32Count, u32Queue + 1000); /* some were lost */
+
+    MoveIn("p", "after");
+    EXPECT_TRUE(WaitForPicture("after"));
+    /* Of a link, what is removed as stale is the link, also one that leads nowhere. */
+    for (const char *pTarget : {"target", "nowhere"}) {
+        std::ofstream(m_objRoot / "target") << "target";
+        fs::create_symlink(m_objRoot / pTarget, m_objRoot / "made" / "link");
+        fs::rename(m_objRoot / "made" / "link", m_objRoot / "image" / pTarget);
+        ASSERT_TRUE(m_objLog.WaitFor(std::string("DEBUG file name: ") + pTarget));
+        NextReport();
+        EXPECT_FALSE(fs::is_symlink(m_objPicture));
+        EXPECT_EQ(ReadFile(m_objRoot / "target"), "target");
+    }
+    EXPECT_EQ(NextReport(), u32Count + 3);
+    EXPECT_FALSE(m_objLog.Has("ERROR"));
+}
+
+TEST_F(MonitorTest, LeavesNoDescriptorAfterAStopOrAFailedWatch)
+{
+    const std::ptrdiff_t s64Before = EntriesIn(kDescriptors);
+    Start();
+    EXPECT_EQ(EntriesIn(kDescriptors), s64Before + 1);
+    m_pMonitor->StopAndWaitForThread();
+    EXPECT_TRUE(m_objLog.Has("INFO stop loop of monitor --["));
+    EXPECT_EQ(EntriesIn(kDescriptors), s64Before);
+
+    fs::remove_all(m_objRoot / "image");
+    EXPECT_EQ(m_pMonitor->main_loop(), -1);
+    EXPECT_EQ(m_objLog.Count("stop loop"), 1);
+    EXPECT_EQ(EntriesIn(kDescriptors), s64Before);
+}
+} // namespace

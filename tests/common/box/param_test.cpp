@@ -1,0 +1,325 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/box/param.h"
+#include "tests/support/temp_dir.h"
+
+namespace
+{
+std::string Param(const std::string &i_strName, const std::string &i_strText)
+{
+    return "<PARAM NAME=\"" + i_strName + "\" TYPE=\"string\">" + i_strText + "</PARAM>";
+}
+
+std::string InChannel1(const std::string &i_strParams)
+{
+    return "<CONFIGURATION><CHANNEL_1>" + i_strParams + "</CHANNEL_1></CONFIGURATION>";
+}
+
+class ParamTest : public testing::Test
+{
+protected:
+    ParamTest() : m_strPath(m_objDir.Path("param.xml")) {}
+
+    void SetUp() override
+    {
+        /* No rule may lean on what an earlier load left behind. */
+        for (const PARAM_S &stRow : g_aParams) {
+            memset(stRow.buffer, 'x', stRow.capacity - 1);
+        }
+    }
+
+    /* Loads the text as the daemon does at its start. */
+    PARAM_ROWS Load(const std::string &i_strText, Bool i_bWriteBack = false)
+    {
+        WriteFile(m_strPath, i_strText);
+        RQ_XMLParser objParser(m_strPath.c_str());
+        EXPECT_EQ(objParser.Parse(), 0U);
+        return ReadTheXML(objParser, i_bWriteBack);
+    }
+
+    static void ExpectDefaults()
+    {
+        for (const PARAM_S &stRow : g_aParams) {
+            EXPECT_STREQ(stRow.buffer, stRow.default_value) << stRow.name;
+        }
+    }
+
+    CTempDir m_objDir;
+    std::string m_strPath;
+};
+
+TEST_F(ParamTest, NothingUsableInTheFileYieldsTheDefaultsAndLeavesTheFile)
+{
+    const std::string strTexts[] = {
+        "",
+        "<CONFIGURATION></CONFIGURATION>",
+        "<CONFIGURATION><CHANNEL_1>",
+        "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"h264_stream_gop\">30</CHANNEL_1>",
+        "no markup at all",
+        "<OTHER><CHANNEL_1>" + Param("h264_stream_gop", "30") + "</CHANNEL_1></OTHER>",
+        "<CONFIGURATION><CHANNEL_2>" + Param("h264_stream_gop", "30") +
+            "</CHANNEL_2></CONFIGURATION>",
+        std::string(150000, '<'),
+    };
+    for (const std::string &strText : strTexts) {
+        SetUp();
+        Load(strText);
+        ExpectDefaults();
+        EXPECT_EQ(ReadFile(m_strPath), strText);
+    }
+    EXPECT_STREQ(g_szH264Bitrate, "1000000");
+    EXPECT_STREQ(g_szPreTransMode, "udp");
+    EXPECT_STREQ(g_szch_select + 512, "");
+}
+
+TEST_F(ParamTest, DamagedFileBecomesTheEmptyConfigurationWhenSaved)
+{
+    WriteFile(m_strPath, "<CONFIGURATION><CHANNEL_1>" + Param("h264_stream_gop", "30"));
+    RQ_XMLParser objParser(m_strPath.c_str());
+    EXPECT_EQ(objParser.Parse(), 0U);
+    objParser.UpdateFile();
+    EXPECT_EQ(ReadFile(m_strPath), "<CONFIGURATION/>\n");
+}
+
+TEST_F(ParamTest, MissingFileIsCreatedEmpty)
+{
+    umask(0);
+    RQ_XMLParser objParser(m_strPath.c_str());
+    EXPECT_EQ(objParser.Parse(), 0U);
+    EXPECT_STRNE(objParser.LoadError(), "");
+    ReadTheXML(objParser, false);
+    ExpectDefaults();
+    struct stat stStat = {};
+    ASSERT_EQ(stat(m_strPath.c_str(), &stStat), 0);
+    EXPECT_EQ(stStat.st_mode & 07777, 0770U);
+    EXPECT_EQ(stStat.st_size, 0);
+
+    RQ_XMLParser objNowhere(m_objDir.Path("no/such/param.xml").c_str());
+    EXPECT_EQ(objNowhere.Parse(), 0U);
+    EXPECT_NE(std::string(objNowhere.LoadError()).find("FILE_NOT_FOUND"), std::string::npos);
+}
+
+TEST_F(ParamTest, LookupFollowsTheDocumentsOrder)
+{
+    const std::string strPort = "media_cast_port";
+    const struct {
+        const char *pRule;
+        std::string strText;
+        const char *pPort;
+    } stCases[] = {
+        {"longest", InChannel1(Param(strPort, "1234567")), "1234567"},
+        {"one too long", InChannel1(Param(strPort, "12345678")), "59202"},
+        {"no text", InChannel1(Param(strPort, "")), "59202"},
+        {"text after a comment", InChannel1(Param(strPort, "<!-- c -->7")), "7"},
+        {"entities and blanks kept", InChannel1(Param(strPort, " &lt;&amp; ")), " <& "},
+        {"first of two", InChannel1(Param(strPort, "1") + Param(strPort, "2")), "1"},
+        {"case matters", InChannel1(Param("MEDIA_CAST_PORT", "1")), "59202"},
+        {"sibling of any name", InChannel1("<PARAM/><X NAME=\"media_cast_port\">3</X>"), "3"},
+        {"sibling ahead of the first PARAM",
+         InChannel1("<X NAME=\"media_cast_port\">3</X><PARAM/>"), "59202"},
+        {"only the first section",
+         "<CONFIGURATION><CHANNEL_1/><CHANNEL_1>" + Param(strPort, "4") +
+             "</CHANNEL_1></CONFIGURATION>",
+         "59202"},
+        {"roots of other names are passed", "<A/>" + InChannel1(Param(strPort, "6")), "6"},
+        {"not below another parameter", InChannel1("<PARAM>" + Param(strPort, "8") + "</PARAM>"),
+         "59202"},
+    };
+    for (const auto &stCase : stCases) {
+        SetUp();
+        Load(stCase.strText);
+        EXPECT_STREQ(g_szMediaCastPort, stCase.pPort) << stCase.pRule;
+    }
+}
+
+TEST_F(ParamTest, LookupEmptiesWhatDoesNotFitAndLeavesWhatIsNotThere)
+{
+    WriteFile(m_strPath, InChannel1(Param("a", "1234") + Param("b", "")));
+    RQ_XMLParser objParser(m_strPath.c_str());
+    ASSERT_EQ(objParser.Parse(), 0U);
+    char szValue[6] = "xxxxx";
+    EXPECT_EQ(objParser.GetXMLParamVal("CHANNEL_1", "c", szValue, 4), 0U);
+    EXPECT_EQ(objParser.GetXMLParamVal("CHANNEL_2", "a", szValue, 4), 0U);
+    EXPECT_STREQ(szValue, "xxxxx");
+    EXPECT_EQ(objParser.GetXMLParamVal("CHANNEL_1", "a", szValue, 4), 0U);
+    EXPECT_STREQ(szValue, "");
+    EXPECT_STREQ(szValue + 1, "xxxx");
+    EXPECT_EQ(objParser.GetXMLParamVal("CHANNEL_1", "a", szValue, 5), 1U);
+    EXPECT_STREQ(szValue, "1234");
+    EXPECT_EQ(objParser.GetXMLParamVal("CHANNEL_1", "b", szValue, 5), 0U);
+    EXPECT_STREQ(szValue, "");
+}
+
+/* The loader walks the section once; it has to find what a lookup per parameter finds. */
+TEST_F(ParamTest, OnePassFindsWhatSingleLookupsFind)
+{
+    const unsigned u32Seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(u32Seed));
+    std::mt19937 objRandom(u32Seed);
+    auto Below = [&](unsigned u32Limit) { return objRandom() % u32Limit; };
+    for (int s32Round = 0; s32Round < 300; s32Round++) {
+        std::string strParams;
+        for (unsigned i = Below(90); i > 0; i--) {
+            const PARAM_S &stRow = g_aParams[Below(37)];
+            std::string strName = Below(8) == 0 ? "unknown" : stRow.name;
+            std::string strText(Below(6) == 0 ? stRow.capacity - Below(2) : Below(7), 'v');
+            std::string strTag = Below(5) == 0 ? "X" : "PARAM";
+            std::string strAttribute = Below(9) == 0 ? "" : " NAME=\"" + strName + "\"";
+            strParams += "<" + strTag + strAttribute + ">" + strText + "</" + strTag + ">";
+        }
+        Load(InChannel1(strParams));
+        std::string strLoaded[37];
+        for (int i = 0; i < 37; i++) {
+            strLoaded[i] = g_aParams[i].buffer;
+        }
+        SetUp();
+        RQ_XMLParser objParser(m_strPath.c_str());
+        ASSERT_EQ(objParser.Parse(), 0U);
+        for (int i = 0; i < 37; i++) {
+            EXPECT_EQ(ReadTheParamFromXML(objParser, "CHANNEL_1", g_aParams[i].name), 37);
+            ASSERT_EQ(strLoaded[i], g_aParams[i].buffer) << g_aParams[i].name << strParams;
+        }
+    }
+}
+
+TEST_F(ParamTest, ReloadTouchesOnlyTheRowAskedFor)
+{
+    Load(InChannel1(Param("h264_stream_gop", "30") + Param("media_cast_port", "1")));
+    WriteFile(m_strPath, InChannel1(Param("media_cast_port", "2")));
+    RQ_XMLParser objParser(m_strPath.c_str());
+    ASSERT_EQ(objParser.Parse(), 0U);
+    ReadTheParamFromXML(objParser, "channel_1", "media_cast_port");
+    ReadTheParamFromXML(objParser, "CHANNEL_1", "media_cast");
+    EXPECT_STREQ(g_szMediaCastPort, "1");
+    ReadTheParamFromXML(objParser, "CHANNEL_1", "media_cast_port");
+    EXPECT_STREQ(g_szMediaCastPort, "2");
+    EXPECT_STREQ(g_szH264Gop, "30");
+    ReadTheParamFromXML(objParser, "CHANNEL_1", "h264_stream_gop");
+    EXPECT_STREQ(g_szH264Gop, "60");
+}
+
+TEST_F(ParamTest, WriteBackAppendsWhatIsMissingInTableOrder)
+{
+    Load(InChannel1(Param("media_cast_port", "123456789") + Param("h264_stream_gop", "30") +
+                    "<PARAM NAME=\"mine\" TYPE=\"int\">1</PARAM>" +
+                    "<PARAM NAME=\"stream_mode\" TYPE=\"int\"/>"),
+         true);
+    std::string strExpected = "<CONFIGURATION>\n    <CHANNEL_1>\n";
+    auto Expect = [&](const std::string &strParam) { strExpected += "        " + strParam + "\n"; };
+    Expect(Param("media_cast_port", "59202"));
+    Expect(Param("h264_stream_gop", "30"));
+    Expect("<PARAM NAME=\"mine\" TYPE=\"int\">1</PARAM>");
+    Expect(Param("stream_mode", "auto"));
+    for (const PARAM_S &stRow : g_aParams) {
+        if (strExpected.find("\"" + std::string(stRow.name) + "\"") == std::string::npos) {
+            Expect(Param(stRow.name, stRow.default_value));
+        }
+    }
+    const std::string strSaved = ReadFile(m_strPath);
+    EXPECT_EQ(strSaved, strExpected + "    </CHANNEL_1>\n</CONFIGURATION>\n");
+    Load(strSaved, true);
+    EXPECT_EQ(ReadFile(m_strPath), strSaved);
+}
+
+TEST_F(ParamTest, EditsAreSavedOnlyByUpdateFile)
+{
+    const std::string strBefore = InChannel1(Param("a", "1") + Param("a", "2"));
+    WriteFile(m_strPath, strBefore);
+    {
+        RQ_XMLParser objParser(m_strPath.c_str());
+        ASSERT_EQ(objParser.Parse(), 0U);
+        EXPECT_EQ(objParser.SetXMLParamVal("CHANNEL_1", "a", "int", "<3>"), 1);
+        EXPECT_EQ(objParser.SetXMLParamVal("CHANNEL_1", "b", "string", "4"), 1);
+        EXPECT_EQ(objParser.SetXMLParamVal("CHANNEL_2", "c", "string", "5"), 1);
+        EXPECT_EQ(objParser.DelXMLParam("CHANNEL_3", "a"), 0);
+        EXPECT_EQ(objParser.DelXMLParam("CHANNEL_1", "none"), 1);
+        EXPECT_EQ(ReadFile(m_strPath), strBefore);
+        objParser.UpdateFile();
+        EXPECT_EQ(ReadFile(m_strPath), "<CONFIGURATION>\n"
+                                       "    <CHANNEL_1>\n"
+                                       "        <PARAM NAME=\"a\" TYPE=\"int\">&lt;3&gt;</PARAM>\n"
+                                       "        <PARAM NAME=\"a\" TYPE=\"string\">2</PARAM>\n"
+                                       "        <PARAM NAME=\"b\" TYPE=\"string\">4</PARAM>\n"
+                                       "    </CHANNEL_1>\n"
+                                       "    <CHANNEL_2>\n"
+                                       "        <PARAM NAME=\"c\" TYPE=\"string\">5</PARAM>\n"
+                                       "    </CHANNEL_2>\n"
+                                       "</CONFIGURATION>\n");
+        EXPECT_EQ(objParser.DelXMLParam("CHANNEL_1", "a"), 1);
+        char szValue[8];
+        EXPECT_EQ(objParser.GetXMLParamVal("CHANNEL_1", "a", szValue, 8), 1U);
+        EXPECT_STREQ(szValue, "2");
+        EXPECT_EQ(objParser.Flush(), 0);
+        EXPECT_EQ(objParser.DelXMLParam("CHANNEL_1", "a"), 0);
+        objParser.UpdateFile();
+    }
+    EXPECT_EQ(ReadFile(m_strPath), "<CONFIGURATION/>\n");
+}
+
+TEST_F(ParamTest, PassesComeOneAfterTheOther)
+{
+    static std::atomic<int> s_s32Notices{0};
+    static std::atomic<bool> s_bFirstHolds{false};
+    WriteFile(m_strPath, InChannel1(Param("h264_stream_gop", "30")));
+    std::thread objSecond;
+    {
+        RQ_XMLParser objFirst(m_strPath.c_str());
+        ASSERT_EQ(objFirst.Parse(), 0U);
+        ASSERT_EQ(objFirst.Parse(), 0U) << "a second parse does not wait for its own lock";
+        s_bFirstHolds = true;
+        objSecond = std::thread([this] {
+            RQ_XMLParser objWaiting(m_strPath.c_str());
+            EXPECT_EQ(objWaiting.Parse([](const char *) { s_s32Notices++; }), 0U);
+            EXPECT_FALSE(s_bFirstHolds);
+            char szValue[8];
+            EXPECT_EQ(objWaiting.GetXMLParamVal("CHANNEL_1", "h264_stream_gop", szValue, 8), 1U);
+            EXPECT_STREQ(szValue, "25") << "what the first pass saved";
+        });
+        while (s_s32Notices == 0) {
+            std::this_thread::yield();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        objFirst.SetXMLParamVal("CHANNEL_1", "h264_stream_gop", "string", "25");
+        objFirst.UpdateFile();
+        s_bFirstHolds = false;
+    }
+    objSecond.join();
+    EXPECT_EQ(s_s32Notices, 1);
+}
+
+TEST_F(ParamTest, DescriptorsAreClosed)
+{
+    int s32Next = dup(2);
+    close(s32Next);
+    for (int i = 0; i < 100; i++) {
+        Load(InChannel1(""));
+    }
+    int s32After = dup(2);
+    close(s32After);
+    EXPECT_EQ(s32After, s32Next);
+}
+
+TEST_F(ParamTest, SampleFileHoldsEveryParameterAtItsDefault)
+{
+    const std::string strSample = ReadFile(MV3300_SOURCE_DIR "/packaging/param.xml");
+    WriteFile(m_strPath, strSample);
+    RQ_XMLParser objParser(m_strPath.c_str());
+    ASSERT_EQ(objParser.Parse(), 0U);
+    EXPECT_STREQ(objParser.LoadError(), "");
+    ReadTheXML(objParser, false);
+    ExpectDefaults();
+    for (const PARAM_S &stRow : g_aParams) {
+        EXPECT_NE(strSample.find(Param(stRow.name, stRow.default_value)), std::string::npos)
+            << stRow.name;
+    }
+}
+} // namespace
