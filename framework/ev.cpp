@@ -9,6 +9,7 @@
 #include "framework/ev.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/select.h>
@@ -17,6 +18,7 @@
 #include "framework/assertion.h"
 #include "framework/mutex.h"
 #include "framework/thread.h"
+#include "framework/unique_fd.h"
 
 namespace
 {
@@ -96,8 +98,7 @@ void HandleWakeUp()
     FD_CLR(g_aPipes[0], &g_stReturnedReadSet);
     g_s32NumFDsBackFromSelect--;
     for (SInt32 i = 0; i < kMaxDescriptors && g_pFDsToCloseArray[i] != kFreeSlot; i++) {
-        (void)close(g_pFDsToCloseArray[i]);
-        g_pFDsToCloseArray[i] = kFreeSlot;
+        UniqueFd objClosed(std::exchange(g_pFDsToCloseArray[i], kFreeSlot));
     }
 }
 

@@ -13,6 +13,7 @@
 #include "framework/atomic.h"
 #include "framework/mutex.h"
 #include "framework/task.h"
+#include "framework/unique_fd.h"
 
 namespace
 {
@@ -98,7 +99,7 @@ void CEventContext::Cleanup()
             m_pEventThread->m_objRefTable.UnRegister(&m_objRef, 0);
             select_removeevent(m_s32FileDesc);
         } else {
-            s32Err = close(m_s32FileDesc);
+            s32Err = UniqueFd(m_s32FileDesc).Close();
         }
     }
     m_s32FileDesc = kInvalidFileDesc;

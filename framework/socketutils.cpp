@@ -10,10 +10,10 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include "framework/assertion.h"
 #include "framework/mutex.h"
+#include "framework/unique_fd.h"
 
 UInt32 CSocketUtils::s_u32NumIPAddrs = 0;
 CSocketUtils::CIPAddrInfo *CSocketUtils::s_pIPAddrInfoArray = nullptr;
@@ -33,16 +33,14 @@ std::unique_ptr<char[]> CopyText(const char *i_pText)
  * refused. */
 int ReadInterfaceRecords(char *o_pBuffer, int i_s32Size)
 {
-    int s32Socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (s32Socket < 0) {
+    const UniqueFd objSocket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!objSocket) {
         return -1;
     }
     struct ifconf stConf = {};
     stConf.ifc_len = i_s32Size;
     stConf.ifc_buf = o_pBuffer;
-    int s32Err = ioctl(s32Socket, SIOCGIFCONF, &stConf);
-    close(s32Socket);
-    return s32Err < 0 ? -1 : stConf.ifc_len;
+    return ioctl(objSocket.Get(), SIOCGIFCONF, &stConf) < 0 ? -1 : stConf.ifc_len;
 }
 
 /* Calls i_objUse with the address of each whole record that holds an IPv4 address. */
