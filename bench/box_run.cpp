@@ -205,23 +205,6 @@ void WaitForLog(const char *i_pText, int i_s32Count)
     WaitForLine(kLog, i_pText, i_s32Count);
 }
 
-std::map<std::string, USED_S> UsedByThread(pid_t i_s32Pid)
-{
-    std::map<std::string, USED_S> objUsed;
-    const std::string strTasks = "/proc/" + std::to_string(i_s32Pid) + "/task";
-    for (const auto &objTask : std::filesystem::directory_iterator(strTasks)) {
-        const std::string strPath = objTask.path();
-        std::string strName = ReadAll(strPath + "/comm");
-        strName.erase(strName.find_last_not_of('\n') + 1);
-        USED_S &stUsed = objUsed[strName];
-        /* Nanoseconds on a processor come first in schedstat. */
-        stUsed.f64CpuSeconds += std::atof(ReadAll(strPath + "/schedstat").c_str()) / 1e9;
-        stUsed.f64Wakeups += StatusNumber(strPath + "/status", "\nvoluntary_ctxt_switches:");
-        stUsed.s32Threads++;
-    }
-    return objUsed;
-}
-
 double CpuSeconds(pid_t i_s32Pid)
 {
     CheckSpawned();

@@ -4,7 +4,6 @@
  */
 #pragma once
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -36,14 +35,6 @@ void SendTiming(const char *i_pEvent);
 void WaitForLine(const char *i_pFile, const char *i_pText, int i_s32Count);
 void WaitForLog(const char *i_pText, int i_s32Count);
 
-/* What a thread has used since its start. */
-struct USED_S {
-    double f64CpuSeconds = 0;
-    double f64Wakeups = 0; /* voluntary context switches */
-    int s32Threads = 0;
-};
-/* By the names of the threads that live. */
-std::map<std::string, USED_S> UsedByThread(pid_t i_s32Pid);
 /* Of the whole process, ended threads too. */
 double CpuSeconds(pid_t i_s32Pid);
 double RssMb(pid_t i_s32Pid);

@@ -67,8 +67,8 @@ template <typename Queue> void PushPop(benchmark::State &io_objState)
     }
     io_objState.SetItemsProcessed(io_objState.iterations() * s32Depth);
 }
-BENCHMARK(PushPop<CMsgQueue>)->Name("queue/push_pop/ours")->Arg(1)->Arg(8)->Arg(48);
-BENCHMARK(PushPop<CStdQueue>)->Name("queue/push_pop/std")->Arg(1)->Arg(8)->Arg(48);
+BENCHMARK(PushPop<CMsgQueue>)->Name("queue/push_pop/ours")->Arg(1)->Arg(48);
+BENCHMARK(PushPop<CStdQueue>)->Name("queue/push_pop/std")->Arg(1)->Arg(48);
 
 /* One message to another thread and one back. */
 template <typename Queue> void PingPong(benchmark::State &io_objState)

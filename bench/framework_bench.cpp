@@ -1,19 +1,72 @@
 /*
- * Tasks: from a signal to the run, and signals that merge into one that is pending.
+ * Tasks: from a signal to the run, and signals that merge into one that is pending. The loop of
+ * libevent has one thread by design.
  */
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
+
+#include <semaphore.h>
 
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
 #include <event2/thread.h>
 
-#include "bench/burst_bench.h"
 #include "bench/least_tasks.h"
 #include "framework/task.h"
 
 namespace
 {
+constexpr unsigned kThreads = 2; /* of a pool, as in the daemon */
+
+/* Counts the runs of a burst down and wakes the main thread at the last. */
+class CCountdown
+{
+public:
+    CCountdown() { sem_init(&m_stDone, 0, 0); }
+    void Start(int i_s32Runs) { m_s32Left.store(i_s32Runs); }
+    void Run()
+    {
+        if (m_s32Left.fetch_sub(1) == 1) {
+            sem_post(&m_stDone);
+        }
+    }
+    void Wait()
+    {
+        while (sem_wait(&m_stDone) != 0) {
+        }
+    }
+
+private:
+    std::atomic<int> m_s32Left{0};
+    sem_t m_stDone;
+};
+
+/* Tasks(COUNT, COUNTDOWN): so many tasks, of which Signal(INDEX) starts one. */
+template <typename Tasks> void Burst(benchmark::State &io_objState)
+{
+    const int s32Count = static_cast<int>(io_objState.range(0));
+    CCountdown objCountdown;
+    Tasks objTasks(s32Count, &objCountdown);
+    for (auto _ : io_objState) {
+        objCountdown.Start(s32Count);
+        for (int i = 0; i < s32Count; i++) {
+            objTasks.Signal(static_cast<std::size_t>(i));
+        }
+        objCountdown.Wait();
+    }
+    io_objState.SetItemsProcessed(io_objState.iterations() * s32Count);
+}
+
+#define BURST_BENCHMARK(tasks, name)                                                               \
+    BENCHMARK(Burst<tasks>)                                                                        \
+        ->Name("task/burst/" name)                                                                 \
+        ->RangeMultiplier(10)                                                                      \
+        ->Range(1, 1000)                                                                           \
+        ->MeasureProcessCPUTime()                                                                  \
+        ->UseRealTime()
+
 class COurTask : public CTask
 {
 public:
@@ -59,8 +112,7 @@ private:
     std::vector<CTask *> m_pTasks;
 };
 
-/* Without the yield it is no limit: it shows what the yield after each run costs. */
-template <bool bYield> class CLeastTasks
+class CLeastTasks
 {
 public:
     CLeastTasks(int i_s32Count, CCountdown *i_pCountdown)
@@ -81,12 +133,46 @@ private:
         CCountdown *pCountdown;
     };
     std::vector<std::unique_ptr<CLeastTask>> m_pTasks;
-    CLeastPool m_objPool{kThreads, bYield};
+    CLeastPool m_objPool{kThreads};
 };
 
 BURST_BENCHMARK(COurTasks, "ours");
-BURST_BENCHMARK(CLeastTasks<true>, "limit");
-BURST_BENCHMARK(CLeastTasks<false>, "no-yield");
+BURST_BENCHMARK(CLeastTasks, "limit");
+
+class CLibeventTasks
+{
+public:
+    CLibeventTasks(int i_s32Count, CCountdown *i_pCountdown)
+    {
+        evthread_use_pthreads();
+        m_pBase = event_base_new();
+        for (int i = 0; i < i_s32Count; i++) {
+            m_pEvents.push_back(event_new(m_pBase, -1, EV_READ, OnActive, i_pCountdown));
+        }
+        m_objThread = std::thread([this] { event_base_loop(m_pBase, EVLOOP_NO_EXIT_ON_EMPTY); });
+    }
+    ~CLibeventTasks()
+    {
+        event_base_loopbreak(m_pBase);
+        m_objThread.join();
+        for (event *pEvent : m_pEvents) {
+            event_free(pEvent);
+        }
+        event_base_free(m_pBase);
+    }
+    void Signal(std::size_t i_u64Index) { event_active(m_pEvents[i_u64Index], EV_READ, 1); }
+
+private:
+    static void OnActive(evutil_socket_t, short, void *i_pCountdown)
+    {
+        static_cast<CCountdown *>(i_pCountdown)->Run();
+    }
+
+    event_base *m_pBase;
+    std::vector<event *> m_pEvents;
+    std::thread m_objThread;
+};
+BURST_BENCHMARK(CLibeventTasks, "libevent");
 
 /* Waits for a delayed run for good, so that every signal meets one that is pending. */
 class CPendingTask : public CTask

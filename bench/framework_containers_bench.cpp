@@ -1,6 +1,5 @@
 /*
- * The timer heap and the reference table, beside what the standard library offers for the same, and
- * a cancelled timer beside libevent.
+ * The timer heap and the reference table, beside what the standard library offers for the same.
  */
 #include <condition_variable>
 #include <memory>
@@ -12,7 +11,6 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <event2/event.h>
 
 #include "framework/heap.h"
 #include "framework/ref.h"
@@ -69,46 +67,6 @@ BENCHMARK(FillAndDrain<CStdHeap>)
     ->Name("heap/fill_drain/std")
     ->RangeMultiplier(10)
     ->Range(1000, 1000000);
-
-/* A timer is set, as the latest, and cancelled while so many others are pending. */
-void CancelOurs(benchmark::State &io_objState)
-{
-    std::vector<CHeapElem> objElems(static_cast<std::size_t>(io_objState.range(0)));
-    CHeap objHeap(1024);
-    for (std::size_t i = 0; i < objElems.size(); i++) {
-        objElems[i].SetValue(static_cast<SInt64>(i));
-        objHeap.Insert(&objElems[i]);
-    }
-    CHeapElem objElem;
-    objElem.SetValue(1000000000);
-    for (auto _ : io_objState) {
-        objHeap.Insert(&objElem);
-        benchmark::DoNotOptimize(objHeap.Remove(&objElem));
-    }
-}
-
-void CancelLibevent(benchmark::State &io_objState)
-{
-    const auto objIgnore = [](evutil_socket_t, short, void *) {};
-    event_base *pBase = event_base_new();
-    std::vector<event *> pEvents;
-    for (long i = 0; i <= io_objState.range(0); i++) {
-        pEvents.push_back(evtimer_new(pBase, objIgnore, nullptr));
-        const struct timeval stDelay = {1000 + i, 0};
-        evtimer_add(pEvents.back(), &stDelay);
-    }
-    const struct timeval stLatest = {1000000, 0};
-    for (auto _ : io_objState) {
-        evtimer_add(pEvents.back(), &stLatest);
-        evtimer_del(pEvents.back());
-    }
-    for (event *pEvent : pEvents) {
-        event_free(pEvent);
-    }
-    event_base_free(pBase);
-}
-BENCHMARK(CancelOurs)->Name("heap/cancel/ours")->Arg(10)->Arg(1000)->Arg(10000);
-BENCHMARK(CancelLibevent)->Name("heap/cancel/libevent")->Arg(10)->Arg(1000)->Arg(10000);
 
 /* The table as the event thread has it: names are the bytes of ids that are given in turn. */
 class COurTable

@@ -6,7 +6,6 @@
  * that waits 5 ms at a time and one a second. Compared are the voluntary context switches and the
  * processor time. Run it by bench/run; its argument is the number of rounds.
  */
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -21,6 +20,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "bench/box_run.h"
 #include "framework/ev.h"
 #include "framework/idletask.h"
 #include "framework/socket.h"
@@ -153,11 +153,6 @@ RESULT_S Measure(void (*i_pStart)(), RESULT_S *io_pShared)
     return *io_pShared;
 }
 
-double Median(std::vector<double> i_f64Values)
-{
-    std::sort(i_f64Values.begin(), i_f64Values.end());
-    return i_f64Values[i_f64Values.size() / 2];
-}
 } // namespace
 
 int main(int argc, char **argv)
@@ -175,20 +170,7 @@ int main(int argc, char **argv)
         f64Switches[i % 2].push_back(stResult.f64Switches);
         f64CpuMs[i % 2].push_back(stResult.f64CpuMs);
     }
-    const auto objPrint = [](const char *i_pName, const std::vector<double>(&i_f64Values)[2],
-                             const char *i_pUnit) {
-        const double f64Ours = Median(i_f64Values[0]);
-        const double f64Limit = Median(i_f64Values[1]);
-        printf("%-35s ratio %.3f ", i_pName, f64Ours / f64Limit);
-        for (int i = 0; i < 2; i++) {
-            const auto [pLeast, pMost] =
-                std::minmax_element(i_f64Values[i].begin(), i_f64Values[i].end());
-            printf("  %s %.2f (%.2f to %.2f)", i == 0 ? "ours" : "reference",
-                   Median(i_f64Values[i]), *pLeast, *pMost);
-        }
-        printf("  %s\n", i_pUnit);
-    };
-    objPrint("idle/switches/limit", f64Switches, "a second");
-    objPrint("idle/cpu/limit", f64CpuMs, "ms a second");
+    Compare("idle, switches a second", f64Switches[0], f64Switches[1]);
+    Compare("idle, CPU, ms a second", f64CpuMs[0], f64CpuMs[1]);
     return 0;
 }

@@ -3,7 +3,7 @@
  *
  * The event words and the round robin are under one mutex; each worker has a list with a mutex and
  * a condition and looks at it at least every 5 ms; runs share a lock; a worker yields after a run.
- * There are no delayed runs, priorities, names or checks. A pool may be told not to yield.
+ * There are no delayed runs, priorities, names or checks.
  */
 #pragma once
 
@@ -35,7 +35,7 @@ private:
 class CLeastPool
 {
 public:
-    explicit CLeastPool(unsigned i_u32Threads, bool i_bYield = true) : m_bYield(i_bYield)
+    explicit CLeastPool(unsigned i_u32Threads)
     {
         for (unsigned i = 0; i < i_u32Threads; i++) {
             m_pWorkers.push_back(std::make_unique<CWorker>());
@@ -149,16 +149,13 @@ private:
                 i_pTask->m_u32Events = 0;
             }
             pthread_mutex_unlock(&m_stAtomicMutex);
-            if (m_bYield) {
-                sched_yield();
-            }
+            sched_yield();
         }
     }
 
     pthread_mutex_t m_stAtomicMutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_rwlock_t m_stRunLock = PTHREAD_RWLOCK_INITIALIZER;
     UInt32 m_u32Picker = 0;
-    const bool m_bYield;
     std::atomic<bool> m_bStop{false};
     std::vector<std::unique_ptr<CWorker>> m_pWorkers;
 };

@@ -1,6 +1,6 @@
 /*
- * The daemon's own work around its pipelines, in the bench box: publication of a picture, return
- * after a crash, and what its threads use while nothing is to be done and beside a stream.
+ * The daemon's own work around its pipelines, in the bench box: publication of a picture, and
+ * return after a crash.
  *
  * Fixed pauses are taken off and printed apart. Each measurement has a least program in the same
  * run, rounds interleaved: a loop that waits for a file, pauses and renames it; and a crash and a
@@ -172,54 +172,6 @@ void MeasureRestart(int i_s32Rounds)
     Compare("crash to answer over 1 s, ms", f64Ms[0], f64Ms[1]);
 }
 
-/* What every thread used in the time, and the sums of those that wake up by the clock, of the
- * daemon's others and of those that came with the pipelines (i_objIdle: who was there before). */
-void PrintUsage(const char *i_pWhen, pid_t i_s32Pid, int i_s32Seconds,
-                const std::map<std::string, USED_S> &i_objIdle)
-{
-    const std::map<std::string, const char *> objRules = {
-        {"timer", "10 ms by rule, of which the wait makes 5"}, {"0-thread", "5 ms by rule"}};
-    std::map<std::string, USED_S> objBefore = UsedByThread(i_s32Pid);
-    sleep(static_cast<unsigned>(i_s32Seconds));
-    USED_S stRules;
-    USED_S stOthers;
-    USED_S stPipelines;
-    auto Print = [&](const char *i_pName, const USED_S &i_stUsed, const char *i_pNote) {
-        printf("  %-16s %2d threads %6.2f %% CPU %8.1f wake-ups/s  %s\n", i_pName,
-               i_stUsed.s32Threads, i_stUsed.f64CpuSeconds * 100 / i_s32Seconds,
-               i_stUsed.f64Wakeups / i_s32Seconds, i_pNote);
-    };
-    printf("%s: %.1f MB\n", i_pWhen, RssMb(i_s32Pid));
-    for (auto &[strName, stUsed] : UsedByThread(i_s32Pid)) {
-        const USED_S &stBefore = objBefore[strName];
-        stUsed.f64CpuSeconds -= stBefore.f64CpuSeconds;
-        stUsed.f64Wakeups -= stBefore.f64Wakeups;
-        const auto itRule = objRules.find(strName);
-        const bool bRule = itRule != objRules.end();
-        const bool bPipeline = i_objIdle.count(strName) == 0;
-        Print(strName.c_str(), stUsed, bRule ? itRule->second : bPipeline ? "pipeline" : "");
-        USED_S &stSum = bPipeline ? stPipelines : bRule ? stRules : stOthers;
-        stSum.f64CpuSeconds += stUsed.f64CpuSeconds;
-        stSum.f64Wakeups += stUsed.f64Wakeups;
-        stSum.s32Threads += stUsed.s32Threads;
-    }
-    Print("sum", stRules, "woken by rule");
-    Print("sum", stOthers, "the daemon's others");
-    Print("sum", stPipelines, "pipelines");
-    fflush(stdout);
-}
-
-void MeasureThreads(int i_s32Seconds)
-{
-    const pid_t s32Daemon = StartDaemon();
-    const auto objIdle = UsedByThread(s32Daemon);
-    PrintUsage("idle", s32Daemon, i_s32Seconds, objIdle);
-    SendTiming("1280x720@30-0");
-    WaitForLog("Let's run [gst-h264]", 1);
-    sleep(4);
-    PrintUsage("streaming 1280x720@30", s32Daemon, i_s32Seconds, objIdle);
-    End(s32Daemon, SIGTERM);
-}
 } // namespace
 
 int main(int argc, char **argv)
@@ -233,6 +185,5 @@ int main(int argc, char **argv)
     PinToOneProcessor();
     MeasurePublication(s32Rounds * 20);
     MeasureRestart(s32Rounds);
-    MeasureThreads(s32Rounds * 2);
     return 0;
 }
