@@ -3,38 +3,21 @@
  */
 #include "app/stream_cmd.h"
 
+#include <array>
 #include <cstring>
 #include <memory>
+#include <tuple>
 
 #include <strings.h>
 
 #include "common/bus/log.h"
 #include "common/bus/msg_queue.h"
 #include "framework/udpsocket.h"
+#include "tlv/stream_settings.h"
 #include "tlv/tlv_box.h"
 
 namespace
 {
-/* Record types. A command's settings are numbered in the upper half of the type; the lower half
- * is 1 where the setting is asked for and 2 where it is set. */
-constexpr UInt32 kStreamCommand = 4;
-enum : UInt32 {
-    kGetH264Enable = 0x10001,
-    kGetH264Gop = 0x20001,
-    kGetH264Mode = 0x30001,
-    kGetH264Bitrate = 0x40001,
-    kGetPrevEnable = 0x50001,
-    kGetPrevHeight = 0x60001,
-    kGetPrevRefreshrate = 0x70001,
-    kSetH264Enable = 0x10002,
-    kSetH264Gop = 0x20002,
-    kSetH264Mode = 0x30002,
-    kSetH264Bitrate = 0x40002,
-    kSetPrevEnable = 0x50002,
-    kSetPrevHeight = 0x60002,
-    kSetPrevRefreshrate = 0x70002,
-};
-
 constexpr int kNotGiven = -1;
 constexpr UInt32 kReplyAddress = 0x7F000001;
 constexpr UInt16 kReplyPort = 8365;
@@ -44,23 +27,25 @@ struct BoxDeleter {
 };
 using Box = std::unique_ptr<tlv_box, BoxDeleter>;
 
-int Asked(const tlv_box *i_pCommand, UInt32 i_u32Type)
-{
-    return tlv_box_get_node(i_pCommand, i_u32Type) != nullptr ? 1 : 0;
-}
+/* One number per setting, in the table's order. */
+using CSettingInts = std::array<int, STREAM_SETTING_COUNT>;
 
-int Given(const tlv_box *i_pCommand, UInt32 i_u32Type)
+int GivenNumber(const tlv_box *i_pCommand, UInt32 i_u32Type)
 {
     int s32Value = kNotGiven;
-    tlv_box_get_int(i_pCommand, i_u32Type, &s32Value);
+    const tlv *pRecord = tlv_box_get_node(i_pCommand, i_u32Type);
+    /* The box fills a short number up with zeros, and a zero switches the stream off. */
+    if (pRecord != nullptr && pRecord->length >= sizeof(s32Value)) {
+        tlv_box_get_int(i_pCommand, i_u32Type, &s32Value);
+    }
     return s32Value;
 }
 
-int GivenMode(const tlv_box *i_pCommand)
+int GivenMode(const tlv_box *i_pCommand, UInt32 i_u32Type)
 {
     char szMode[128 + 1] = "";
     int s32Length = 128;
-    if (tlv_box_get_string(i_pCommand, kSetH264Mode, szMode, &s32Length) != 0) {
+    if (tlv_box_get_string(i_pCommand, i_u32Type, szMode, &s32Length) != 0) {
         return kNotGiven;
     }
     if (strcasecmp(szMode, "cbr") == 0) {
@@ -69,14 +54,35 @@ int GivenMode(const tlv_box *i_pCommand)
     return strcasecmp(szMode, "vbr") == 0 ? 1 : kNotGiven;
 }
 
+CSettingInts Asked(const tlv_box *i_pCommand)
+{
+    CSettingInts s32Asked;
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        s32Asked[i] = tlv_box_get_node(i_pCommand, STREAM_SETTINGS[i].u32Ask) != nullptr ? 1 : 0;
+    }
+    return s32Asked;
+}
+
+CSettingInts Given(const tlv_box *i_pCommand)
+{
+    CSettingInts s32Given;
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        const STREAM_SETTING_S &stSetting = STREAM_SETTINGS[i];
+        s32Given[i] = stSetting.eKind == SettingKind::Mode
+                          ? GivenMode(i_pCommand, stSetting.u32Set)
+                          : GivenNumber(i_pCommand, stSetting.u32Set);
+    }
+    return s32Given;
+}
+
 const char *EnableText(UInt32 i_u32Enable)
 {
     return i_u32Enable == 1 ? "true" : "false";
 }
 
-bool InRange(int i_s32Value, int i_s32Least, int i_s32Most)
+bool IsRefused(StreamSetting i_eSetting, int i_s32Value)
 {
-    return i_s32Value == kNotGiven || (i_s32Value >= i_s32Least && i_s32Value <= i_s32Most);
+    return i_s32Value != kNotGiven && !STREAM_SETTINGS[i_eSetting].Takes(i_s32Value);
 }
 
 STREAM_STATUS_S FetchStreamStatus()
@@ -109,19 +115,13 @@ int EventCallBack(char *i_pReceived, int i_s32Length, char *, int, int &)
     Box pBoxes(tlv_box_parse(i_pReceived, i_s32Length));
     LOG_INFO("boxes parse success, %d bytes ", tlv_box_get_size(pBoxes.get()));
     tlv_box *pNested = nullptr;
-    if (tlv_box_get_object(pBoxes.get(), kStreamCommand, &pNested) != 0) {
+    if (tlv_box_get_object(pBoxes.get(), STREAM_COMMAND_RECORD, &pNested) != 0) {
         LOG_ERROR("tlv_box_get_object h264 tag1 failed");
         return -1;
     }
     Box pCommand(pNested);
-    HandleH264PrevGetCmd(Asked(pNested, kGetH264Enable), Asked(pNested, kGetH264Gop),
-                         Asked(pNested, kGetH264Mode), Asked(pNested, kGetH264Bitrate),
-                         Asked(pNested, kGetPrevEnable), Asked(pNested, kGetPrevHeight),
-                         Asked(pNested, kGetPrevRefreshrate));
-    HandleH264PrevSetCmd(Given(pNested, kSetH264Enable), Given(pNested, kSetH264Gop),
-                         GivenMode(pNested), Given(pNested, kSetH264Bitrate),
-                         Given(pNested, kSetPrevEnable), Given(pNested, kSetPrevHeight),
-                         Given(pNested, kSetPrevRefreshrate));
+    std::apply(HandleH264PrevGetCmd, Asked(pNested));
+    std::apply(HandleH264PrevSetCmd, Given(pNested));
     return 0;
 }
 
@@ -138,19 +138,19 @@ int HandleH264PrevSetCmd(int i_s32H264Enable, int i_s32H264Gop, int i_s32H264Mod
         i_s32H264Enable != kNotGiven || i_s32H264Gop != kNotGiven || i_s32H264Bitrate != kNotGiven;
     const bool bPreview = i_s32PrevEnable != kNotGiven || i_s32PrevHeight != kNotGiven ||
                           i_s32PrevRefreshrate != kNotGiven;
-    if (!InRange(i_s32H264Gop, 2, 120)) {
+    if (IsRefused(SETTING_GOP, i_s32H264Gop)) {
         LOG_ERROR("invalid h264 gop :%d, valid [2,120]", i_s32H264Gop);
         return -1;
     }
-    if (!InRange(i_s32H264Bitrate, 100000, 10000000)) {
+    if (IsRefused(SETTING_BITRATE, i_s32H264Bitrate)) {
         LOG_ERROR("invalid h264 bitrate :%d", i_s32H264Bitrate);
         return -1;
     }
-    if (!InRange(i_s32PrevHeight, 270, 1080)) {
+    if (IsRefused(SETTING_HEIGHT, i_s32PrevHeight)) {
         LOG_ERROR("invalid preview height :%d", i_s32PrevHeight);
         return -1;
     }
-    if (!InRange(i_s32PrevRefreshrate, 1, 10)) {
+    if (IsRefused(SETTING_REFRESHRATE, i_s32PrevRefreshrate)) {
         LOG_ERROR("invalid preview refreshrate :%d", i_s32PrevRefreshrate);
         return -1;
     }
@@ -189,31 +189,32 @@ int HandleH264PrevGetCmd(int i_s32H264Enable, int i_s32H264Gop, int i_s32H264Mod
     }
     const STREAM_STATUS_S stStatus = FetchStreamStatus();
     Box pReply(tlv_box_create());
-    auto PutInt = [&](int i_s32Asked, UInt32 i_u32Type, UInt32 i_u32Value) {
+    auto PutInt = [&](int i_s32Asked, StreamSetting i_eSetting, UInt32 i_u32Value) {
         if (i_s32Asked) {
-            tlv_box_put_int(pReply.get(), i_u32Type, static_cast<SInt32>(i_u32Value));
+            tlv_box_put_int(pReply.get(), STREAM_SETTINGS[i_eSetting].u32Ask,
+                            static_cast<SInt32>(i_u32Value));
         }
     };
-    auto PutText = [&](int i_s32Asked, UInt32 i_u32Type, const char *i_pText) {
+    auto PutText = [&](int i_s32Asked, StreamSetting i_eSetting, const char *i_pText) {
         if (i_s32Asked) {
-            tlv_box_put_string(pReply.get(), i_u32Type, i_pText);
+            tlv_box_put_string(pReply.get(), STREAM_SETTINGS[i_eSetting].u32Ask, i_pText);
         }
     };
     char szMode[sizeof(stStatus.szH264Mode) + 1] = "";
     memcpy(szMode, stStatus.szH264Mode, sizeof(stStatus.szH264Mode));
-    PutText(i_s32H264Enable, kGetH264Enable, EnableText(stStatus.u32H264Enable));
-    PutInt(i_s32H264Gop, kGetH264Gop, stStatus.u32H264Gop);
-    PutText(i_s32H264Mode, kGetH264Mode, szMode);
-    PutInt(i_s32H264Bitrate, kGetH264Bitrate, stStatus.u32H264Bitrate);
-    PutText(i_s32PrevEnable, kGetPrevEnable, EnableText(stStatus.u32PrevEnable));
-    PutInt(i_s32PrevHeight, kGetPrevHeight, stStatus.u32PrevHeight);
-    PutInt(i_s32PrevRefreshrate, kGetPrevRefreshrate, stStatus.u32PrevRefreshrate);
+    PutText(i_s32H264Enable, SETTING_H264, EnableText(stStatus.u32H264Enable));
+    PutInt(i_s32H264Gop, SETTING_GOP, stStatus.u32H264Gop);
+    PutText(i_s32H264Mode, SETTING_MODE, szMode);
+    PutInt(i_s32H264Bitrate, SETTING_BITRATE, stStatus.u32H264Bitrate);
+    PutText(i_s32PrevEnable, SETTING_PREVIEW, EnableText(stStatus.u32PrevEnable));
+    PutInt(i_s32PrevHeight, SETTING_HEIGHT, stStatus.u32PrevHeight);
+    PutInt(i_s32PrevRefreshrate, SETTING_REFRESHRATE, stStatus.u32PrevRefreshrate);
     if (tlv_box_serialize(pReply.get()) != 0) {
         LOG_ERROR("box serialize failed");
         return -1;
     }
     Box pOuter(tlv_box_create());
-    tlv_box_put_object(pOuter.get(), kStreamCommand, pReply.get());
+    tlv_box_put_object(pOuter.get(), STREAM_COMMAND_RECORD, pReply.get());
     if (tlv_box_serialize(pOuter.get()) != 0) {
         LOG_ERROR("boxes serialize failed");
         return -1;

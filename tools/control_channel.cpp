@@ -87,7 +87,7 @@ int PendingError(int i_s32Fd)
 
 bool IsComplete(const CFieldValues &i_objValues, const CFieldAsks &i_objAsks)
 {
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objValues[i].has_value() != i_objAsks[i]) {
             return false;
         }

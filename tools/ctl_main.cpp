@@ -26,7 +26,7 @@ struct OPTIONS_S {
     bool bJson = false;
     std::string strTimeout;
     std::vector<std::string> strFields;
-    std::array<std::string, STREAM_FIELD_COUNT> strValues;
+    std::array<std::string, STREAM_SETTING_COUNT> strValues;
     std::string strInterval = "1s";
     std::string strFor;
 };
@@ -57,7 +57,7 @@ public:
         CFieldValues objAsked;
         std::string strError = "give at least one value to set, such as --bitrate 2M";
         bool bAny = false;
-        for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+        for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
             if (i_stOptions.strValues[i].empty()) {
                 continue;
             }
@@ -84,7 +84,7 @@ public:
         while (true) {
             const ANSWER_S stAnswer = Ask({}, m_objTimeout);
             const bool bAnswered = stAnswer.eResult == AskResult::Answered;
-            if (!bAnswered && !objLast[STREAM_FIELD_H264]) {
+            if (!bAnswered && !objLast[SETTING_H264]) {
                 return Fail(stAnswer);
             }
             if (bAnswered) {
@@ -146,9 +146,9 @@ private:
                                  const std::vector<std::string> &i_strFields)
     {
         CFieldValues objSelected;
-        for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+        for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
             if (i_strFields.empty() ||
-                std::count(i_strFields.begin(), i_strFields.end(), STREAM_FIELDS[i].pName) > 0) {
+                std::count(i_strFields.begin(), i_strFields.end(), STREAM_SETTINGS[i].pName) > 0) {
                 objSelected[i] = i_objValues[i];
             }
         }
@@ -201,9 +201,8 @@ private:
             return;
         }
         std::strftime(szTime, sizeof(szTime), "%H:%M:%S", &stLocal);
-        std::istringstream objLines(i_objLast[STREAM_FIELD_H264]
-                                        ? FormatChanges(i_objLast, i_objNow)
-                                        : FormatTable(i_objNow));
+        std::istringstream objLines(i_objLast[SETTING_H264] ? FormatChanges(i_objLast, i_objNow)
+                                                            : FormatTable(i_objNow));
         for (std::string strLine; std::getline(objLines, strLine);) {
             m_objOut << szTime << "  " << strLine << "\n";
         }
@@ -238,18 +237,18 @@ void Describe(CLI::App &io_objApp, OPTIONS_S &o_stOptions)
 
     CLI::App *pGet = io_objApp.add_subcommand("get", "Show the settings");
     std::vector<std::string> strNames;
-    strNames.reserve(STREAM_FIELD_COUNT);
-    for (const STREAM_FIELD_S &stField : STREAM_FIELDS) {
+    strNames.reserve(STREAM_SETTING_COUNT);
+    for (const STREAM_SETTING_S &stField : STREAM_SETTINGS) {
         strNames.emplace_back(stField.pName);
     }
     pGet->add_option("FIELD", o_stOptions.strFields, "Only these settings")
         ->check(CLI::IsMember(strNames));
 
     CLI::App *pSet = io_objApp.add_subcommand("set", "Change settings and tell what took effect");
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
-        const STREAM_FIELD_S &stField = STREAM_FIELDS[i];
-        std::string strHelp = stField.pHelp;
-        if (stField.eKind == FieldKind::Number) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        const STREAM_SETTING_S &stField = STREAM_SETTINGS[i];
+        std::string strHelp = FIELD_TEXTS[i].pHelp;
+        if (stField.eKind == SettingKind::Number) {
             strHelp += ", " + FormatRange(i);
         }
         pSet->add_option("--" + std::string(stField.pName), o_stOptions.strValues[i], strHelp)

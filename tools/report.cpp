@@ -40,7 +40,7 @@ std::string Padded(const std::string &i_strText, std::size_t i_u64Width)
 
 std::string Name(std::size_t i_u64Field)
 {
-    return Padded(STREAM_FIELDS[i_u64Field].pName, 13);
+    return Padded(STREAM_SETTINGS[i_u64Field].pName, 13);
 }
 
 std::string Arrow(std::size_t i_u64Field, const CFieldValue &i_xFrom, const CFieldValue &i_xTo)
@@ -64,7 +64,7 @@ const char *OutcomeName(SetOutcome i_eOutcome)
 
 bool AreAllInRange(const CFieldValues &i_objAsked)
 {
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objAsked[i] && !IsInRange(i, *i_objAsked[i])) {
             return false;
         }
@@ -75,7 +75,7 @@ bool AreAllInRange(const CFieldValues &i_objAsked)
 void Explain(SET_RESULT_S &io_stResult, bool i_bAllInRange)
 {
     io_stResult.eOutcome = SetOutcome::Refused;
-    if (io_stResult.u64Field == STREAM_FIELD_MODE) {
+    if (io_stResult.u64Field == SETTING_MODE) {
         io_stResult.strReason = kNotCarried;
     } else if (!IsInRange(io_stResult.u64Field, io_stResult.xAsked)) {
         io_stResult.strReason = "the control channel takes " + FormatRange(io_stResult.u64Field);
@@ -105,7 +105,7 @@ std::vector<SET_RESULT_S> JudgeSet(const CFieldValues &i_objAsked, const CFieldV
 {
     const bool bAllInRange = AreAllInRange(i_objAsked);
     std::vector<SET_RESULT_S> objResults;
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (!i_objAsked[i]) {
             continue;
         }
@@ -127,8 +127,8 @@ Bool IsSetPending(const CFieldValues &i_objAsked, const CFieldValues &i_objNow)
     if (!AreAllInRange(i_objAsked)) {
         return false;
     }
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
-        if (i_objAsked[i] && i != STREAM_FIELD_MODE && i_objAsked[i] != i_objNow[i]) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        if (i_objAsked[i] && i != SETTING_MODE && i_objAsked[i] != i_objNow[i]) {
             return true;
         }
     }
@@ -138,11 +138,11 @@ Bool IsSetPending(const CFieldValues &i_objAsked, const CFieldValues &i_objNow)
 std::string FormatTable(const CFieldValues &i_objValues)
 {
     std::string strTable;
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (!i_objValues[i]) {
             continue;
         }
-        const std::string strUnit = STREAM_FIELDS[i].pUnit;
+        const std::string strUnit = FIELD_TEXTS[i].pUnit;
         const std::string strValue = FormatField(i, *i_objValues[i]);
         strTable += Name(i) + (strUnit.empty() ? strValue : Padded(strValue, 9) + strUnit) + "\n";
     }
@@ -152,9 +152,9 @@ std::string FormatTable(const CFieldValues &i_objValues)
 std::string FormatJson(const CFieldValues &i_objValues)
 {
     CJson objJson = CJson::object();
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objValues[i]) {
-            objJson[STREAM_FIELDS[i].pName] = ToJson(*i_objValues[i]);
+            objJson[STREAM_SETTINGS[i].pName] = ToJson(*i_objValues[i]);
         }
     }
     return Line(objJson);
@@ -168,7 +168,7 @@ std::string FormatSet(const std::vector<SET_RESULT_S> &i_objResults)
         strText += Name(stResult.u64Field);
         if (stResult.eOutcome == SetOutcome::Taken) {
             strText += Arrow(stResult.u64Field, stResult.xBefore, stResult.xNow) + "  taken" +
-                       (stResult.u64Field == STREAM_FIELD_REFRESHRATE ? kNotApplied : "") + "\n";
+                       (stResult.u64Field == SETTING_REFRESHRATE ? kNotApplied : "") + "\n";
         } else if (stResult.eOutcome == SetOutcome::Already) {
             strText += strNow + "  already so\n";
         } else {
@@ -184,7 +184,7 @@ std::string FormatSetJson(const std::vector<SET_RESULT_S> &i_objResults)
     CJson objFields = CJson::array();
     bool bOk = true;
     for (const SET_RESULT_S &stResult : i_objResults) {
-        CJson objField = {{"field", STREAM_FIELDS[stResult.u64Field].pName},
+        CJson objField = {{"field", STREAM_SETTINGS[stResult.u64Field].pName},
                           {"asked", ToJson(stResult.xAsked)},
                           {"before", ToJson(stResult.xBefore)},
                           {"now", ToJson(stResult.xNow)},
@@ -201,7 +201,7 @@ std::string FormatSetJson(const std::vector<SET_RESULT_S> &i_objResults)
 std::string FormatChanges(const CFieldValues &i_objBefore, const CFieldValues &i_objNow)
 {
     std::string strText;
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objBefore[i] && i_objNow[i] && i_objBefore[i] != i_objNow[i]) {
             strText += Name(i) + Arrow(i, *i_objBefore[i], *i_objNow[i]) + "\n";
         }
@@ -213,9 +213,9 @@ std::string FormatChangesJson(const std::string &i_strTime, const CFieldValues &
                               const CFieldValues &i_objNow)
 {
     CJson objChanges = CJson::object();
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objNow[i] && i_objBefore[i] != i_objNow[i]) {
-            objChanges[STREAM_FIELDS[i].pName] = ToJson(*i_objNow[i]);
+            objChanges[STREAM_SETTINGS[i].pName] = ToJson(*i_objNow[i]);
         }
     }
     return Line({{"time", i_strTime}, {"changes", objChanges}});

@@ -12,19 +12,10 @@
 
 namespace
 {
-constexpr UInt32 kStreamCommand = 4;
-constexpr UInt32 kAsk = 1;
-constexpr UInt32 kSet = 2;
-
 struct CDestroyBox {
     void operator()(tlv_box *i_pBox) const { tlv_box_destroy(i_pBox); }
 };
 using CBox = std::unique_ptr<tlv_box, CDestroyBox>;
-
-UInt32 Type(std::size_t i_u64Field, UInt32 i_u32Use)
-{
-    return static_cast<UInt32>(i_u64Field + 1) << 16 | i_u32Use;
-}
 
 /* Every type is put once and nothing is large, so only memory can be the reason. */
 void Require(int i_s32Result)
@@ -45,11 +36,11 @@ void PutValue(tlv_box *i_pBox, UInt32 i_u32Type, const CFieldValue &i_xValue)
     }
 }
 
-std::optional<CFieldValue> ReadValue(FieldKind i_eKind, const tlv *i_pRecord)
+std::optional<CFieldValue> ReadValue(SettingKind i_eKind, const tlv *i_pRecord)
 {
     const char *pBytes = reinterpret_cast<const char *>(i_pRecord->value);
     const std::size_t u64Length = i_pRecord->length;
-    if (i_eKind == FieldKind::Number) {
+    if (i_eKind == SettingKind::Number) {
         SInt32 s32Value = 0;
         if (u64Length != sizeof(s32Value)) {
             return std::nullopt;
@@ -59,7 +50,7 @@ std::optional<CFieldValue> ReadValue(FieldKind i_eKind, const tlv *i_pRecord)
     }
     /* The text ends at its zero; a sender that forgot it is read to the end of the record. */
     const std::string strText(pBytes, strnlen(pBytes, u64Length));
-    if (i_eKind == FieldKind::Mode) {
+    if (i_eKind == SettingKind::Mode) {
         return strText;
     }
     if (strText != "true" && strText != "false") {
@@ -73,18 +64,18 @@ std::string EncodeStreamCommand(const CFieldAsks &i_objAsks, const CFieldValues 
 {
     const CBox pNested(tlv_box_create());
     const CBox pOuter(tlv_box_create());
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objAsks[i]) {
-            Require(tlv_box_put_int(pNested.get(), Type(i, kAsk), 1));
+            Require(tlv_box_put_int(pNested.get(), STREAM_SETTINGS[i].u32Ask, 1));
         }
     }
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objSets[i]) {
-            PutValue(pNested.get(), Type(i, kSet), *i_objSets[i]);
+            PutValue(pNested.get(), STREAM_SETTINGS[i].u32Set, *i_objSets[i]);
         }
     }
     Require(tlv_box_serialize(pNested.get()));
-    Require(tlv_box_put_object(pOuter.get(), kStreamCommand, pNested.get()));
+    Require(tlv_box_put_object(pOuter.get(), STREAM_COMMAND_RECORD, pNested.get()));
     Require(tlv_box_serialize(pOuter.get()));
     return {reinterpret_cast<const char *>(tlv_box_get_buffer(pOuter.get())),
             static_cast<std::size_t>(tlv_box_get_size(pOuter.get()))};
@@ -94,17 +85,17 @@ std::optional<CFieldValues> DecodeStreamReply(const std::string &i_strBytes)
 {
     const CBox pOuter(tlv_box_parse(i_strBytes.data(), static_cast<int>(i_strBytes.size())));
     tlv_box *pObject = nullptr;
-    if (tlv_box_get_object(pOuter.get(), kStreamCommand, &pObject) != 0) {
+    if (tlv_box_get_object(pOuter.get(), STREAM_COMMAND_RECORD, &pObject) != 0) {
         return std::nullopt;
     }
     const CBox pNested(pObject);
     CFieldValues objValues;
-    for (std::size_t i = 0; i < STREAM_FIELD_COUNT; i++) {
-        const tlv *pRecord = tlv_box_get_node(pNested.get(), Type(i, kAsk));
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        const tlv *pRecord = tlv_box_get_node(pNested.get(), STREAM_SETTINGS[i].u32Ask);
         if (pRecord == nullptr) {
             continue;
         }
-        objValues[i] = ReadValue(STREAM_FIELDS[i].eKind, pRecord);
+        objValues[i] = ReadValue(STREAM_SETTINGS[i].eKind, pRecord);
         if (!objValues[i]) {
             return std::nullopt;
         }

@@ -1,8 +1,5 @@
 /*
  * The stream command on the wire: the request that asks for fields and sets others, and the reply.
- *
- * Both are a box whose record 4 holds a nested box, and in there field n (from 1) has the record
- * types n * 0x10000 + 1 for asking and answering, + 2 for setting.
  */
 #pragma once
 
@@ -12,7 +9,7 @@
 
 #include "tools/stream_fields.h"
 
-using CFieldAsks = std::array<Bool, STREAM_FIELD_COUNT>;
+using CFieldAsks = std::array<Bool, STREAM_SETTING_COUNT>;
 
 /* The bytes of a request; the daemon answers with the asked fields as they were before the sets.
  * It does not answer at all unless one of the two flags is among them. */

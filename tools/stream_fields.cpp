@@ -1,5 +1,5 @@
 /*
- * The seven settings that the control channel carries, by name and in human units.
+ * The settings as people write and read them.
  */
 #include "tools/stream_fields.h"
 
@@ -10,21 +10,18 @@
 
 #include <strings.h>
 
-const std::array<STREAM_FIELD_S, STREAM_FIELD_COUNT> STREAM_FIELDS = {{
-    {"h264", FieldKind::Flag, 0, 1, "", "the H.264 stream: on or off"},
-    {"gop", FieldKind::Number, 2, 120, "frames", "frames from one key frame to the next"},
-    {"mode", FieldKind::Mode, 0, 0, "", "rate control: cbr or vbr (has no effect)"},
-    {"bitrate", FieldKind::Number, 100000, 10000000, "bit/s", "bit rate, such as 2M or 1500k"},
-    {"preview", FieldKind::Flag, 0, 1, "", "the preview pictures: on or off"},
-    {"height", FieldKind::Number, 270, 1080, "lines", "height of the preview pictures"},
-    {"refreshrate", FieldKind::Number, 1, 10, "pictures/s",
-     "preview pictures per second (kept, not applied)"},
+const std::array<FIELD_TEXTS_S, STREAM_SETTING_COUNT> FIELD_TEXTS = {{
+    {"", "the H.264 stream: on or off"},
+    {"frames", "frames from one key frame to the next"},
+    {"", "rate control: cbr or vbr (has no effect)"},
+    {"bit/s", "bit rate, such as 2M or 1500k"},
+    {"", "the preview pictures: on or off"},
+    {"lines", "height of the preview pictures"},
+    {"pictures/s", "preview pictures per second (kept, not applied)"},
 }};
 
 namespace
 {
-constexpr std::size_t kFieldBitrate = 3;
-
 struct SUFFIX_S {
     const char *pText;
     SInt64 s64Factor;
@@ -94,7 +91,7 @@ std::optional<CFieldValue> ParseMode(const std::string &i_strText)
 std::optional<CFieldValue> ParseNumber(std::size_t i_u64Field, const std::string &i_strText)
 {
     const std::optional<SInt64> objNumber =
-        i_u64Field == kFieldBitrate
+        i_u64Field == SETTING_BITRATE
             ? ParseScaled(
                   i_strText,
                   {{"", 1}, {"k", 1000}, {"M", 1000000}, {"kbit/s", 1000}, {"Mbit/s", 1000000}})
@@ -129,22 +126,22 @@ std::optional<CFieldValue> ParseField(std::size_t i_u64Field, const std::string 
 {
     std::optional<CFieldValue> objValue;
     std::string strWanted;
-    switch (STREAM_FIELDS[i_u64Field].eKind) {
-    case FieldKind::Flag:
+    switch (STREAM_SETTINGS[i_u64Field].eKind) {
+    case SettingKind::Flag:
         objValue = ParseFlag(i_strText);
         strWanted = "on or off";
         break;
-    case FieldKind::Mode:
+    case SettingKind::Mode:
         objValue = ParseMode(i_strText);
         strWanted = "cbr or vbr";
         break;
-    case FieldKind::Number:
+    case SettingKind::Number:
         objValue = ParseNumber(i_u64Field, i_strText);
         strWanted = FormatRange(i_u64Field);
         break;
     }
     if (!objValue) {
-        o_strError = "--" + std::string(STREAM_FIELDS[i_u64Field].pName) + ": '" + i_strText +
+        o_strError = "--" + std::string(STREAM_SETTINGS[i_u64Field].pName) + ": '" + i_strText +
                      "' is not a value; give " + strWanted;
     }
     return objValue;
@@ -166,7 +163,7 @@ std::string FormatField(std::size_t i_u64Field, const CFieldValue &i_xValue)
         return *pFlag ? "on" : "off";
     }
     if (const auto *pNumber = std::get_if<SInt32>(&i_xValue)) {
-        return i_u64Field == kFieldBitrate ? FormatBitrate(*pNumber) : std::to_string(*pNumber);
+        return i_u64Field == SETTING_BITRATE ? FormatBitrate(*pNumber) : std::to_string(*pNumber);
     }
     std::string strText = std::get<std::string>(i_xValue);
     for (char &s8Char : strText) {
@@ -177,14 +174,13 @@ std::string FormatField(std::size_t i_u64Field, const CFieldValue &i_xValue)
 
 std::string FormatRange(std::size_t i_u64Field)
 {
-    const STREAM_FIELD_S &stField = STREAM_FIELDS[i_u64Field];
-    return FormatField(i_u64Field, stField.s32Least) + " to " +
-           FormatField(i_u64Field, stField.s32Most) + " " + stField.pUnit;
+    const STREAM_SETTING_S &stSetting = STREAM_SETTINGS[i_u64Field];
+    return FormatField(i_u64Field, stSetting.s32Least) + " to " +
+           FormatField(i_u64Field, stSetting.s32Most) + " " + FIELD_TEXTS[i_u64Field].pUnit;
 }
 
 Bool IsInRange(std::size_t i_u64Field, const CFieldValue &i_xValue)
 {
     const auto *pNumber = std::get_if<SInt32>(&i_xValue);
-    const STREAM_FIELD_S &stField = STREAM_FIELDS[i_u64Field];
-    return pNumber == nullptr || (*pNumber >= stField.s32Least && *pNumber <= stField.s32Most);
+    return pNumber == nullptr || STREAM_SETTINGS[i_u64Field].Takes(*pNumber);
 }

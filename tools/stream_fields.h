@@ -1,6 +1,6 @@
 /*
- * The seven settings that the control channel carries, by name and in human units: what they are
- * called, what the daemon takes, how a person writes them and how they are shown.
+ * The settings of tlv/stream_settings.h as people write and read them. A field is a setting's place
+ * in that table.
  *
  * Functions without state; any thread may call them.
  */
@@ -13,29 +13,17 @@
 #include <variant>
 
 #include "framework/types.h"
+#include "tlv/stream_settings.h"
 
-constexpr std::size_t STREAM_FIELD_COUNT = 7;
-constexpr std::size_t STREAM_FIELD_H264 = 0;
-constexpr std::size_t STREAM_FIELD_MODE = 2;
-constexpr std::size_t STREAM_FIELD_REFRESHRATE = 6;
-
-enum class FieldKind { Flag, Number, Mode };
-
-struct STREAM_FIELD_S {
-    const char *pName;
-    FieldKind eKind;
-    SInt32 s32Least; /* of a number: what the control channel takes */
-    SInt32 s32Most;
-    const char *pUnit;
+struct FIELD_TEXTS_S {
+    const char *pUnit; /* "" for none */
     const char *pHelp;
 };
-
-/* In the order of the wire. */
-extern const std::array<STREAM_FIELD_S, STREAM_FIELD_COUNT> STREAM_FIELDS;
+extern const std::array<FIELD_TEXTS_S, STREAM_SETTING_COUNT> FIELD_TEXTS;
 
 using CFieldValue = std::variant<Bool, SInt32, std::string>;
-/* A value per field, where there is one. */
-using CFieldValues = std::array<std::optional<CFieldValue>, STREAM_FIELD_COUNT>;
+/* A value per setting, where there is one. */
+using CFieldValues = std::array<std::optional<CFieldValue>, STREAM_SETTING_COUNT>;
 
 /* The value that a person wrote: on/off, a number with k or M for a bit rate, cbr/vbr. Without a
  * value o_strError says what is wrong. A number outside of the field's range is a value too: the

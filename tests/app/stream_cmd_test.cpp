@@ -99,7 +99,10 @@ TEST(StreamCmdTest, OneBadValueDropsTheWholeRequestAndTheModeIsNoChange)
         {Number(0x50002, 70000), "", nullptr}, /* the flags have no range */
         {Record(0x30002, "cbr") + Number(0x20002, 50) + Number(0x50002, 0),
          "set h264 enable:-1, gop:50, mode:0, bitrate:-1,  preview enable:0, height:-1, ", nullptr},
-        {Number(0x20002, 50) + Number(0x20002, 60) + Record(0x60002, "\x20\x03"),
+        /* Short of four bytes it is no value; what is longer is read up to there. */
+        {Record(0x10002, std::string(3, '\0')) + Record(0x50002, ""), "enable:-1, gop:-1,",
+         "cmd error"},
+        {Number(0x20002, 50) + Number(0x20002, 60) + Record(0x60002, {"\x20\x03\0\0\x07", 5}),
          "gop:50, mode:-1, bitrate:-1,  preview enable:-1, height:800,", nullptr},
     };
     for (const auto &stCase : stCases) {
