@@ -4,25 +4,17 @@
  */
 #include "app/modules.h"
 
-#include "common/box/capture.h"
-#include "common/box/config.h"
-#include "common/box/monitor.h"
-#include "common/bus/msg_queue.h"
 #include "common/bus/router.h"
-#include "common/bus/timer.h"
-#include "common/stream/encoder.h"
 
 CEncoder g_objEncoder;
 CTimer g_objTimer;
 CConfig g_objConfig;
 CCapture g_objCapture;
 CMonitor g_objMonitor;
+CMutex g_objRuningMutex;
 
 void RegisterModules()
 {
-    RegisterModule(MODULE_CONFIG, &g_objConfig);
-    RegisterModule(MODULE_ENCODER, &g_objEncoder);
-    RegisterModule(MODULE_TIMER, &g_objTimer);
-    RegisterModule(MODULE_CAPTURE, &g_objCapture);
-    RegisterModule(MODULE_MONITOR, &g_objMonitor);
+    SetUpRouter(&g_objRuningMutex,
+                {&g_objConfig, &g_objEncoder, &g_objTimer, &g_objCapture, &g_objMonitor});
 }

@@ -12,6 +12,7 @@
 
 #include "common/bus/log.h"
 #include "common/bus/msg_queue.h"
+#include "common/bus/router.h"
 #include "framework/udpsocket.h"
 #include "tlv/stream_settings.h"
 #include "tlv/tlv_box.h"
@@ -171,7 +172,7 @@ int HandleH264PrevSetCmd(int i_s32H264Enable, int i_s32H264Gop, int i_s32H264Mod
     stStatus.u32PrevRefreshrate = static_cast<UInt32>(i_s32PrevRefreshrate);
     MSG_DESC_INFO_S stMsg =
         MakeMsg(MSG_TYPE_ASYNC, MODULE_ENCODER, MODULE_ENCODER, MSG_ENC_SET_STREAM_STATUS);
-    memcpy(stMsg.payload, &stStatus, sizeof(stStatus));
+    PutPayload(&stMsg, stStatus);
     SendSyncAndAsyncMsg(&stMsg, nullptr);
     return 0;
 }

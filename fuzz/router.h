@@ -4,7 +4,7 @@
  */
 #pragma once
 
-#include "common/bus/msg_queue.h"
+#include "common/bus/router.h"
 
 /* The target's answer to a message, see SendSyncAndAsyncMsg. */
 int OnFuzzedMessage(const MSG_DESC_INFO_S &i_stMsg, void *o_pResult);

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "common/bus/log.h"
+#include "common/bus/router.h"
 
 namespace
 {
@@ -102,53 +103,14 @@ void SendTiming(const INPUT_TIMING_S &i_stTiming)
 {
     MSG_DESC_INFO_S stMsg =
         MakeMsg(MSG_TYPE_ASYNC, MODULE_CAPTURE, MODULE_ENCODER, MSG_ENC_VIDEO_CHG);
-    memcpy(stMsg.payload, &i_stTiming, sizeof(i_stTiming));
+    PutPayload(&stMsg, i_stTiming);
     SendSyncAndAsyncMsg(&stMsg, nullptr);
 }
 } // namespace
 
-void CCapture::Entry()
-{
-    BeginThread("capture");
-    SendToSelf(MODULE_CAPTURE, MSG_INIT);
-    ServeUntilStop();
-}
-
-void CCapture::LogPushFail() const
-{
-    LOG_ERROR("CCapture pushmsg fail");
-}
-
-int CCapture::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    if (i_pMsg == nullptr) {
-        return 0;
-    }
-    switch (i_pMsg->msgno) {
-    case MSG_INIT:
-        return HandleInitMsg(i_pMsg, o_pResult);
-    case MSG_DEINIT:
-        return HandleDeinitMsg(i_pMsg, o_pResult);
-    case MSG_REINIT:
-        return HandleReinitMsg(i_pMsg, o_pResult);
-    default:
-        return 1;
-    }
-}
-
 int CCapture::HandleInitMsg(const MSG_DESC_INFO_S *, void *)
 {
     uevent_loop(nullptr);
-    return 1;
-}
-
-int CCapture::HandleDeinitMsg(const MSG_DESC_INFO_S *, void *)
-{
-    return 1;
-}
-
-int CCapture::HandleReinitMsg(const MSG_DESC_INFO_S *, void *)
-{
     return 1;
 }
 

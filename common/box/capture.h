@@ -32,16 +32,11 @@ public:
     /* Longest datagram taken from the kernel; what is longer is cut. */
     static constexpr std::size_t UEVENT_MSG_LEN = 4096;
 
-    CCapture() = default;
+    CCapture() : CModule(MODULE_CAPTURE, "capture", "CCapture", MSG_INIT) {}
     ~CCapture() override { StopAndWaitForThread(); }
 
-    void Entry() override;
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
-
     /* Returns when a stop was requested. */
-    int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleReinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* Non-blocking socket on all uevent groups of the kernel (netlink(7)), bound to the process
      * id; the caller closes it. -1 if it cannot be had. */
@@ -54,9 +49,6 @@ public:
     void parse_event(const char *i_pBuffer, uevent *o_pEvent);
 
 private:
-    void LogPushFail() const override;
     int OpenUntilStop();
     void ReceiveAll(int i_s32Fd);
 };
-
-extern CCapture g_objCapture;

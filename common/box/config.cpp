@@ -6,11 +6,13 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include <strings.h>
 
 #include "common/box/param.h"
 #include "common/bus/log.h"
+#include "common/bus/router.h"
 
 CONFIG_INFO_S g_stConfigInfo;
 
@@ -107,43 +109,33 @@ void SetNumber(UInt32 i_u32Value, RANGE_S i_stRange, SInt32 *o_pField)
     }
 }
 
-int Answer(const MSG_DESC_INFO_S *i_pRequest, void *o_pResult, const void *i_pData,
-           std::size_t i_u64Size)
+/* A synchronous question is answered into its sender's buffer, any other by a message. */
+template <PayloadRecord Record>
+int Answer(const MSG_DESC_INFO_S *i_pRequest, void *o_pResult, const Record &i_stAnswer)
 {
     if (i_pRequest->msgtype == MSG_TYPE_SYNC) {
         if (o_pResult == nullptr) {
             return 0;
         }
-        memcpy(o_pResult, i_pData, i_u64Size);
+        memcpy(o_pResult, &i_stAnswer, sizeof(i_stAnswer));
         return 1;
     }
     MSG_DESC_INFO_S stMsg =
         MakeMsg(i_pRequest->msgtype, MODULE_CONFIG, i_pRequest->src, i_pRequest->msgno);
-    memcpy(stMsg.payload, i_pData, i_u64Size);
+    PutPayload(&stMsg, i_stAnswer);
     SendSyncAndAsyncMsg(&stMsg, nullptr);
     return 1;
 }
 } // namespace
 
-CConfig::CConfig(const char *i_pPath) : m_stConfigInfo{}, m_pPath(i_pPath) {}
-
-void CConfig::Entry()
+CConfig::CConfig(const char *i_pPath)
+    : CModule(MODULE_CONFIG, "config", "config", MSG_READ_CONFIG), m_stConfigInfo{},
+      m_pPath(i_pPath)
 {
-    BeginThread("config");
-    SendToSelf(MODULE_CONFIG, MSG_READ_CONFIG);
-    ServeUntilStop();
 }
 
-void CConfig::LogPushFail() const
+int CConfig::Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
 {
-    LOG_ERROR("config pushmsg fail");
-}
-
-int CConfig::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    if (i_pMsg == nullptr) {
-        return 0;
-    }
     switch (i_pMsg->msgno) {
     case MSG_REINIT:
     case MSG_READ_CONFIG:
@@ -161,7 +153,7 @@ int CConfig::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
     case MSG_SET_SRC_DEVICE_ID:
         return HandleSetSrcDeviceId(i_pMsg, o_pResult);
     default:
-        return 1;
+        return CModule::Dispatch(i_pMsg, o_pResult);
     }
 }
 
@@ -217,12 +209,12 @@ int CConfig::GetConfigInfoFromFile()
 
 int CConfig::HandleGetAddrList(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
 {
-    return Answer(i_pMsg, o_pResult, m_stConfigInfo.szAddrList, sizeof(m_stConfigInfo.szAddrList));
+    return Answer(i_pMsg, o_pResult, m_stConfigInfo.szAddrList);
 }
 
 int CConfig::HandleGetAddrUrl(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
 {
-    return Answer(i_pMsg, o_pResult, m_stConfigInfo.szAddrUrl, sizeof(m_stConfigInfo.szAddrUrl));
+    return Answer(i_pMsg, o_pResult, m_stConfigInfo.szAddrUrl);
 }
 
 int CConfig::HandleGetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
@@ -237,20 +229,18 @@ int CConfig::HandleGetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *o_pResul
     stStatus.u32PrevEnable = stInfo.u32PrevEnable;
     stStatus.u32PrevHeight = static_cast<UInt32>(stInfo.u32PrevHeight);
     stStatus.u32PrevRefreshrate = static_cast<UInt32>(stInfo.u32PrevRefreshrate);
-    return Answer(i_pMsg, o_pResult, &stStatus, sizeof(stStatus));
+    return Answer(i_pMsg, o_pResult, stStatus);
 }
 
 int CConfig::HandleGetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
 {
-    return Answer(i_pMsg, o_pResult, m_stConfigInfo.szSrcDeviceId,
-                  sizeof(m_stConfigInfo.szSrcDeviceId));
+    return Answer(i_pMsg, o_pResult, m_stConfigInfo.szSrcDeviceId);
 }
 
 int CConfig::HandleSetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *)
 {
     LOG_INFO("set stream status");
-    STREAM_STATUS_S stStatus;
-    memcpy(&stStatus, i_pMsg->payload, sizeof(stStatus));
+    const STREAM_STATUS_S stStatus = PayloadOf<STREAM_STATUS_S>(*i_pMsg);
     CONFIG_INFO_S &stInfo = m_stConfigInfo;
     if (stStatus.u32Type == STREAM_STATUS_H264 || stStatus.u32Type == STREAM_STATUS_BOTH) {
         SetEnable(stStatus.u32H264Enable, &stInfo.u32H264Enable);
@@ -268,15 +258,12 @@ int CConfig::HandleSetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *)
 
 int CConfig::HandleSetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *)
 {
-    /* One more than the body, which may fill its 64 bytes without a NUL. */
-    char szId[sizeof(m_stConfigInfo.szSrcDeviceId) + 1] = {};
-    memcpy(szId, i_pMsg->payload, sizeof(szId) - 1);
-    LOG_INFO("set src device id:%s", szId);
-    std::size_t u64Length = strlen(szId);
-    if (u64Length != kSrcDeviceIdLength) {
-        LOG_ERROR("src device id <%s> len :%d err", szId, static_cast<int>(u64Length));
+    const std::string strId(TextOf(*i_pMsg).substr(0, sizeof(m_stConfigInfo.szSrcDeviceId)));
+    LOG_INFO("set src device id:%s", strId.c_str());
+    if (strId.size() != kSrcDeviceIdLength) {
+        LOG_ERROR("src device id <%s> len :%d err", strId.c_str(), static_cast<int>(strId.size()));
         return 0;
     }
-    rq_strncpy(m_stConfigInfo.szSrcDeviceId, szId, sizeof(m_stConfigInfo.szSrcDeviceId));
+    rq_strncpy(m_stConfigInfo.szSrcDeviceId, strId.c_str(), sizeof(m_stConfigInfo.szSrcDeviceId));
     return 1;
 }

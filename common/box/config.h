@@ -42,9 +42,6 @@ public:
     explicit CConfig(const char *i_pPath = "/config/mv3300/param.xml");
     ~CConfig() override { StopAndWaitForThread(); }
 
-    void Entry() override;
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
-
     /* o_pResult: null, or a byte that is set to 1 when the configuration changed, to 0 when not. */
     int HandleReadConfigMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     /* The getters write to o_pResult, of 512, 512, 60 and 64 bytes, for a synchronous request and
@@ -57,7 +54,7 @@ public:
     int HandleSetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
 private:
-    void LogPushFail() const override;
+    int Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
     /* Builds g_stConfigInfo from the parameters' buffers and takes it over. 1 it differs from
      * what the module had, 0 it is the same. */
     int GetConfigInfoFromFile();
@@ -65,5 +62,3 @@ private:
     CONFIG_INFO_S m_stConfigInfo;
     const char *m_pPath;
 };
-
-extern CConfig g_objConfig;

@@ -23,19 +23,13 @@ public:
                       std::string i_strPicture = "/tmp/image.jpeg");
     ~CMonitor() override { StopAndWaitForThread(); }
 
-    void Entry() override;
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
-
     /* Returns when a stop was requested, or at once if the directory cannot be watched. */
-    int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleReinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* 0 after a stop request; -1 if the directory cannot be watched. */
     SInt32 main_loop();
 
 private:
-    void LogPushFail() const override;
     void ReportWhenDue();
     void ReadEvents(int i_s32Fd, int i_s32Watch);
     void Publish(const char *i_pName);
@@ -45,5 +39,3 @@ private:
     SInt64 m_s64ReportTime; /* seconds since the epoch */
     UInt32 m_u32Count;      /* pictures published since the loop started */
 };
-
-extern CMonitor g_objMonitor;

@@ -1,23 +1,12 @@
 /*
- * Bounded message queue and the running mutex's bounded lock.
- *
- * The ring is filled under the queue's own mutex; nothing is allocated for a message.
+ * Bounded message queue. The ring is filled under the queue's own mutex; nothing is allocated for a
+ * message.
  */
 #include "common/bus/msg_queue.h"
 
-#include <cstring>
-
-#include <unistd.h>
-
 #include "common/bus/log.h"
 
-namespace
-{
-constexpr int kRunningMutexTries = 30;
-constexpr useconds_t kRunningMutexPauseUs = 100000;
-} // namespace
-
-CMsgQueue::CMsgQueue() : m_u64Head(0), m_u64Count(0) {}
+CMsgQueue::CMsgQueue() : m_u64Head(0), m_u64Count(0), m_bWaits(true) {}
 
 int CMsgQueue::PushMsg(const MSG_DESC_INFO_S *i_pMsg)
 {
@@ -45,7 +34,7 @@ int CMsgQueue::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
         return 0;
     }
     CMutexLocker objLocker(&m_objMutex);
-    if (m_u64Count == 0) {
+    if (m_u64Count == 0 && m_bWaits) {
         m_objCond.Wait(&m_objMutex, i_s32Timeout);
     }
     if (m_u64Count == 0) {
@@ -57,25 +46,11 @@ int CMsgQueue::PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg)
     return 1;
 }
 
-int GetRunningMutex(CMutex *i_pMutex)
+void CMsgQueue::StopWaiting()
 {
-    if (i_pMutex == nullptr) {
-        return 0;
+    {
+        CMutexLocker objLocker(&m_objMutex);
+        m_bWaits = false;
     }
-    for (int i = 1; !i_pMutex->TryLock(); i++) {
-        if (i == kRunningMutexTries) {
-            return 0;
-        }
-        usleep(kRunningMutexPauseUs);
-    }
-    return 1;
-}
-
-int PutRunningMutex(CMutex *i_pMutex)
-{
-    if (i_pMutex == nullptr) {
-        return 0;
-    }
-    i_pMutex->Unlock();
-    return 1;
+    m_objCond.Broadcast();
 }

@@ -1,14 +1,17 @@
 /*
  * Messages between modules: the record, the module ids and message numbers, the payload records
- * that more than one module knows, the bounded queue that each module owns, and the router.
+ * that more than one module knows, and the bounded queue that each module owns.
  *
  * A message is a fixed-size value that is copied whole at every hand-over. The queue may be used
- * from any thread; the router runs in the sender's thread.
+ * from any thread.
  */
 #pragma once
 
 #include <array>
 #include <cstddef>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
 
 #include "framework/cond.h"
 #include "framework/mutex.h"
@@ -70,6 +73,41 @@ constexpr MSG_DESC_INFO_S MakeMsg(UInt32 i_u32Type, UInt32 i_u32Src, UInt32 i_u3
     return MSG_DESC_INFO_S{i_u32Type, i_u32Src, i_u32Dst, 0, i_u32MsgNo, {}, {}};
 }
 
+/* What can lie in a payload: a record that is its bytes, and no more than there are. */
+template <typename Record>
+concept PayloadRecord =
+    std::is_trivially_copyable_v<Record> && !std::is_pointer_v<Record> &&
+    !std::is_same_v<Record, std::string_view> && sizeof(Record) <= MSG_PAYLOAD_SIZE;
+
+/* Puts a record at the start of a message's payload; what follows it there stays. */
+template <PayloadRecord Record> void PutPayload(MSG_DESC_INFO_S *o_pMsg, const Record &i_stRecord)
+{
+    memcpy(o_pMsg->payload, &i_stRecord, sizeof(i_stRecord));
+}
+
+/* The record at the start of a message's payload. */
+template <PayloadRecord Record> Record PayloadOf(const MSG_DESC_INFO_S &i_stMsg)
+{
+    Record stRecord;
+    memcpy(&stRecord, i_stMsg.payload, sizeof(stRecord));
+    return stRecord;
+}
+
+/* The same for a payload that is a text. What does not fit is cut, a zero byte ends it. */
+inline void PutText(MSG_DESC_INFO_S *o_pMsg, std::string_view i_strText)
+{
+    const std::size_t u64Length =
+        i_strText.copy(reinterpret_cast<char *>(o_pMsg->payload), sizeof(o_pMsg->payload) - 1);
+    o_pMsg->payload[u64Length] = 0;
+}
+
+/* Up to the first zero byte, or the whole payload; it lies in the message. */
+inline std::string_view TextOf(const MSG_DESC_INFO_S &i_stMsg)
+{
+    const char *pText = reinterpret_cast<const char *>(i_stMsg.payload);
+    return {pText, strnlen(pText, sizeof(i_stMsg.payload))};
+}
+
 /* "No change" in a numeric field of a stream status change request. */
 constexpr UInt32 STREAM_STATUS_UNCHANGED = 0xFFFFFFFF;
 
@@ -123,6 +161,8 @@ public:
     /* Takes the oldest message into *o_pMsg, waiting once for at most i_s32Timeout milliseconds
      * (CCond's rounding applies). 1 taken; 0 none, with *o_pMsg as it was. */
     int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
+    /* No PopMsg waits any longer: the one that does returns, and so does every later one. */
+    void StopWaiting();
 
 private:
     static constexpr std::size_t kCapacity = 49;
@@ -132,19 +172,5 @@ private:
     std::array<MSG_DESC_INFO_S, kCapacity> m_stRing;
     std::size_t m_u64Head;
     std::size_t m_u64Count;
+    bool m_bWaits;
 };
-
-/* Delivers a message by its type and destination.
- *
- * MSG_TYPE_ASYNC queues a copy for the receiver's thread. MSG_TYPE_SYNC runs the receiver's
- * handler in the calling thread, under the process-wide running mutex; the answer is written to
- * o_pResult, whose size is the message's (see the handlers of the modules), null where no answer
- * is wanted. Returns the queue's or the handler's result; 0 for a null message; 0 with an
- * ERROR line for an unknown type or destination, or a running mutex that stayed busy for about
- * 2.9 s. o_pResult is unfilled then. */
-int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-
-/* Tries 30 times, 100 ms apart. 1 locked; 0 not, or a null mutex. */
-int GetRunningMutex(CMutex *i_pMutex);
-/* 1 unlocked; 0 for a null mutex. */
-int PutRunningMutex(CMutex *i_pMutex);

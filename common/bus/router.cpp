@@ -5,16 +5,20 @@
 
 #include <array>
 
+#include <unistd.h>
+
 #include "common/bus/log.h"
 #include "common/bus/module.h"
 #include "framework/assertion.h"
 
-CMutex g_objRuningMutex;
-
 namespace
 {
 constexpr UInt32 kIds = 16; /* the highest module id is below it */
+constexpr int kRunningMutexTries = 30;
+constexpr useconds_t kRunningMutexPauseUs = 100000;
+
 std::array<CModule *, kIds> g_pModules;
+CMutex *g_pRunningMutex;
 
 /* Null for an id that no module has here: the pipeline workers are reached through the encoder
  * only. */
@@ -24,10 +28,14 @@ CModule *FindModule(UInt32 i_u32Id)
 }
 } // namespace
 
-void RegisterModule(UInt32 i_u32Id, CModule *i_pModule)
+void SetUpRouter(CMutex *i_pRunningMutex, std::initializer_list<CModule *> i_objModules)
 {
-    assert(i_u32Id < kIds);
-    g_pModules[i_u32Id] = i_pModule;
+    g_pRunningMutex = i_pRunningMutex;
+    g_pModules.fill(nullptr);
+    for (CModule *pModule : i_objModules) {
+        assert(pModule->GetModuleId() < kIds);
+        g_pModules[pModule->GetModuleId()] = pModule;
+    }
 }
 
 int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
@@ -42,14 +50,14 @@ int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
         }
         LOG_ERROR("async message, unknown module<%d>", i_pMsg->dst);
     } else if (i_pMsg->msgtype == MSG_TYPE_SYNC) {
-        if (!GetRunningMutex(&g_objRuningMutex)) {
+        if (!GetRunningMutex(g_pRunningMutex)) {
             LOG_ERROR(
                 "SendSyncAndAsyncMsg get mutex fail, msgtype<%d>,src<%d>,dst<%d>,msg no<0x%x>",
                 i_pMsg->msgtype, i_pMsg->src, i_pMsg->dst, i_pMsg->msgno);
             return 0;
         }
         const int s32Result = pModule != nullptr ? pModule->HandleMsg(i_pMsg, o_pResult) : 0;
-        PutRunningMutex(&g_objRuningMutex);
+        PutRunningMutex(g_pRunningMutex);
         if (pModule != nullptr) {
             return s32Result;
         }
@@ -58,4 +66,27 @@ int SendSyncAndAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
     LOG_ERROR("unhandle message, msgtype<%d>,src<%d>,dst<%d>,msg no<0x%x>", i_pMsg->msgtype,
               i_pMsg->src, i_pMsg->dst, i_pMsg->msgno);
     return 0;
+}
+
+int GetRunningMutex(CMutex *i_pMutex)
+{
+    if (i_pMutex == nullptr) {
+        return 0;
+    }
+    for (int i = 1; !i_pMutex->TryLock(); i++) {
+        if (i == kRunningMutexTries) {
+            return 0;
+        }
+        usleep(kRunningMutexPauseUs);
+    }
+    return 1;
+}
+
+int PutRunningMutex(CMutex *i_pMutex)
+{
+    if (i_pMutex == nullptr) {
+        return 0;
+    }
+    i_pMutex->Unlock();
+    return 1;
 }

@@ -5,32 +5,27 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 
 #include "common/bus/log.h"
+#include "common/bus/router.h"
 #include "framework/clock.h"
 
 namespace
 {
 constexpr UInt32 kWaitMs = 10;
-
-TIMER_REQUEST_S RequestOf(const MSG_DESC_INFO_S &i_stMsg)
-{
-    TIMER_REQUEST_S stRequest;
-    memcpy(&stRequest, i_stMsg.payload, sizeof(stRequest));
-    return stRequest;
-}
 } // namespace
 
 CTimer::CTimer() : CTimer(kWaitMs) {}
 
-CTimer::CTimer(unsigned int i_u32Wait) : m_u32Wait(std::max(i_u32Wait, kWaitMs)), m_u64NextNumber(0)
+CTimer::CTimer(unsigned int i_u32Wait)
+    : CModule(MODULE_TIMER, "timer", "CTimer"), m_u32Wait(std::max(i_u32Wait, kWaitMs)),
+      m_u64NextNumber(0)
 {
 }
 
 void CTimer::Entry()
 {
-    BeginThread("timer");
+    BeginThread();
     while (!IsStopRequested()) {
         /* A wait that ends without a message leaves this one: scan the timers. */
         MSG_DESC_INFO_S stMsg = {};
@@ -40,16 +35,8 @@ void CTimer::Entry()
     }
 }
 
-void CTimer::LogPushFail() const
+int CTimer::Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
 {
-    LOG_ERROR("CTimer pushmsg fail");
-}
-
-int CTimer::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    if (i_pMsg == nullptr) {
-        return 0;
-    }
     switch (i_pMsg->msgno) {
     case MSG_TIMEOUT:
         return HandleTimeout();
@@ -58,7 +45,7 @@ int CTimer::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
     case MSG_CANCEL_TIMER:
         return HandleCancelTimer(i_pMsg, o_pResult);
     default:
-        return 1;
+        return CModule::Dispatch(i_pMsg, o_pResult);
     }
 }
 
@@ -100,7 +87,7 @@ int CTimer::HandleSetTimer(const MSG_DESC_INFO_S *i_pMsg, void *)
     if (i_pMsg == nullptr) {
         return 0;
     }
-    const TIMER_REQUEST_S stRequest = RequestOf(*i_pMsg);
+    const TIMER_REQUEST_S stRequest = PayloadOf<TIMER_REQUEST_S>(*i_pMsg);
     const SInt64 s64Expiry = GetTimeInMs() + stRequest.interval;
     LOG_INFO("add timer src:%d, type:%d, id:%d", static_cast<int>(i_pMsg->src),
              static_cast<int>(stRequest.type), static_cast<int>(stRequest.id));
@@ -116,7 +103,7 @@ int CTimer::HandleCancelTimer(const MSG_DESC_INFO_S *i_pMsg, void *)
     if (i_pMsg == nullptr) {
         return 0;
     }
-    const TIMER_REQUEST_S stRequest = RequestOf(*i_pMsg);
+    const TIMER_REQUEST_S stRequest = PayloadOf<TIMER_REQUEST_S>(*i_pMsg);
     std::erase_if(m_stTimers, [&](const auto &objEntry) {
         const TIMER_INFO_S &stTimer = objEntry.second;
         if (stTimer.src != i_pMsg->src || stTimer.type != stRequest.type ||
@@ -137,6 +124,6 @@ int CTimer::SendTimeoutMsg(const TIMER_INFO_S *i_pTimer)
     }
     MSG_DESC_INFO_S stMsg =
         MakeMsg(i_pTimer->request.msgtype, MODULE_TIMER, i_pTimer->request.src, MSG_TIMEOUT);
-    memcpy(stMsg.payload, i_pTimer->request.payload, sizeof(stMsg.payload));
+    PutPayload(&stMsg, i_pTimer->request.payload);
     return SendSyncAndAsyncMsg(&stMsg, nullptr);
 }

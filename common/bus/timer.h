@@ -45,7 +45,6 @@ public:
     ~CTimer() override { StopAndWaitForThread(); }
 
     void Entry() override;
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     /* Sends what is due and computes the next wait. */
     int HandleTimeout();
@@ -58,7 +57,7 @@ public:
     UInt32 GetWait() const { return m_u32Wait.load(std::memory_order_relaxed); }
 
 private:
-    void LogPushFail() const override;
+    int Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
 
     std::atomic<UInt32> m_u32Wait;
     /* In order of insertion, by a running number. A walk finds its place by the number, because a
@@ -66,5 +65,3 @@ private:
     std::map<UInt64, TIMER_INFO_S> m_stTimers;
     UInt64 m_u64NextNumber;
 };
-
-extern CTimer g_objTimer;

@@ -6,10 +6,9 @@
  */
 #include "common/stream/encoder.h"
 
-#include <cstring>
-
 #include "common/box/utils.h"
 #include "common/bus/log.h"
+#include "common/bus/router.h"
 #include "common/stream/pipeline_desc.h"
 
 namespace
@@ -23,15 +22,6 @@ constexpr unsigned int kStartPollMs = 100;
 /* The preview counts as stalled when its count stood still for longer than this. */
 constexpr SInt64 kPreviewStallSecs = 9;
 
-/* The record at the start of a message's payload. */
-template <typename Record> Record PayloadOf(const MSG_DESC_INFO_S &i_stMsg)
-{
-    Record stRecord;
-    static_assert(sizeof(stRecord) <= sizeof(i_stMsg.payload));
-    memcpy(&stRecord, i_stMsg.payload, sizeof(stRecord));
-    return stRecord;
-}
-
 int StartStatus(const std::unique_ptr<CGstEnc> &i_pWorker)
 {
     return i_pWorker ? i_pWorker->GetStartStatus() : 0;
@@ -43,10 +33,11 @@ SInt32 Signed(UInt32 i_u32Setting)
     return static_cast<SInt32>(i_u32Setting);
 }
 
-void PushStart(CGstEnc &i_objWorker, UInt32 i_u32Module, const std::string &i_strCmd)
+void PushStart(CGstEnc &i_objWorker, const std::string &i_strCmd)
 {
-    MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, MODULE_ENCODER, i_u32Module, MSG_START);
-    i_strCmd.copy(reinterpret_cast<char *>(stMsg.payload), sizeof(stMsg.payload) - 1);
+    MSG_DESC_INFO_S stMsg =
+        MakeMsg(MSG_TYPE_ASYNC, MODULE_ENCODER, i_objWorker.GetModuleId(), MSG_START);
+    PutText(&stMsg, i_strCmd);
     i_objWorker.PushMsg(&stMsg);
 }
 
@@ -85,40 +76,27 @@ std::string QueryMulticastIp()
 }
 } // namespace
 
-CEncoder::CEncoder() : m_stLastTiming{}, m_stStreamStatus{}, m_stJpegFileStatus{} {}
+CEncoder::CEncoder()
+    : CModule(MODULE_ENCODER, "encoder", "CEncoder", MSG_INIT), m_stLastTiming{},
+      m_stStreamStatus{}, m_stJpegFileStatus{}
+{
+}
 
 CEncoder::~CEncoder()
 {
     StopAndWaitForThread();
 }
 
-void CEncoder::Entry()
+void CEncoder::OnStopped()
 {
-    BeginThread("encoder");
-    SendToSelf(MODULE_ENCODER, MSG_INIT);
-    ServeUntilStop();
     LOG_INFO("encoder stop running");
     EndWorker(m_pGstEncH264);
     EndWorker(m_pGstEncJpeg);
 }
 
-void CEncoder::LogPushFail() const
+int CEncoder::Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
 {
-    LOG_ERROR("CEncoder pushmsg fail");
-}
-
-int CEncoder::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
-{
-    if (i_pMsg == nullptr) {
-        return 0;
-    }
     switch (i_pMsg->msgno) {
-    case MSG_INIT:
-        return HandleInitMsg(i_pMsg, o_pResult);
-    case MSG_DEINIT:
-        return HandleDeinitMsg(i_pMsg, o_pResult);
-    case MSG_REINIT:
-        return HandleReinitMsg(i_pMsg, o_pResult);
     case MSG_ENC_INIT:
         return HandleEncInitMsg(i_pMsg, o_pResult);
     case MSG_ENC_DEINIT:
@@ -130,19 +108,19 @@ int CEncoder::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
     case MSG_ENC_JPEG_FILE_STATUS:
         return HandleJpegFileStatusMsg(i_pMsg, o_pResult);
     default:
-        return 1;
+        return CModule::Dispatch(i_pMsg, o_pResult);
     }
 }
 
 void CEncoder::CreateWorkers()
 {
     if (!m_pGstEncH264) {
-        m_pGstEncH264 = std::make_unique<CGstEnc>("gst-h264");
+        m_pGstEncH264 = std::make_unique<CGstEnc>("gst-h264", MODULE_GST_H264);
         m_pGstEncH264->Start();
         LOG_INFO("start gst enc thread");
     }
     if (!m_pGstEncJpeg) {
-        m_pGstEncJpeg = std::make_unique<CGstEnc>("gst-jpeg");
+        m_pGstEncJpeg = std::make_unique<CGstEnc>("gst-jpeg", MODULE_GST_JPEG);
         m_pGstEncJpeg->Start();
         LOG_INFO("start gst enc jpeg thread");
     }
@@ -179,16 +157,6 @@ int CEncoder::HandleInitMsg(const MSG_DESC_INFO_S *, void *)
     return 1;
 }
 
-int CEncoder::HandleDeinitMsg(const MSG_DESC_INFO_S *, void *)
-{
-    return 1;
-}
-
-int CEncoder::HandleReinitMsg(const MSG_DESC_INFO_S *, void *)
-{
-    return 1;
-}
-
 int CEncoder::HandleEncInitMsg(const MSG_DESC_INFO_S *, void *)
 {
     CreateWorkers();
@@ -199,7 +167,7 @@ int CEncoder::HandleEncInitMsg(const MSG_DESC_INFO_S *, void *)
     }
     std::string strCmd = BuildPlainCmd(strAddrList);
     LOG_INFO("cmd [%s]", strCmd.c_str());
-    PushStart(*m_pGstEncH264, MODULE_GST_H264, strCmd);
+    PushStart(*m_pGstEncH264, strCmd);
     return 1;
 }
 
@@ -300,7 +268,7 @@ void CEncoder::PushJpeg(const INPUT_TIMING_S &i_stTiming)
 {
     m_strJpegCmd = BuildJpegCmd(i_stTiming, m_stStreamStatus);
     LOG_INFO("cmd jpeg [%s]", m_strJpegCmd.c_str());
-    PushStart(*m_pGstEncJpeg, MODULE_GST_JPEG, m_strJpegCmd);
+    PushStart(*m_pGstEncJpeg, m_strJpegCmd);
 }
 
 /* False when the worker did not take the start in time. */
@@ -310,7 +278,7 @@ bool CEncoder::StartH264(const INPUT_TIMING_S &i_stTiming, const std::string &i_
     LOG_INFO("addr list: %s", i_strClients.c_str());
     LOG_DEBUG("cmd [%s]", strCmd.c_str());
     Sleep(kPauseBeforeStartMs);
-    PushStart(*m_pGstEncH264, MODULE_GST_H264, strCmd);
+    PushStart(*m_pGstEncH264, strCmd);
     return WaitForStart(*m_pGstEncH264);
 }
 
@@ -319,7 +287,7 @@ int CEncoder::HandleSetStreamStatusMsg(const MSG_DESC_INFO_S *i_pMsg, void *)
     const STREAM_STATUS_S stNew = PayloadOf<STREAM_STATUS_S>(*i_pMsg);
     MSG_DESC_INFO_S stForward =
         MakeMsg(MSG_TYPE_ASYNC, MODULE_ENCODER, MODULE_CONFIG, MSG_SET_STREAM_STATUS);
-    memcpy(stForward.payload, &stNew, sizeof(stNew));
+    PutPayload(&stForward, stNew);
     SendSyncAndAsyncMsg(&stForward, nullptr);
 
     if (!MergeStreamStatus(stNew)) {
@@ -457,6 +425,6 @@ void CEncoder::RestartJpeg(const JPEG_FILE_STATUS_S &i_stCurrent)
         return;
     }
     LOG_INFO("cmd jpeg [%s] restart", m_strJpegCmd.c_str());
-    PushStart(*m_pGstEncJpeg, MODULE_GST_JPEG, m_strJpegCmd);
+    PushStart(*m_pGstEncJpeg, m_strJpegCmd);
     WaitForStart(*m_pGstEncJpeg); /* lest a waiting report or timing starts it a second time */
 }

@@ -21,13 +21,8 @@ public:
     CEncoder();
     ~CEncoder() override;
 
-    void Entry() override;
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
-
     /* Makes and starts the workers that do not exist yet, then fetches the stream status. */
-    int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleReinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
     /* Starts the stream to the address list without a timing. */
     int HandleEncInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     /* Stops the H.264 pipeline; the result is the worker's. */
@@ -40,7 +35,8 @@ public:
     int HandleJpegFileStatusMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
 private:
-    void LogPushFail() const override;
+    int Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
+    void OnStopped() override;
     void CreateWorkers();
     const std::string &QueryAddrList();
     void QueryStreamStatus();
@@ -63,5 +59,3 @@ private:
     std::string m_strJpegCmd;
     JPEG_FILE_STATUS_S m_stJpegFileStatus;
 };
-
-extern CEncoder g_objEncoder;

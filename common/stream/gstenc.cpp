@@ -7,8 +7,9 @@
 
 CGstEnc::CGstEnc() : CGstEnc("gst-enc") {}
 
-CGstEnc::CGstEnc(const std::string &i_strName)
-    : m_objGstObj(i_strName), m_iStartStatus(0), m_strName(i_strName)
+CGstEnc::CGstEnc(const std::string &i_strName, UInt32 i_u32Module)
+    : CModule(i_u32Module, i_strName.empty() ? "gst-enc" : i_strName, "CGstEnc"),
+      m_objGstObj(i_strName), m_iStartStatus(0), m_strName(i_strName)
 {
 }
 
@@ -20,11 +21,8 @@ CGstEnc::~CGstEnc()
     StopAndWaitForThread();
 }
 
-void CGstEnc::Entry()
+void CGstEnc::OnStopped()
 {
-    const char *pName = m_strName.empty() ? "gst-enc" : m_strName.c_str();
-    BeginThread(pName);
-    ServeUntilStop();
     LOG_INFO("%s stop running", m_strName.c_str());
     HandleStopMsgEnc(nullptr, nullptr);
 }
@@ -34,11 +32,8 @@ void CGstEnc::LogPushFail() const
     LOG_ERROR("CGstEnc pushmsg to %s fail", m_strName.c_str());
 }
 
-int CGstEnc::HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg)
+int CGstEnc::Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg)
 {
-    if (i_pMsg == nullptr) {
-        return 0;
-    }
     switch (i_pMsg->msgno) {
     case MSG_INIT:
         return HandleInitMsgEnc(i_pMsg, i_pArg);

@@ -24,18 +24,14 @@ class CGstEnc : public CModule
 public:
     CGstEnc();
     /* i_strName: names the worker, its thread (15 characters are kept) and its runner. */
-    explicit CGstEnc(const std::string &i_strName);
+    explicit CGstEnc(const std::string &i_strName, UInt32 i_u32Module = MODULE_GST_H264);
     /* Stops the pipeline and joins the thread; started or not, joined or not. */
     ~CGstEnc() override;
-
-    void Entry() override;
 
     /* 1 after a start was taken, also when its pipeline has ended by itself since; 0 after a
      * stop. */
     int GetStartStatus() { return m_iStartStatus.load(); }
 
-    /* 0 for a null message and for MSG_STOP, which is ignored; 1 for an unknown number. */
-    int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg) override;
     int HandleInitMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
     int HandleDeinitMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
     int HandleReinitMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
@@ -46,6 +42,9 @@ public:
     int HandleStopMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
 
 private:
+    /* 0 for MSG_STOP, which is ignored; 1 for an unknown number. */
+    int Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg) override;
+    void OnStopped() override;
     void LogPushFail() const override;
 
     CGstObj m_objGstObj;

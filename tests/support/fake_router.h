@@ -8,7 +8,7 @@
 #include <functional>
 #include <vector>
 
-#include "common/bus/msg_queue.h"
+#include "common/bus/router.h"
 
 namespace fake_router
 {

@@ -1,15 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <thread>
 
 #include "common/bus/msg_queue.h"
-#include "framework/mutex.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/moved_time.h"
-#include "tests/support/wait_until.h"
 
 namespace
 {
@@ -50,27 +45,4 @@ TEST(MsgQueueTest, NothingToTakeLeavesTheBufferAlone)
     EXPECT_EQ(objQueue.PushMsg(nullptr), 0);
 }
 
-TEST(RunningMutexTest, GivesUpAfterThirtyTries)
-{
-    CMutex objMutex;
-    EXPECT_EQ(GetRunningMutex(nullptr), 0);
-    EXPECT_EQ(PutRunningMutex(nullptr), 0);
-    EXPECT_EQ(GetRunningMutex(&objMutex), 1);
-    EXPECT_EQ(GetRunningMutex(&objMutex), 1);
-    EXPECT_EQ(PutRunningMutex(&objMutex), 1);
-    EXPECT_EQ(PutRunningMutex(&objMutex), 1);
-
-    std::atomic<bool> bHeld{false}, bDone{false};
-    std::thread objHolder([&] {
-        const CMutexLocker objLocker(&objMutex);
-        bHeld = true;
-        EXPECT_TRUE(WaitUntil([&] { return bDone.load(); }));
-    });
-    EXPECT_TRUE(WaitUntil([&] { return bHeld.load(); }));
-    moved_time::DivideSleeps(100);
-    EXPECT_EQ(GetRunningMutex(&objMutex), 0);
-    EXPECT_EQ(moved_time::SleptMicroseconds(), 2900000U);
-    bDone = true;
-    objHolder.join();
-}
 } // namespace
