@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -14,7 +15,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
+
+#include "framework/unique_fd.h"
 
 namespace
 {
@@ -27,23 +29,10 @@ constexpr std::size_t kMaxDatagram = 4096;
 constexpr std::chrono::milliseconds kPortPatience(3500);
 constexpr std::chrono::milliseconds kPortRetry(20);
 
-class CSocketFd
+UniqueFd OpenSocket()
 {
-public:
-    CSocketFd() : m_s32Fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-    ~CSocketFd()
-    {
-        if (m_s32Fd >= 0) {
-            close(m_s32Fd);
-        }
-    }
-    CSocketFd(const CSocketFd &) = delete;
-    CSocketFd &operator=(const CSocketFd &) = delete;
-    int Get() const { return m_s32Fd; }
-
-private:
-    int m_s32Fd;
-};
+    return UniqueFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
 
 sockaddr_in Loopback(UInt16 i_u16Port)
 {
@@ -144,14 +133,25 @@ ANSWER_S Await(int i_s32ReplyFd, int i_s32RequestFd, const CFieldAsks &i_objAsks
     }
     return stAnswer;
 }
+std::string Seconds(std::chrono::milliseconds i_objTime)
+{
+    char szText[32];
+    snprintf(szText, sizeof(szText), "%g s", static_cast<double>(i_objTime.count()) / 1000);
+    return szText;
+}
+
+std::string Address(UInt16 i_u16Port)
+{
+    return "127.0.0.1:" + std::to_string(i_u16Port);
+}
 } // namespace
 
 ANSWER_S AskDaemon(const CONTROL_ENDPOINT_S &i_stEndpoint, const CFieldAsks &i_objAsks,
                    const CFieldValues &i_objSets, std::chrono::milliseconds i_objTimeout)
 {
-    const CSocketFd objReply;
-    const CSocketFd objRequest;
-    if (objReply.Get() < 0 || objRequest.Get() < 0) {
+    const UniqueFd objReply = OpenSocket();
+    const UniqueFd objRequest = OpenSocket();
+    if (!objReply || !objRequest) {
         return Failed(errno);
     }
     const auto objBindUntil = CClock::now() + std::min(i_objTimeout, kPortPatience);
@@ -199,4 +199,38 @@ std::optional<SInt32> FindLockHolder(std::istream &io_objLocks, UInt32 i_u32Majo
         }
     }
     return std::nullopt;
+}
+
+std::string ExplainFailure(const ANSWER_S &i_stAnswer, const CONTROL_ENDPOINT_S &i_stEndpoint,
+                           std::chrono::milliseconds i_objTimeout,
+                           const std::optional<SInt32> &i_objHolder)
+{
+    const std::string strProcess = i_objHolder
+                                       ? "process " + std::to_string(*i_objHolder) + " holds "
+                                       : "no process is seen to hold ";
+    const std::string strLock = strProcess + i_stEndpoint.strPidFile;
+    switch (i_stAnswer.eResult) {
+    case AskResult::NotRunning:
+        if (i_objHolder) {
+            return "nobody listens on " + Address(i_stEndpoint.u16RequestPort) + ", but " +
+                   strLock + ": the daemon is starting or stopping, or cannot have its port";
+        }
+        return "the daemon is not running: nobody listens on " +
+               Address(i_stEndpoint.u16RequestPort) + " and " + strLock;
+    case AskResult::ReplyPortTaken:
+        return "the daemon cannot be asked: the reply port " + Address(i_stEndpoint.u16ReplyPort) +
+               " is taken, most likely by another reader of the daemon's replies (a management "
+               "front end, or another mv3300ctl that waits for one); 'ss -lunp' names it";
+    case AskResult::NoAnswer: {
+        std::string strText = "no answer within " + Seconds(i_objTimeout);
+        if (i_stAnswer.bGarbled) {
+            strText += ", only something that is not the reply";
+        }
+        return strText + (i_objHolder ? ": the daemon runs (" + strLock +
+                                            ") but is busy or stuck; try a longer --timeout"
+                                      : ": " + strLock + ", so something else may have the port");
+    }
+    default:
+        return std::string("the system refused: ") + strerror(i_stAnswer.s32Error);
+    }
 }

@@ -1,9 +1,17 @@
 /*
  * The way to the daemon and back: one request datagram to its port, one reply datagram on the
- * client's, both on 127.0.0.1.
+ * client's, both on 127.0.0.1. For every program of the box that asks or sets (mv3300_channel).
  *
- * Nothing is kept between requests: the reply port, of which there is one for all readers, is held
- * only while a request is on its way. One thread at a time.
+ * There is one reply port for all readers. Whoever needs it holds it for one request and then gives
+ * way; nothing is kept between requests. Any thread may call: two that ask at once take turns, as
+ * two processes do.
+ *
+ *     const ANSWER_S stAnswer = AskDaemon({}, ASK_ALL, {}, std::chrono::seconds(5));
+ *     if (stAnswer.eResult == AskResult::Answered) {
+ *         ... stAnswer.objValues[SETTING_GOP] ...
+ *     }
+ *
+ * To set values and learn what became of them there is tools/apply_settings.h.
  */
 #pragma once
 
@@ -35,7 +43,14 @@ struct ANSWER_S {
     Bool bGarbled = false; /* something else than the awaited reply came meanwhile */
 };
 
-/* Sends the request and waits for the reply that holds just the asked fields. */
+/* Every field. The daemon answers only if one of the two flags is among the asked ones. Each ask
+ * leaves lines in its log, "cmd error" at ERROR among them: nothing to do by the second. */
+inline constexpr CFieldAsks ASK_ALL = {true, true, true, true, true, true, true};
+
+/* Takes the reply port, waiting up to 3.5 s or i_objTimeout, whichever is less, for another reader
+ * to give it up; sends the request, waits up to i_objTimeout for the reply that holds just the
+ * asked fields, and gives the port up. The daemon itself may wait 2.9 s before it answers. The
+ * reply tells the state before the sets of its request. */
 ANSWER_S AskDaemon(const CONTROL_ENDPOINT_S &i_stEndpoint, const CFieldAsks &i_objAsks,
                    const CFieldValues &i_objSets, std::chrono::milliseconds i_objTimeout);
 
@@ -46,3 +61,9 @@ std::optional<SInt32> FindDaemon(const std::string &i_strPidFile);
 /* The same out of the text of /proc/locks, for a file by device and inode number. */
 std::optional<SInt32> FindLockHolder(std::istream &io_objLocks, UInt32 i_u32Major,
                                      UInt32 i_u32Minor, UInt64 i_u64Inode);
+
+/* Why there is no answer, for a person, and what to do about it. i_objHolder: the process that
+ * holds the daemon's pid file. */
+std::string ExplainFailure(const ANSWER_S &i_stAnswer, const CONTROL_ENDPOINT_S &i_stEndpoint,
+                           std::chrono::milliseconds i_objTimeout,
+                           const std::optional<SInt32> &i_objHolder);

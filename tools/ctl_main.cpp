@@ -19,9 +19,6 @@ namespace
 using CClock = std::chrono::steady_clock;
 using CMilliseconds = std::chrono::milliseconds;
 
-constexpr CFieldAsks kAskAll = {true, true, true, true, true, true, true};
-constexpr CMilliseconds kReadBackPause(200);
-
 struct OPTIONS_S {
     bool bJson = false;
     std::string strTimeout;
@@ -43,7 +40,7 @@ public:
 
     int Get(const OPTIONS_S &i_stOptions)
     {
-        const ANSWER_S stAnswer = Ask({}, m_objTimeout);
+        const ANSWER_S stAnswer = Ask();
         if (stAnswer.eResult != AskResult::Answered) {
             return Fail(stAnswer);
         }
@@ -82,7 +79,7 @@ public:
         AskResult eLast = AskResult::Answered;
         int s32Result = CTL_OK;
         while (true) {
-            const ANSWER_S stAnswer = Ask({}, m_objTimeout);
+            const ANSWER_S stAnswer = Ask();
             const bool bAnswered = stAnswer.eResult == AskResult::Answered;
             if (!bAnswered && !objLast[SETTING_H264]) {
                 return Fail(stAnswer);
@@ -113,10 +110,7 @@ private:
         return CTL_USAGE;
     }
 
-    ANSWER_S Ask(const CFieldValues &i_objSets, CMilliseconds i_objTimeout) const
-    {
-        return AskDaemon(m_stEndpoint, kAskAll, i_objSets, i_objTimeout);
-    }
+    ANSWER_S Ask() const { return AskDaemon(m_stEndpoint, ASK_ALL, {}, m_objTimeout); }
 
     int Fail(const ANSWER_S &i_stAnswer)
     {
@@ -155,35 +149,15 @@ private:
         return objSelected;
     }
 
-    /* A set is not acknowledged, and the daemon may be busy with the stream for seconds, so what
-     * became of it is read back until all of it shows or the time is up. The request's own reply
-     * tells what was before. */
     int SendSet(const CFieldValues &i_objAsked, bool i_bJson)
     {
-        const auto objUntil = CClock::now() + m_objTimeout;
-        const ANSWER_S stBefore = Ask(i_objAsked, m_objTimeout);
-        if (stBefore.eResult != AskResult::Answered) {
-            return stBefore.eResult == AskResult::NoAnswer ? FailSent(stBefore) : Fail(stBefore);
+        const APPLIED_S stApplied = ApplySettings(m_stEndpoint, i_objAsked, m_objTimeout);
+        if (stApplied.stAnswer.eResult != AskResult::Answered) {
+            return stApplied.bSent ? FailSent(stApplied.stAnswer) : Fail(stApplied.stAnswer);
         }
-        ANSWER_S stNow;
-        do {
-            std::this_thread::sleep_for(kReadBackPause);
-            const auto objLeft =
-                std::chrono::duration_cast<CMilliseconds>(objUntil - CClock::now());
-            stNow = Ask({}, std::max(objLeft, kReadBackPause));
-            if (stNow.eResult != AskResult::Answered) {
-                return FailSent(stNow);
-            }
-        } while (IsSetPending(i_objAsked, stNow.objValues) && CClock::now() < objUntil);
-
-        const std::vector<SET_RESULT_S> objResults =
-            JudgeSet(i_objAsked, stBefore.objValues, stNow.objValues);
-        m_objOut << (i_bJson ? FormatSetJson(objResults) : FormatSet(objResults));
-        const bool bTaken =
-            std::all_of(objResults.begin(), objResults.end(), [](const SET_RESULT_S &i_stResult) {
-                return i_stResult.strReason.empty();
-            });
-        return bTaken ? CTL_OK : CTL_NOT_TAKEN;
+        m_objOut << (i_bJson ? FormatSetJson(stApplied.objResults)
+                             : FormatSet(stApplied.objResults));
+        return stApplied.IsDone() ? CTL_OK : CTL_NOT_TAKEN;
     }
 
     void ShowChanges(const CFieldValues &i_objLast, const CFieldValues &i_objNow, bool i_bJson)

@@ -4,8 +4,6 @@
 #include "tools/report.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
 
 #include <nlohmann/json.hpp>
 
@@ -13,14 +11,7 @@ namespace
 {
 using CJson = nlohmann::ordered_json;
 
-const char *const kNotCarried =
-    "the daemon reads the mode but does not pass it on; it stays as it is in the parameter file";
 const char *const kNotApplied = ", but only kept: the preview comes at the rate of the stream";
-const char *const kDroppedAlong =
-    "another value is out of its range, and the daemon then drops the whole request";
-const char *const kNotReported =
-    "the daemon does not report it yet; it may be busy restarting a stream, so look again with "
-    "'mv3300ctl get'";
 
 CJson ToJson(const CFieldValue &i_xValue)
 {
@@ -47,93 +38,7 @@ std::string Arrow(std::size_t i_u64Field, const CFieldValue &i_xFrom, const CFie
 {
     return FormatField(i_u64Field, i_xFrom) + " -> " + FormatField(i_u64Field, i_xTo);
 }
-
-const char *OutcomeName(SetOutcome i_eOutcome)
-{
-    switch (i_eOutcome) {
-    case SetOutcome::Taken:
-        return "taken";
-    case SetOutcome::Already:
-        return "already so";
-    case SetOutcome::Refused:
-        return "refused";
-    default:
-        return "not taken";
-    }
-}
-
-bool AreAllInRange(const CFieldValues &i_objAsked)
-{
-    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
-        if (i_objAsked[i] && !IsInRange(i, *i_objAsked[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
-void Explain(SET_RESULT_S &io_stResult, bool i_bAllInRange)
-{
-    io_stResult.eOutcome = SetOutcome::Refused;
-    if (io_stResult.u64Field == SETTING_MODE) {
-        io_stResult.strReason = kNotCarried;
-    } else if (!IsInRange(io_stResult.u64Field, io_stResult.xAsked)) {
-        io_stResult.strReason = "the control channel takes " + FormatRange(io_stResult.u64Field);
-    } else if (!i_bAllInRange) {
-        io_stResult.strReason = kDroppedAlong;
-    } else {
-        io_stResult.eOutcome = SetOutcome::Missing;
-        io_stResult.strReason = kNotReported;
-    }
-}
-
-std::string Seconds(std::chrono::milliseconds i_objTime)
-{
-    char szText[32];
-    snprintf(szText, sizeof(szText), "%g s", static_cast<double>(i_objTime.count()) / 1000);
-    return szText;
-}
-
-std::string Address(UInt16 i_u16Port)
-{
-    return "127.0.0.1:" + std::to_string(i_u16Port);
-}
 } // namespace
-
-std::vector<SET_RESULT_S> JudgeSet(const CFieldValues &i_objAsked, const CFieldValues &i_objBefore,
-                                   const CFieldValues &i_objNow)
-{
-    const bool bAllInRange = AreAllInRange(i_objAsked);
-    std::vector<SET_RESULT_S> objResults;
-    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
-        if (!i_objAsked[i]) {
-            continue;
-        }
-        SET_RESULT_S stResult = {
-            i, *i_objAsked[i], i_objBefore[i].value(), i_objNow[i].value(), SetOutcome::Taken, ""};
-        /* The parameter file may have put in effect what is out of range here. */
-        if (stResult.xNow != stResult.xAsked || !IsInRange(i, stResult.xAsked)) {
-            Explain(stResult, bAllInRange);
-        } else if (stResult.xBefore == stResult.xAsked) {
-            stResult.eOutcome = SetOutcome::Already;
-        }
-        objResults.push_back(stResult);
-    }
-    return objResults;
-}
-
-Bool IsSetPending(const CFieldValues &i_objAsked, const CFieldValues &i_objNow)
-{
-    if (!AreAllInRange(i_objAsked)) {
-        return false;
-    }
-    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
-        if (i_objAsked[i] && i != SETTING_MODE && i_objAsked[i] != i_objNow[i]) {
-            return true;
-        }
-    }
-    return false;
-}
 
 std::string FormatTable(const CFieldValues &i_objValues)
 {
@@ -219,38 +124,4 @@ std::string FormatChangesJson(const std::string &i_strTime, const CFieldValues &
         }
     }
     return Line({{"time", i_strTime}, {"changes", objChanges}});
-}
-
-std::string ExplainFailure(const ANSWER_S &i_stAnswer, const CONTROL_ENDPOINT_S &i_stEndpoint,
-                           std::chrono::milliseconds i_objTimeout,
-                           const std::optional<SInt32> &i_objHolder)
-{
-    const std::string strProcess = i_objHolder
-                                       ? "process " + std::to_string(*i_objHolder) + " holds "
-                                       : "no process is seen to hold ";
-    const std::string strLock = strProcess + i_stEndpoint.strPidFile;
-    switch (i_stAnswer.eResult) {
-    case AskResult::NotRunning:
-        if (i_objHolder) {
-            return "nobody listens on " + Address(i_stEndpoint.u16RequestPort) + ", but " +
-                   strLock + ": the daemon is starting or stopping, or cannot have its port";
-        }
-        return "the daemon is not running: nobody listens on " +
-               Address(i_stEndpoint.u16RequestPort) + " and " + strLock;
-    case AskResult::ReplyPortTaken:
-        return "the daemon cannot be asked: the reply port " + Address(i_stEndpoint.u16ReplyPort) +
-               " is taken, most likely by another reader of the daemon's replies (a management "
-               "front end, or another mv3300ctl that waits for one); 'ss -lunp' names it";
-    case AskResult::NoAnswer: {
-        std::string strText = "no answer within " + Seconds(i_objTimeout);
-        if (i_stAnswer.bGarbled) {
-            strText += ", only something that is not the reply";
-        }
-        return strText + (i_objHolder ? ": the daemon runs (" + strLock +
-                                            ") but is busy or stuck; try a longer --timeout"
-                                      : ": " + strLock + ", so something else may have the port");
-    }
-    default:
-        return std::string("the system refused: ") + strerror(i_stAnswer.s32Error);
-    }
 }

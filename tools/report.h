@@ -1,41 +1,14 @@
 /*
- * What the client tells: the table and JSON of the fields, the outcome of a set, and why a request
- * stayed without an answer.
+ * What the client prints: the table and JSON of the fields, and the outcome of a set.
  *
  * Functions without state; any thread may call them.
  */
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "tools/control_channel.h"
-#include "tools/stream_fields.h"
-
-/* Of a set, per field. */
-enum class SetOutcome {
-    Taken,   /* asked for, and reported by the daemon now */
-    Already, /* was so before */
-    Refused, /* the daemon does not take it */
-    Missing  /* nothing speaks against it, but the daemon still reports another value */
-};
-
-struct SET_RESULT_S {
-    std::size_t u64Field;
-    CFieldValue xAsked;
-    CFieldValue xBefore;
-    CFieldValue xNow;
-    SetOutcome eOutcome;
-    std::string strReason; /* of Refused and Missing */
-};
-
-/* What became of the asked values, given complete replies from before and after the request. */
-std::vector<SET_RESULT_S> JudgeSet(const CFieldValues &i_objAsked, const CFieldValues &i_objBefore,
-                                   const CFieldValues &i_objNow);
-/* Whether waiting longer can still change the outcome: every value was acceptable, and not all of
- * them are reported yet. */
-Bool IsSetPending(const CFieldValues &i_objAsked, const CFieldValues &i_objNow);
+#include "tools/apply_settings.h"
 
 /* A line per field: name, value, unit. */
 std::string FormatTable(const CFieldValues &i_objValues);
@@ -54,9 +27,3 @@ std::string FormatChanges(const CFieldValues &i_objBefore, const CFieldValues &i
 /* {"time":"...","changes":{"gop":30}} */
 std::string FormatChangesJson(const std::string &i_strTime, const CFieldValues &i_objBefore,
                               const CFieldValues &i_objNow);
-
-/* Why there is no answer, for a person, and what to do about it. i_objHolder: the process that
- * holds the daemon's pid file. */
-std::string ExplainFailure(const ANSWER_S &i_stAnswer, const CONTROL_ENDPOINT_S &i_stEndpoint,
-                           std::chrono::milliseconds i_objTimeout,
-                           const std::optional<SInt32> &i_objHolder);
