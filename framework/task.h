@@ -14,7 +14,7 @@
 #include <atomic>
 
 #include "framework/heap.h"
-#include "framework/mutex.h"
+#include "framework/mutex_rw.h"
 #include "framework/queue.h"
 #include "framework/thread.h"
 #include "framework/types.h"

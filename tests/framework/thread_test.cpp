@@ -9,7 +9,7 @@
 
 #include "framework/atomic.h"
 #include "framework/clock.h"
-#include "framework/mutex.h"
+#include "framework/mutex_rw.h"
 #include "framework/thread.h"
 #include "tests/support/moved_time.h"
 
