@@ -86,9 +86,7 @@ void CEventContext::RequestEvent(int i_s32Mask)
 
 void CEventContext::ProcessEvent([[maybe_unused]] int i_s32EventBits)
 {
-    if (m_pTask != nullptr) {
-        m_pTask->Signal(CTask::kReadEvent);
-    }
+    CTask::Signal(m_pTask, CTask::kReadEvent);
 }
 
 void CEventContext::Cleanup()

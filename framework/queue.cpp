@@ -77,13 +77,17 @@ void CQueueIter::Next()
     }
 }
 
-void CQueue_Blocking::EnQueue(CQueueElem *i_pElem)
+Bool CQueue_Blocking::EnQueue(CQueueElem *i_pElem)
 {
     {
         CMutexLocker objLocker(&m_objMutex);
+        if (m_bClosed) {
+            return false;
+        }
         m_objQueue.EnQueue(i_pElem);
     }
     m_objCond.Signal();
+    return true;
 }
 
 CQueueElem *CQueue_Blocking::DeQueue()
@@ -95,8 +99,24 @@ CQueueElem *CQueue_Blocking::DeQueue()
 CQueueElem *CQueue_Blocking::DeQueueBlocking(CThread *, int i_s32TimeoutInMilSecs)
 {
     CMutexLocker objLocker(&m_objMutex);
-    if (m_objQueue.GetLength() == 0) {
+    if (m_objQueue.GetLength() == 0 && !m_bStopped) {
         m_objCond.Wait(&m_objMutex, i_s32TimeoutInMilSecs);
     }
     return m_objQueue.DeQueue();
+}
+
+void CQueue_Blocking::Stop()
+{
+    {
+        CMutexLocker objLocker(&m_objMutex);
+        m_bStopped = true;
+    }
+    m_objCond.Broadcast();
+}
+
+Bool CQueue_Blocking::TryClose()
+{
+    CMutexLocker objLocker(&m_objMutex);
+    m_bClosed = m_bClosed || m_objQueue.GetLength() == 0;
+    return m_bClosed;
 }

@@ -1,6 +1,10 @@
 /*
  * Tasks, their threads and pools.
  *
+ * The end of a thread is the end of its ready queue: stopped under the queue's mutex, the queue is
+ * run dry by its thread, which leaves when it could close it. Whatever was queued before that is
+ * run; what comes later finds the queue closed and goes to another thread that is still there.
+ *
  * The arrays of the pools are read by every thread that signals a task, never-ending ones
  * included, while the main thread builds and removes pools. A reader counts itself in for the time
  * of its visit; RemoveThreads() makes the numbers 0 first and then waits until nobody is inside.
@@ -61,20 +65,7 @@ void CTask::Signal(EventFlags i_u32Events)
     if ((atomic_or(&m_u32Events, i_u32Events | kAliveEvent) & kAliveEvent) != 0) {
         return;
     }
-    CTaskThreadPool::CVisit objVisit;
-    UInt32 u32Count = CTaskThreadPool::CountThreads(m_u32PoolID);
-    if (u32Count == 0) {
-        return; /* kept: the task stays marked as queued and never runs */
-    }
-    if (m_pBoundThread != nullptr && m_pCurrentThread == nullptr) {
-        m_pCurrentThread = m_pBoundThread;
-    }
-    CTaskThread *pTarget = m_pCurrentThread;
-    if (pTarget == nullptr) {
-        UInt32 u32Picked = atomic_add(&CTaskThreadPool::s_pTaskThreadPicker[m_u32PoolID], 1);
-        pTarget = CTaskThreadPool::s_pTaskThreadArray[m_u32PoolID][u32Picked % u32Count];
-    }
-    pTarget->m_objTaskQueue.EnQueue(&m_objQueueElem);
+    CTaskThreadPool::Queue(this);
 }
 
 CTask::EventFlags CTask::GetEvents()
@@ -96,9 +87,15 @@ void CTask::GlobalUnlock()
 }
 
 CTaskThread::CTaskThread(int i_s32Policy, int i_s32Priority)
-    : CThread(i_s32Policy, i_s32Priority), m_objElem(this), m_objHeap(kHeapSize), m_u32PoolID(0),
-      m_bEnded(false)
+    : CThread(i_s32Policy, i_s32Priority), m_objElem(this), m_objHeap(kHeapSize), m_u32PoolID(0)
 {
+}
+
+CTaskThread::~CTaskThread()
+{
+    SendStopRequest();
+    m_objTaskQueue.Stop();
+    StopAndWaitForThread();
 }
 
 void CTaskThread::Entry()
@@ -110,12 +107,11 @@ void CTaskThread::Entry()
 
     for (;;) {
         CTask *pTask = WaitForTask();
-        if (pTask == nullptr || !pTask->Valid()) {
+        if (!CTask::Valid(pTask)) {
             break;
         }
         RunUntilDone(pTask);
     }
-    m_bEnded.store(true);
 }
 
 CTask *CTaskThread::WaitForTask()
@@ -133,7 +129,7 @@ CTask *CTaskThread::WaitForTask()
         if (pElem != nullptr) {
             return static_cast<CTask *>(pElem->GetEnclosingObject());
         }
-        if (IsStopRequested()) {
+        if (IsStopRequested() && m_objTaskQueue.TryClose()) {
             return nullptr;
         }
     }
@@ -187,19 +183,8 @@ SInt64 CTaskThread::RunOnce(CTask *i_pTask)
     return s64Result;
 }
 
-/* The stop request is not tested under the queue's mutex, so one signal can come just before the
- * thread begins to wait, and that wait may be as long as the next task's delay. */
-void CTaskThread::WaitForEnd()
-{
-    while (!m_bEnded.load()) {
-        m_objTaskQueue.GetCond()->Signal();
-        Sleep(1);
-    }
-    StopAndWaitForThread();
-}
-
 CTaskThread ***CTaskThreadPool::s_pTaskThreadArray = nullptr;
-std::atomic<UInt32> *CTaskThreadPool::s_pNumTaskThreads = nullptr;
+std::atomic<std::atomic<UInt32> *> CTaskThreadPool::s_pNumTaskThreads{nullptr};
 UInt32 *CTaskThreadPool::s_pTaskThreadPicker = nullptr;
 std::atomic<UInt32> CTaskThreadPool::s_u32NumTaskThreadPools{0};
 std::atomic<UInt32> CTaskThreadPool::s_u32Visitors{0};
@@ -210,10 +195,9 @@ Bool CTaskThreadPool::AddThreadPools(UInt32 i_u32Num)
 {
     assert(s_pTaskThreadArray == NULL);
     /* RemoveThreads() left these two; nobody looks at them while there are no pools. */
-    delete[] s_pNumTaskThreads;
+    delete[] s_pNumTaskThreads.exchange(new std::atomic<UInt32>[i_u32Num]());
     delete[] s_pTaskThreadPicker;
     s_pTaskThreadArray = new CTaskThread **[i_u32Num]();
-    s_pNumTaskThreads = new std::atomic<UInt32>[i_u32Num]();
     s_pTaskThreadPicker = new UInt32[i_u32Num]();
     /* Last: whoever sees the pools may use the arrays. */
     s_u32NumTaskThreadPools.store(i_u32Num);
@@ -243,7 +227,7 @@ Bool CTaskThreadPool::AddThreads(UInt32 i_u32PoolID, UInt32 i_u32NumToAdd, int i
         s_pTaskThreadArray[i_u32PoolID][i] = pThread;
         pThread->Start();
     }
-    s_pNumTaskThreads[i_u32PoolID].store(i_u32NumToAdd);
+    s_pNumTaskThreads.load()[i_u32PoolID].store(i_u32NumToAdd);
     return true;
 }
 
@@ -257,7 +241,33 @@ CTaskThread *CTaskThreadPool::GetThread(UInt32 i_u32PoolID, UInt32 i_u32Index)
 
 UInt32 CTaskThreadPool::CountThreads(UInt32 i_u32PoolID)
 {
-    return i_u32PoolID < s_u32NumTaskThreadPools.load() ? s_pNumTaskThreads[i_u32PoolID].load() : 0;
+    return i_u32PoolID < s_u32NumTaskThreadPools.load()
+               ? s_pNumTaskThreads.load()[i_u32PoolID].load()
+               : 0;
+}
+
+void CTaskThreadPool::Queue(CTask *i_pTask)
+{
+    CVisit objVisit;
+    UInt32 u32Count = CountThreads(i_pTask->m_u32PoolID);
+    if (u32Count == 0) {
+        return; /* kept: the task stays marked as queued and never runs */
+    }
+    if (i_pTask->m_pBoundThread != nullptr && i_pTask->m_pCurrentThread == nullptr) {
+        i_pTask->m_pCurrentThread = i_pTask->m_pBoundThread;
+    }
+    if (i_pTask->m_pCurrentThread != nullptr) {
+        (void)i_pTask->m_pCurrentThread->m_objTaskQueue.EnQueue(&i_pTask->m_objQueueElem);
+        return;
+    }
+    CTaskThread **pThreads = s_pTaskThreadArray[i_pTask->m_u32PoolID];
+    UInt32 u32Picked = atomic_add(&s_pTaskThreadPicker[i_pTask->m_u32PoolID], 1) % u32Count;
+    for (UInt32 i = 0; i < u32Count; i++) {
+        CTaskThread *pTarget = pThreads[(u32Picked + i) % u32Count];
+        if (pTarget->m_objTaskQueue.EnQueue(&i_pTask->m_objQueueElem)) {
+            return;
+        }
+    }
 }
 
 void CTaskThreadPool::WaitForVisitors()
@@ -271,14 +281,14 @@ void CTaskThreadPool::RemoveThreads()
 {
     for (UInt32 u32Pool = 0; u32Pool < s_u32NumTaskThreadPools.load(); u32Pool++) {
         CTaskThread **pThreads = s_pTaskThreadArray[u32Pool];
-        UInt32 u32Count = s_pNumTaskThreads[u32Pool].load();
+        UInt32 u32Count = s_pNumTaskThreads.load()[u32Pool].load();
         std::for_each_n(pThreads, u32Count,
                         [](CTaskThread *pThread) { pThread->SendStopRequest(); });
         std::for_each_n(pThreads, u32Count,
-                        [](CTaskThread *pThread) { pThread->m_objTaskQueue.GetCond()->Signal(); });
+                        [](CTaskThread *pThread) { pThread->m_objTaskQueue.Stop(); });
         /* All have ended before the first goes: their last tasks may signal one another. */
-        std::for_each_n(pThreads, u32Count, [](CTaskThread *pThread) { pThread->WaitForEnd(); });
-        s_pNumTaskThreads[u32Pool].store(0);
+        std::for_each_n(pThreads, u32Count, [](CTaskThread *pThread) { pThread->Join(); });
+        s_pNumTaskThreads.load()[u32Pool].store(0);
         WaitForVisitors();
         std::for_each_n(pThreads, u32Count, [](CTaskThread *pThread) { delete pThread; });
         s_pTaskThreadArray[u32Pool] = nullptr;

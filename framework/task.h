@@ -50,13 +50,20 @@ public:
     void SetTaskName(const char *i_pName);
     /* With the prefix that marks a living task. */
     const char *GetTaskName() const { return m_szTaskName; }
-    /* False once the task is about to be deleted. */
+    /* False once the task is about to be deleted, and for a null pointer. */
     Bool Valid() const;
+    static Bool Valid(const CTask *i_pTask) { return i_pTask != nullptr && i_pTask->Valid(); }
 
     /* Makes the events pending and has the task run, on its bound thread or else on the next one
      * of its pool. Any thread. Does nothing to a task that is not Valid(), nor (but for the
-     * pending events) while the pool has no threads. */
+     * pending events) while the pool has no threads. A null pointer is ignored. */
     void Signal(EventFlags i_u32Events);
+    static void Signal(CTask *i_pTask, EventFlags i_u32Events)
+    {
+        if (i_pTask != nullptr) {
+            i_pTask->Signal(i_u32Events);
+        }
+    }
     /* For Run() only: takes the pending events; what is signalled later stays pending. */
     EventFlags GetEvents();
 
@@ -74,6 +81,7 @@ public:
 
 private:
     friend class CTaskThread;
+    friend class CTaskThreadPool;
 
     char m_szTaskName[48];
     UInt32 m_u32Events; /* through framework/atomic.h only */
@@ -90,25 +98,22 @@ class CTaskThread : public CThread
 {
 public:
     CTaskThread(int i_s32Policy, int i_s32Priority);
-    /* Tasks that still wait for a run do not get one. */
-    ~CTaskThread() override { StopAndWaitForThread(); }
+    /* Tasks that wait for a delayed run do not get one. */
+    ~CTaskThread() override;
 
     void Entry() override;
 
 private:
-    friend class CTask;
     friend class CTaskThreadPool;
 
     CTask *WaitForTask();
     void RunUntilDone(CTask *i_pTask);
     static SInt64 RunOnce(CTask *i_pTask);
-    void WaitForEnd();
 
     CQueueElem m_objElem;
     CHeap m_objHeap;
     CQueue_Blocking m_objTaskQueue;
     UInt32 m_u32PoolID;
-    std::atomic<Bool> m_bEnded;
 };
 
 class CTaskThreadPool
@@ -124,9 +129,9 @@ public:
                            int i_s32Priority);
     /* Null if there is no such thread. The pointer is good until RemoveThreads(). */
     static CTaskThread *GetThread(UInt32 i_u32PoolID, UInt32 i_u32Index);
-    /* Ends and deletes every thread; tasks that are ready are run before, but not for a delay that
-     * they ask for then. Not to be called on a task thread. Other threads may go on signalling: it
-     * no longer has an effect. */
+    /* Ends and deletes every thread. Tasks that are ready are run before, and so are those that
+     * these signal, but not for a delay that they ask for then. Not to be called on a task thread.
+     * Other threads may go on signalling: once it returns that has no effect. */
     static void RemoveThreads();
 
 private:
@@ -141,11 +146,13 @@ private:
         ~CVisit() { s_u32Visitors--; }
     };
 
+    /* Chooses the thread and queues the task there, if the task's pool has a thread to run it. */
+    static void Queue(CTask *i_pTask);
     static UInt32 CountThreads(UInt32 i_u32PoolID);
     static void WaitForVisitors();
 
     static CTaskThread ***s_pTaskThreadArray;
-    static std::atomic<UInt32> *s_pNumTaskThreads;
+    static std::atomic<std::atomic<UInt32> *> s_pNumTaskThreads;
     static UInt32 *s_pTaskThreadPicker;
     static std::atomic<UInt32> s_u32NumTaskThreadPools;
     static std::atomic<UInt32> s_u32Visitors;

@@ -77,9 +77,7 @@ SInt64 CTimeoutTaskThread::Run()
         }
         SInt64 s64Remaining = s64Deadline - s64Now;
         if (s64Remaining <= 0) {
-            if (pRecord->m_pTask != nullptr) {
-                pRecord->m_pTask->Signal(pRecord->m_u32Flags);
-            }
+            CTask::Signal(pRecord->m_pTask, pRecord->m_u32Flags);
         } else if (pRecord->m_s64Timeout.load() > 0 && s64Next > s64Remaining) {
             /* Kept: the full second on top makes looks a matter of seconds. */
             s64Next = s64Remaining + 1000;

@@ -16,6 +16,22 @@
 
 namespace
 {
+std::atomic<bool> g_bSlowUnlocks{false};
+} // namespace
+
+/* Widens what lies between an unlock on a pool thread and its next step. */
+extern "C" int __real_pthread_mutex_unlock(pthread_mutex_t *);
+extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t *io_pMutex)
+{
+    int s32Err = __real_pthread_mutex_unlock(io_pMutex);
+    if (g_bSlowUnlocks.load() && CThread::GetCurrent() != nullptr) {
+        CThread::Sleep(1);
+    }
+    return s32Err;
+}
+
+namespace
+{
 /* Takes its events and runs what it was given. */
 class CTestTask : public CTask
 {
@@ -305,6 +321,7 @@ TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
             int s32Ours = s32Ready;
             if (s32Ours > 0) {
                 pTasks[s32Ours - 1 - i % kTasks]->Signal(CTask::kReadEvent);
+                (void)CTaskThreadPool::GetThread(0, 0);
             }
         }
     });
@@ -331,6 +348,50 @@ TEST_F(CTaskTest, ThreadsEndAlthoughDelayedRunsKeepComingDue)
     objOther.Signal(CTask::kStartEvent);
     EXPECT_TRUE(WaitUntil([&] { return objOne.m_s32Runs > 2 && objOther.m_s32Runs > 2; }));
     CTaskThreadPool::RemoveThreads();
+}
+
+/* The thread has just found nothing, and is about to see that it is to stop. */
+TEST_F(CTaskTest, WhatBecomesReadyJustBeforeTheStopIsRun)
+{
+    for (int i = 0; i < 60; i++) {
+        std::atomic<int> s32Runs{0};
+        CTaskThreadPool::AddThreads(2);
+        g_bSlowUnlocks = true;
+        CThread::Sleep(i % 7);
+        for (int s32Task = 0; s32Task < 2; s32Task++) {
+            (new CTestTask([&](CTestTask &) {
+                s32Runs++;
+                return -1;
+            }))->Signal(CTask::kKillEvent);
+        }
+        CTaskThreadPool::RemoveThreads();
+        g_bSlowUnlocks = false;
+        ASSERT_EQ(s32Runs, 2) << i;
+    }
+}
+
+/* One of the two goes to the thread that has ended meanwhile. */
+TEST_F(CTaskTest, WhatTheLastTaskSignalsIsRunByWhoIsLeft)
+{
+    std::atomic<int> s32Runs{0};
+    std::atomic<bool> bInside{false};
+    CTaskThreadPool::AddThreads(2);
+    CTestTask objLast([&](CTestTask &) {
+        bInside = true;
+        EXPECT_TRUE(WaitUntil([] { return CThread::GetCurrent()->IsStopRequested(); }));
+        CThread::Sleep(30);
+        for (int s32Task = 0; s32Task < 2; s32Task++) {
+            (new CTestTask([&](CTestTask &) {
+                s32Runs++;
+                return -1;
+            }))->Signal(CTask::kKillEvent);
+        }
+        return 0;
+    });
+    objLast.Signal(CTask::kStartEvent);
+    EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
+    CTaskThreadPool::RemoveThreads();
+    EXPECT_EQ(s32Runs, 2);
 }
 
 TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
