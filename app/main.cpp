@@ -26,7 +26,6 @@
 #include "app/modules.h"
 #include "app/stream_cmd.h"
 #include "common/box/eventmonitor.h"
-#include "common/box/param.h"
 #include "common/bus/log.h"
 #include "common/stream/gstobj.h"
 #include "framework/assertion.h"
@@ -212,7 +211,7 @@ void StartModules()
 void StopModules()
 {
     /* A file lock that another process holds must not hold up the stop. */
-    RQ_XMLParser::AbandonLockWait();
+    g_objConfig.AbandonLockWait();
     LOG_INFO("encoder stop run");
     g_objMonitor.StopAndWaitForThread();
     LOG_INFO("g_objMonitor stop run");

@@ -12,7 +12,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "common/box/param.h"
+#include "common/box/param_table.h"
 #include "framework/assertion.h"
 
 namespace

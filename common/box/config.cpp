@@ -4,13 +4,12 @@
  */
 #include "common/box/config.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include <strings.h>
 
-#include "common/box/param.h"
+#include "common/box/param_table.h"
 #include "common/bus/log.h"
 #include "common/bus/router.h"
 
@@ -18,68 +17,34 @@ CONFIG_INFO_S g_stConfigInfo;
 
 namespace
 {
-constexpr std::size_t kSrcDeviceIdLength = 12;
+constexpr unsigned kLockPollMs = 20;
 
-struct RANGE_S {
-    SInt32 s32Min;
-    SInt32 s32Max;
-    constexpr bool Has(long i_s64Value) const
-    {
-        return i_s64Value >= s32Min && i_s64Value <= s32Max;
-    }
-};
-constexpr RANGE_S kGop = {1, 65535};
-constexpr RANGE_S kBitrate = {100000, 10000000};
-constexpr RANGE_S kPrevHeight = {270, 1080};
-constexpr RANGE_S kPrevRefreshrate = {1, 10};
-
-void TellLockWait(const char *i_pPath)
+/* For who looks into the log why the file's values are not the ones in use. */
+void LogWhatIsNotUsed(const char *i_pPath, const RQ_XMLParser &i_objParser)
 {
-    LOG_WARN("HandleReadConfigMsg %s is locked by another process, waiting", i_pPath);
-}
-
-/* What a person who edited the file would otherwise look for in vain. */
-void TellLoad(const char *i_pPath, const char *i_pLoadError, const PARAM_ROWS &i_objTooLong)
-{
-    if (i_pLoadError[0] != '\0') {
-        LOG_WARN("HandleReadConfigMsg %s not loaded, defaults are used: %s", i_pPath, i_pLoadError);
+    if (i_objParser.LoadError()[0] != '\0') {
+        LOG_DEBUG("HandleReadConfigMsg %s not loaded, defaults are used: %s", i_pPath,
+                  i_objParser.LoadError());
     }
+    const PARAM_ELEMENTS pFound = FindParams(i_objParser);
     for (std::size_t i = 0; i < PARAM_COUNT; i++) {
-        if (i_objTooLong[i]) {
-            LOG_WARN("HandleReadConfigMsg %s is longer than %u characters, using <%s>",
-                     g_aParams[i].name, g_aParams[i].capacity - 1, g_aParams[i].default_value);
+        const char *pText = pFound[i] != nullptr ? pFound[i]->GetText() : nullptr;
+        const PARAM_VALUE_S stValue = EvaluateParam(g_aParams[i], pText);
+        if (pText != nullptr && stValue.eNote != PARAM_NOTE::AS_GIVEN) {
+            LOG_DEBUG("HandleReadConfigMsg %s <%.80s> %s, using <%.80s>", g_aParams[i].name, pText,
+                      ParamNoteText(stValue.eNote), stValue.strText.c_str());
         }
     }
 }
 
-/* An empty text counts as on. */
-UInt32 EnableFrom(const char *i_pText)
+PARAM_VALUE_S Value(PARAM_ROW i_eRow)
 {
-    return i_pText[0] != '\0' && strcasecmp(i_pText, "true") != 0 ? 0 : 1;
+    return EvaluateParam(g_aParams[i_eRow], g_aParams[i_eRow].buffer);
 }
 
-/* Leading digits count, as with atoi(3); a number beyond the type's range is out of every range
- * here too. */
-SInt32 NumberFrom(const char *i_pName, const char *i_pText, RANGE_S i_stRange, SInt32 i_s32Default)
+template <std::size_t Size> void CopyText(PARAM_ROW i_eRow, char (&o_szText)[Size])
 {
-    long s64Value = strtol(i_pText, nullptr, 10);
-    if (i_pText[0] != '\0' && i_stRange.Has(s64Value)) {
-        return static_cast<SInt32>(s64Value);
-    }
-    LOG_WARN("HandleReadConfigMsg %s <%s> is not in %d..%d, using %d", i_pName, i_pText,
-             i_stRange.s32Min, i_stRange.s32Max, i_s32Default);
-    return i_s32Default;
-}
-
-const char *ModeFrom(const char *i_pText)
-{
-    if (strcasecmp(i_pText, "cbr") == 0) {
-        return "cbr";
-    }
-    if (strcasecmp(i_pText, "vbr") != 0) {
-        LOG_WARN("HandleReadConfigMsg h264_stream_mode <%s> is unknown, using vbr", i_pText);
-    }
-    return "vbr";
+    rq_strncpy(o_szText, Value(i_eRow).strText.c_str(), Size);
 }
 
 /* Writes the rate-control mode if the text, which need not be terminated, names one. */
@@ -88,7 +53,9 @@ void SetMode(const char *i_pText, char *o_pMode)
     constexpr std::size_t kModeSize = sizeof("vbr");
     for (const char *pMode : {"vbr", "cbr"}) {
         if (strncasecmp(i_pText, pMode, kModeSize) == 0) {
-            memcpy(o_pMode, pMode, kModeSize); /* kept: the rest of the field stays as it is */
+            /* Kept: the rest of the field stays as it is, since the record is compared and sent as
+             * bytes. */
+            memcpy(o_pMode, pMode, kModeSize);
         }
     }
 }
@@ -101,10 +68,10 @@ void SetEnable(UInt32 i_u32Value, UInt32 *o_pField)
 }
 
 /* The value is taken as signed, so that "no change", all ones, is out of every range. */
-void SetNumber(UInt32 i_u32Value, RANGE_S i_stRange, SInt32 *o_pField)
+void SetNumber(UInt32 i_u32Value, PARAM_ROW i_eRow, SInt32 *o_pField)
 {
     SInt32 s32Value = static_cast<SInt32>(i_u32Value);
-    if (i_stRange.Has(s32Value)) {
+    if (g_aParams[i_eRow].Has(s32Value)) {
         *o_pField = s32Value;
     }
 }
@@ -130,7 +97,7 @@ int Answer(const MSG_DESC_INFO_S *i_pRequest, void *o_pResult, const Record &i_s
 
 CConfig::CConfig(const char *i_pPath)
     : CModule(MODULE_CONFIG, "config", "config", MSG_READ_CONFIG), m_stConfigInfo{},
-      m_pPath(i_pPath)
+      m_pPath(i_pPath), m_bLockWaitAbandoned(false)
 {
 }
 
@@ -157,17 +124,36 @@ int CConfig::Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult)
     }
 }
 
+/* Polls, because nothing but a signal aimed at this very thread ends a blocking flock(2), and the
+ * daemon has to be able to stop while another process sits on the lock. */
+std::function<Bool()> CConfig::LockWait()
+{
+    return [this, bLogged = false]() mutable {
+        if (IsStopRequested() || m_bLockWaitAbandoned.load()) {
+            return false;
+        }
+        if (!bLogged) {
+            LOG_DEBUG("HandleReadConfigMsg %s is locked by another process, waiting", m_pPath);
+            bLogged = true;
+        }
+        Sleep(kLockPollMs);
+        return true;
+    };
+}
+
 int CConfig::HandleReadConfigMsg(const MSG_DESC_INFO_S *, void *o_pResult)
 {
     {
         RQ_XMLParser objParser(m_pPath);
-        UInt32 u32Err = objParser.Parse(TellLockWait);
+        UInt32 u32Err = objParser.Parse(LockWait());
         if (u32Err != 0) {
             LOG_ERROR("HandleReadConfigMsg %s err<%d>", m_pPath, static_cast<int>(u32Err));
             return 0;
         }
-        PARAM_ROWS objTooLong = ReadTheXML(objParser, false);
-        TellLoad(m_pPath, objParser.LoadError(), objTooLong);
+        ReadTheXML(objParser, false);
+        if (LogEnabled(log4cpp::Priority::DEBUG)) {
+            LogWhatIsNotUsed(m_pPath, objParser);
+        }
     }
     UInt8 u8Changed = static_cast<UInt8>(GetConfigInfoFromFile());
     if (o_pResult != nullptr) {
@@ -180,26 +166,16 @@ int CConfig::GetConfigInfoFromFile()
 {
     CONFIG_INFO_S &stInfo = g_stConfigInfo;
     memset(&stInfo, 0, sizeof(stInfo));
-    rq_strncpy(stInfo.szAddrList, g_szAddrList, sizeof(stInfo.szAddrList));
-    if (strlen(g_szAddrUrl) >= sizeof(stInfo.szAddrUrl)) {
-        LOG_WARN("HandleReadConfigMsg addr_url is cut to %u characters",
-                 static_cast<unsigned>(sizeof(stInfo.szAddrUrl) - 1));
-    }
-    rq_strncpy(stInfo.szAddrUrl, g_szAddrUrl, sizeof(stInfo.szAddrUrl));
-    stInfo.u32H264Enable = EnableFrom(g_szH264Enable);
-    stInfo.u32H264Gop = NumberFrom("h264_stream_gop", g_szH264Gop, kGop, 60);
-    rq_strncpy(stInfo.szH264Mode, ModeFrom(g_szH264Mode), sizeof(stInfo.szH264Mode));
-    stInfo.u32H264Bitrate = NumberFrom("h264_stream_bitrate", g_szH264Bitrate, kBitrate, 1000000);
-    stInfo.u32PrevEnable = EnableFrom(g_szPrevEnable);
-    stInfo.u32PrevHeight = NumberFrom("preview_stream_height", g_szPrevHeight, kPrevHeight, 720);
-    stInfo.u32PrevRefreshrate =
-        NumberFrom("preview_stream_refreshrate", g_szPrevRefreshrate, kPrevRefreshrate, 1);
-    if (strlen(g_szSrcDeviceId) >= kSrcDeviceIdLength) {
-        rq_strncpy(stInfo.szSrcDeviceId, g_szSrcDeviceId, sizeof(stInfo.szSrcDeviceId));
-    } else if (g_szSrcDeviceId[0] != '\0') {
-        LOG_WARN("HandleReadConfigMsg src_device_id <%s> is shorter than %u characters, ignored",
-                 g_szSrcDeviceId, static_cast<unsigned>(kSrcDeviceIdLength));
-    }
+    CopyText(PARAM_ADDR_LIST, stInfo.szAddrList);
+    CopyText(PARAM_ADDR_URL, stInfo.szAddrUrl);
+    stInfo.u32H264Enable = static_cast<UInt32>(Value(PARAM_H264_ENABLE).s32Number);
+    stInfo.u32H264Gop = Value(PARAM_H264_GOP).s32Number;
+    CopyText(PARAM_H264_MODE, stInfo.szH264Mode);
+    stInfo.u32H264Bitrate = Value(PARAM_H264_BITRATE).s32Number;
+    stInfo.u32PrevEnable = static_cast<UInt32>(Value(PARAM_PREV_ENABLE).s32Number);
+    stInfo.u32PrevHeight = Value(PARAM_PREV_HEIGHT).s32Number;
+    stInfo.u32PrevRefreshrate = Value(PARAM_PREV_REFRESHRATE).s32Number;
+    CopyText(PARAM_SRC_DEVICE_ID, stInfo.szSrcDeviceId);
     if (memcmp(&stInfo, &m_stConfigInfo, sizeof(stInfo)) == 0) {
         return 0;
     }
@@ -244,14 +220,14 @@ int CConfig::HandleSetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *)
     CONFIG_INFO_S &stInfo = m_stConfigInfo;
     if (stStatus.u32Type == STREAM_STATUS_H264 || stStatus.u32Type == STREAM_STATUS_BOTH) {
         SetEnable(stStatus.u32H264Enable, &stInfo.u32H264Enable);
-        SetNumber(stStatus.u32H264Gop, kGop, &stInfo.u32H264Gop);
+        SetNumber(stStatus.u32H264Gop, PARAM_H264_GOP, &stInfo.u32H264Gop);
         SetMode(stStatus.szH264Mode, stInfo.szH264Mode);
-        SetNumber(stStatus.u32H264Bitrate, kBitrate, &stInfo.u32H264Bitrate);
+        SetNumber(stStatus.u32H264Bitrate, PARAM_H264_BITRATE, &stInfo.u32H264Bitrate);
     }
     if (stStatus.u32Type == STREAM_STATUS_PREVIEW || stStatus.u32Type == STREAM_STATUS_BOTH) {
         SetEnable(stStatus.u32PrevEnable, &stInfo.u32PrevEnable);
-        SetNumber(stStatus.u32PrevHeight, kPrevHeight, &stInfo.u32PrevHeight);
-        SetNumber(stStatus.u32PrevRefreshrate, kPrevRefreshrate, &stInfo.u32PrevRefreshrate);
+        SetNumber(stStatus.u32PrevHeight, PARAM_PREV_HEIGHT, &stInfo.u32PrevHeight);
+        SetNumber(stStatus.u32PrevRefreshrate, PARAM_PREV_REFRESHRATE, &stInfo.u32PrevRefreshrate);
     }
     return 1;
 }
@@ -260,7 +236,9 @@ int CConfig::HandleSetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *)
 {
     const std::string strId(TextOf(*i_pMsg).substr(0, sizeof(m_stConfigInfo.szSrcDeviceId)));
     LOG_INFO("set src device id:%s", strId.c_str());
-    if (strId.size() != kSrcDeviceIdLength) {
+    /* Kept: exactly as many characters here, as many or more in the file; ids of either length are
+     * in use. */
+    if (strId.size() != static_cast<std::size_t>(g_aParams[PARAM_SRC_DEVICE_ID].min)) {
         LOG_ERROR("src device id <%s> len :%d err", strId.c_str(), static_cast<int>(strId.size()));
         return 0;
     }

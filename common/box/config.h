@@ -9,22 +9,25 @@
  */
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <functional>
 
 #include "common/bus/module.h"
 #include "framework/types.h"
 
-/* Compared byte for byte, so it has no padding and is zeroed whole before it is filled. */
+/* The ranges are the parameter table's. Compared byte for byte, so it has no padding and is zeroed
+ * whole before it is filled. */
 struct CONFIG_INFO_S {
     char szAddrList[512];      /* destination address list */
     char szAddrUrl[512];       /* address URL */
     UInt32 u32H264Enable;      /* 1 on, 0 off */
-    SInt32 u32H264Gop;         /* GOP length, 1..65535 frames */
+    SInt32 u32H264Gop;         /* GOP length, frames */
     char szH264Mode[32];       /* rate control, "vbr" or "cbr" */
-    SInt32 u32H264Bitrate;     /* 100000..10000000 bit/s */
+    SInt32 u32H264Bitrate;     /* bit/s */
     UInt32 u32PrevEnable;      /* 1 on, 0 off */
-    SInt32 u32PrevHeight;      /* preview picture height, 270..1080 lines */
-    SInt32 u32PrevRefreshrate; /* 1..10 preview pictures per second */
+    SInt32 u32PrevHeight;      /* preview picture height, lines */
+    SInt32 u32PrevRefreshrate; /* preview pictures per second */
     char szSrcDeviceId[64];    /* source device id, "" when not set */
 };
 static_assert(sizeof(CONFIG_INFO_S) == 1144);
@@ -41,6 +44,10 @@ public:
     /* i_pPath: the parameter file; has to outlive the object. */
     explicit CConfig(const char *i_pPath = "/config/mv3300/param.xml");
     ~CConfig() override { StopAndWaitForThread(); }
+
+    /* Ends the wait for the parameter file's lock, and any later one: for the time when the process
+     * stops, which another holder of the lock must not delay. Any thread may call it. */
+    void AbandonLockWait() { m_bLockWaitAbandoned.store(true); }
 
     /* o_pResult: null, or a byte that is set to 1 when the configuration changed, to 0 when not. */
     int HandleReadConfigMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
@@ -59,6 +66,9 @@ private:
      * what the module had, 0 it is the same. */
     int GetConfigInfoFromFile();
 
+    std::function<Bool()> LockWait();
+
     CONFIG_INFO_S m_stConfigInfo;
     const char *m_pPath;
+    std::atomic<Bool> m_bLockWaitAbandoned;
 };

@@ -14,16 +14,11 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include "framework/thread.h"
 
 using tinyxml2::XMLElement;
 using tinyxml2::XMLNode;
 
 const char FLUSHED_XML[] = "<CONFIGURATION></CONFIGURATION>";
-
-std::atomic<Bool> RQ_XMLParser::s_bLockWaitAbandoned{false};
 
 namespace
 {
@@ -31,7 +26,6 @@ constexpr char kRoot[] = "CONFIGURATION";
 constexpr char kParam[] = "PARAM";
 constexpr char kName[] = "NAME";
 constexpr char kType[] = "TYPE";
-constexpr unsigned kLockPollMs = 20;
 
 Bool IsNamed(const XMLElement *i_pElem, const char *i_pName)
 {
@@ -75,7 +69,7 @@ XMLElement *AppendParam(XMLElement *i_pSection, const char *i_pName)
 }
 } // namespace
 
-RQ_XMLParser::RQ_XMLParser(const char *i_pPath) : doc(true, tinyxml2::PRESERVE_WHITESPACE), fd(-1)
+RQ_XMLParser::RQ_XMLParser(const char *i_pPath) : doc(true, tinyxml2::PRESERVE_WHITESPACE)
 {
     rq_strncpy(path, i_pPath, sizeof(path));
 }
@@ -83,55 +77,50 @@ RQ_XMLParser::RQ_XMLParser(const char *i_pPath) : doc(true, tinyxml2::PRESERVE_W
 RQ_XMLParser::~RQ_XMLParser()
 {
     doc.Clear();
-    /* kept: descriptors 0 and 1 are never closed here, whoever opened them */
-    if (fd > 1) {
-        close(fd);
+    /* Kept: descriptors 0 and 1 are never closed here, because they may be the process's streams,
+     * whoever opened them. */
+    if (fd.Get() <= 1) {
+        (void)fd.Release();
     }
 }
 
-UInt32 RQ_XMLParser::Parse(LOCK_WAIT_NOTICE i_pNotice)
+UInt32 RQ_XMLParser::Parse(const LOCK_WAIT &i_pWait)
 {
     m_strLoadError.clear();
     /* A second Parse() must not wait for the lock of the first one's descriptor. */
-    if (fd < 0) {
-        fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0770);
+    if (!fd) {
+        fd.Reset(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0770));
     }
-    if (fd >= 0 && !WaitForLock(i_pNotice)) {
+    if (fd && !TakeLock(i_pWait)) {
         return tinyxml2::XML_ERROR_FILE_COULD_NOT_BE_OPENED;
     }
+    return Load();
+}
+
+UInt32 RQ_XMLParser::Load()
+{
+    m_strLoadError.clear();
     /* Reading a pipe or a device could wait, or go on, for ever. */
     struct stat stStat;
-    if (fd >= 0 && (fstat(fd, &stStat) != 0 || !S_ISREG(stStat.st_mode))) {
+    if (stat(path, &stStat) == 0 && !S_ISREG(stStat.st_mode)) {
         m_strLoadError = "not a regular file";
-        return doc.Parse(FLUSHED_XML);
-    }
-    if (doc.LoadFile(path) == tinyxml2::XML_SUCCESS) {
+    } else if (doc.LoadFile(path) != tinyxml2::XML_SUCCESS) {
+        m_strLoadError = doc.ErrorStr();
+    } else {
         return tinyxml2::XML_SUCCESS;
     }
-    m_strLoadError = doc.ErrorStr();
     return doc.Parse(FLUSHED_XML);
 }
 
-/* False when the wait was abandoned. Polls, because nothing but a signal aimed at this very thread
- * ends a blocking flock(), and the daemon has to be able to stop while another process sits on
- * the lock. A file system without locks counts as locked, like a file that cannot be opened. */
-Bool RQ_XMLParser::WaitForLock(LOCK_WAIT_NOTICE i_pNotice) const
+/* False when the wait was given up. A file system without locks counts as locked, like a file that
+ * cannot be opened. */
+Bool RQ_XMLParser::TakeLock(const LOCK_WAIT &i_pWait) const
 {
-    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno != EWOULDBLOCK) {
-            return true;
-        }
-        if (s_bLockWaitAbandoned.load()) {
+    const int s32Operation = i_pWait ? LOCK_EX | LOCK_NB : LOCK_EX;
+    while (flock(fd.Get(), s32Operation) != 0 && (errno == EINTR || errno == EWOULDBLOCK)) {
+        if (errno == EWOULDBLOCK && !i_pWait()) {
             return false;
         }
-        if (i_pNotice != nullptr) {
-            i_pNotice(path);
-            i_pNotice = nullptr;
-        }
-        CThread::Sleep(kLockPollMs);
     }
     return true;
 }
@@ -181,7 +170,8 @@ SInt32 RQ_XMLParser::SetXMLParamVal(const char *i_pSection, const char *i_pName,
         return 0;
     }
     pParam->SetAttribute(kType, i_pType);
-    /* kept: the first child takes the value, whatever kind of node it is */
+    /* Kept: the first child takes the value whatever kind of node it is, so that a comment there
+     * is lost; files in the field were written that way. */
     if (pParam->FirstChild() != nullptr) {
         pParam->FirstChild()->SetValue(i_pValue);
         return 1;

@@ -1,15 +1,18 @@
 /*
- * The table of parameters, their buffers and the loaders.
+ * The table of parameters, their buffers, what a text comes to, and the loaders.
  *
  * A load walks the section once, however many parameters the table has: each element's name is
  * looked up in an index of the rows, and the first element of a name is the one that counts.
  */
-#include "common/box/param.h"
+#include "common/box/param_table.h"
 
 #include <algorithm>
-#include <array>
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
+
+#include <strings.h>
 
 using tinyxml2::XMLElement;
 
@@ -58,21 +61,33 @@ template <UInt32 N>
 constexpr PARAM_S Row(const char *i_pName, const char *i_pDefault, char (&o_szBuffer)[N],
                       UInt32 i_u32Capacity = N, UInt32 i_u32Offset = 0)
 {
-    return PARAM_S{kSection, i_pName, i_pDefault, o_szBuffer + i_u32Offset, i_u32Capacity};
+    return PARAM_S{
+        kSection,      i_pName,          i_pDefault, o_szBuffer + i_u32Offset,
+        i_u32Capacity, PARAM_KIND::TEXT, 0,          static_cast<SInt32>(i_u32Capacity) - 1};
+}
+
+constexpr PARAM_S As(PARAM_KIND i_eKind, SInt32 i_s32Min, SInt32 i_s32Max, PARAM_S i_stRow)
+{
+    i_stRow.kind = i_eKind;
+    i_stRow.min = i_s32Min;
+    i_stRow.max = i_s32Max;
+    return i_stRow;
 }
 } // namespace
 
 constexpr PARAM_S g_aParams[PARAM_COUNT] = {
     Row("addr_list", "", g_szAddrList),
-    Row("addr_url", "", g_szAddrUrl),
-    Row("h264_stream_enable", "true", g_szH264Enable),
-    Row("h264_stream_gop", "60", g_szH264Gop),
-    Row("h264_stream_mode", "vbr", g_szH264Mode),
-    Row("h264_stream_bitrate", "1000000", g_szH264Bitrate),
-    Row("preview_stream_enable", "true", g_szPrevEnable),
-    Row("preview_stream_height", "720", g_szPrevHeight),
-    Row("preview_stream_refreshrate", "1", g_szPrevRefreshrate),
-    Row("src_device_id", "", g_szSrcDeviceId),
+    /* The record has room for half of it. */
+    As(PARAM_KIND::TEXT, 0, 511, Row("addr_url", "", g_szAddrUrl)),
+    As(PARAM_KIND::SWITCH, 0, 1, Row("h264_stream_enable", "true", g_szH264Enable)),
+    As(PARAM_KIND::NUMBER, 1, 65535, Row("h264_stream_gop", "60", g_szH264Gop)),
+    As(PARAM_KIND::MODE, 0, 0, Row("h264_stream_mode", "vbr", g_szH264Mode)),
+    As(PARAM_KIND::NUMBER, 100000, 10000000,
+       Row("h264_stream_bitrate", "1000000", g_szH264Bitrate)),
+    As(PARAM_KIND::SWITCH, 0, 1, Row("preview_stream_enable", "true", g_szPrevEnable)),
+    As(PARAM_KIND::NUMBER, 270, 1080, Row("preview_stream_height", "720", g_szPrevHeight)),
+    As(PARAM_KIND::NUMBER, 1, 10, Row("preview_stream_refreshrate", "1", g_szPrevRefreshrate)),
+    As(PARAM_KIND::TEXT, 12, 63, Row("src_device_id", "", g_szSrcDeviceId)),
     Row("hd_stream_ip", "127.0.0.1", g_szHDStreamIP),
     Row("hd_stream_port", "12347", g_szHDStreamPort),
     Row("media_cast_ip", "", g_szMediaCastIp),
@@ -137,42 +152,135 @@ std::size_t RowOf(std::string_view i_strName)
     return pRow != kRowsByName.end() && pRow->strName == i_strName ? pRow->u64Row : PARAM_COUNT;
 }
 
-using ROW_ELEMENTS = std::array<const XMLElement *, PARAM_COUNT>;
-
-/* The first element of every row's name from i_pParam on, null for a row that has none. */
-ROW_ELEMENTS FindRows(const XMLElement *i_pParam)
+void TakeDefault(const PARAM_S &i_stRow)
 {
-    ROW_ELEMENTS pFound = {};
+    rq_strncpy(i_stRow.buffer, i_stRow.default_value, i_stRow.capacity);
+}
+
+bool SameWord(const char *i_pText, const char *i_pWord)
+{
+    return strcasecmp(i_pText, i_pWord) == 0;
+}
+
+/* The note that the text earns by its row's kind, with the value where it is used; the caller puts
+ * the default in place of the others. */
+PARAM_VALUE_S EvaluateText(const PARAM_S &i_stRow, const std::string &i_strText)
+{
+    if (i_strText.size() < static_cast<std::size_t>(i_stRow.min) && !i_strText.empty()) {
+        return {"", 0, PARAM_NOTE::TOO_SHORT};
+    }
+    const std::size_t u64Max = static_cast<std::size_t>(i_stRow.max);
+    return {i_strText.substr(0, u64Max), 0,
+            i_strText.size() > u64Max ? PARAM_NOTE::CUT : PARAM_NOTE::AS_GIVEN};
+}
+
+PARAM_VALUE_S EvaluateSwitch(const char *i_pText)
+{
+    if (i_pText[0] == '\0' || SameWord(i_pText, "true")) {
+        return {"true", 1, PARAM_NOTE::AS_GIVEN};
+    }
+    return {"false", 0,
+            SameWord(i_pText, "false") ? PARAM_NOTE::AS_GIVEN : PARAM_NOTE::COUNTS_AS_OFF};
+}
+
+/* As atoi(3), but a number beyond the type's range is out of every range here too. */
+PARAM_VALUE_S EvaluateNumber(const PARAM_S &i_stRow, const char *i_pText)
+{
+    char *pEnd = nullptr;
+    const long s64Value = strtol(i_pText, &pEnd, 10);
+    if (!i_stRow.Has(s64Value)) {
+        return {"", 0, PARAM_NOTE::NOT_IN_RANGE};
+    }
+    while (isspace(static_cast<unsigned char>(*pEnd))) {
+        pEnd++;
+    }
+    return {std::to_string(s64Value), static_cast<SInt32>(s64Value),
+            *pEnd == '\0' ? PARAM_NOTE::AS_GIVEN : PARAM_NOTE::TAIL_IGNORED};
+}
+
+PARAM_VALUE_S EvaluateMode(const char *i_pText)
+{
+    for (const char *pMode : {"vbr", "cbr"}) {
+        if (SameWord(i_pText, pMode)) {
+            return {pMode, 0, PARAM_NOTE::AS_GIVEN};
+        }
+    }
+    return {"", 0, PARAM_NOTE::UNKNOWN_WORD};
+}
+
+PARAM_VALUE_S EvaluateByKind(const PARAM_S &i_stRow, const char *i_pText)
+{
+    switch (i_stRow.kind) {
+    case PARAM_KIND::SWITCH:
+        return EvaluateSwitch(i_pText);
+    case PARAM_KIND::NUMBER:
+        return EvaluateNumber(i_stRow, i_pText);
+    case PARAM_KIND::MODE:
+        return EvaluateMode(i_pText);
+    default:
+        return EvaluateText(i_stRow, i_pText);
+    }
+}
+} // namespace
+
+const char *ParamNoteText(PARAM_NOTE i_eNote)
+{
+    static const char *const pTexts[] = {
+        "",
+        "has no text",
+        "is too long",
+        "is too short",
+        "is not in its range",
+        "is an unknown word",
+        "is cut",
+        "counts as off",
+        "is used up to the end of its digits",
+    };
+    return pTexts[static_cast<std::size_t>(i_eNote)];
+}
+
+PARAM_VALUE_S EvaluateParam(const PARAM_S &i_stRow, const char *i_pText)
+{
+    PARAM_VALUE_S stValue = {"", 0, PARAM_NOTE::NO_TEXT};
+    if (i_pText != nullptr && strlen(i_pText) >= i_stRow.capacity) {
+        stValue.eNote = PARAM_NOTE::TOO_LONG;
+    } else if (i_pText != nullptr) {
+        stValue = EvaluateByKind(i_stRow, i_pText);
+    }
+    if (stValue.IsDefault()) {
+        const PARAM_NOTE eNote = stValue.eNote;
+        stValue = EvaluateByKind(i_stRow, i_stRow.default_value);
+        stValue.eNote = eNote;
+    }
+    return stValue;
+}
+
+PARAM_ELEMENTS FindParams(const RQ_XMLParser &i_objParser)
+{
+    PARAM_ELEMENTS pFound = {};
     std::size_t u64Missing = PARAM_COUNT;
-    for (; i_pParam != nullptr && u64Missing > 0; i_pParam = i_pParam->NextSiblingElement()) {
-        const char *pName = i_pParam->Attribute("NAME");
+    const XMLElement *pParam = i_objParser.FirstParam(kSection);
+    for (; pParam != nullptr && u64Missing > 0; pParam = pParam->NextSiblingElement()) {
+        const char *pName = pParam->Attribute("NAME");
         std::size_t u64Row = pName != nullptr ? RowOf(pName) : PARAM_COUNT;
         if (u64Row < PARAM_COUNT && pFound[u64Row] == nullptr) {
-            pFound[u64Row] = i_pParam;
+            pFound[u64Row] = pParam;
             u64Missing--;
         }
     }
     return pFound;
 }
 
-void TakeDefault(const PARAM_S &i_stRow)
+void ReadTheXML(RQ_XMLParser &i_objParser, Bool i_bWriteBack)
 {
-    rq_strncpy(i_stRow.buffer, i_stRow.default_value, i_stRow.capacity);
-}
-} // namespace
-
-PARAM_ROWS ReadTheXML(RQ_XMLParser &i_objParser, Bool i_bWriteBack)
-{
-    PARAM_ROWS objTooLong;
     /* Looking everything up before the first write-back is the same as row by row: what is
      * written back carries a name of its own row only. */
-    const ROW_ELEMENTS pFound = FindRows(i_objParser.FirstParam(kSection));
+    const PARAM_ELEMENTS pFound = FindParams(i_objParser);
     for (std::size_t i = 0; i < PARAM_COUNT; i++) {
         const PARAM_S &stRow = g_aParams[i];
         if (pFound[i] != nullptr && CopyParamText(pFound[i], stRow.buffer, stRow.capacity)) {
             continue;
         }
-        objTooLong[i] = pFound[i] != nullptr && pFound[i]->GetText() != nullptr;
         TakeDefault(stRow);
         if (i_bWriteBack) {
             i_objParser.SetXMLParamVal(stRow.section, stRow.name, "string", stRow.buffer);
@@ -181,7 +289,6 @@ PARAM_ROWS ReadTheXML(RQ_XMLParser &i_objParser, Bool i_bWriteBack)
     if (i_bWriteBack) {
         i_objParser.UpdateFile();
     }
-    return objTooLong;
 }
 
 SInt32 ReadTheParamFromXML(RQ_XMLParser &i_objParser, const char *i_pSection, const char *i_pName)
