@@ -1,5 +1,6 @@
 /*
- * Ordered map from a 32-bit key to a pointer: entries in the order of the adds.
+ * Ordered map from a 32-bit key to a pointer: entries in the order of the adds. Offered and tested
+ * as a whole; none of the programs here calls it, and a box keeps its records by itself.
  *
  * Lookups are linear; the lists hold a handful of entries, so no index is kept. A list is not
  * locked: threads may share one as long as none of them changes it. Null lists and null outputs

@@ -1,11 +1,11 @@
 /*
  * TLV box codec.
  *
- * A value is kept where it lies on the wire. Puts append to blocks of bytes that never move, the
- * first of which is part of the box's own allocation and holds a whole stream command; a box that
- * fits there is serialised already, a larger one is copied together. A parsed box keeps the copy
- * of its input, and its values are where they lie in that copy. The records that name the values
- * are in chunks of their own, since they have to be aligned and bytes on the wire are not.
+ * A box is a chain of nodes, each with up to sixteen records and the room for their bytes, in which
+ * a value lies as it does on the wire and never moves. The first node is part of the box's own
+ * allocation and holds a whole stream command; a box that fits there is serialised already, a
+ * larger one is copied together. A parsed box has the copy of its input in the first node, and the
+ * records of all nodes point into it.
  */
 #include "tlv/tlv_box.h"
 
@@ -14,8 +14,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-
-#include "tlv/key_list_layout.h"
 
 /* Values are the raw bytes of the put type, so the wire format is that of the targets we have. */
 static_assert(std::endian::native == std::endian::little);
@@ -26,101 +24,84 @@ static_assert(sizeof(float) == 4 && sizeof(double) == 8);
 namespace
 {
 constexpr std::size_t kHeaderSize = 8; /* type and length */
-/* A box with it is still one that the C library hands out from the thread's own store. */
-constexpr std::size_t kFirstRoom = 384;
-constexpr std::uint32_t kChunkRecords = 16;
-/* Further blocks double in size within these limits; one value may need more. */
-constexpr std::size_t kLeastBlock = 4096;
-constexpr std::size_t kMostBlock = 1048576;
+constexpr std::uint32_t kNodeRecords = 16;
+/* Bytes of a node, unless one value needs more. A box with it is still one that malloc's thread
+ * cache hands out. */
+constexpr std::size_t kNodeRoom = 384;
 
-/* Some of a building box's bytes, in the order of the puts. */
-struct block {
-    block *next;
+struct node {
+    node *next;
     std::size_t used;
     std::size_t capacity;
+    std::uint32_t count;
+    tlv records[kNodeRecords];
     unsigned char *bytes() { return reinterpret_cast<unsigned char *>(this + 1); }
-};
-
-struct chunk {
-    chunk *next;
-    tlv records[kChunkRecords];
 };
 } // namespace
 
 struct tlv_box {
-    key_list records;      /* type -> record */
     unsigned char *buffer; /* null while building */
     std::int32_t size;
-    std::uint32_t room; /* records that the chunks hold */
-    chunk *last_chunk;
-    chunk first_chunk;
-    block *tail;
-    block head; /* its bytes follow */
+    node *tail;
+    node head; /* its bytes follow */
 };
 
 namespace
 {
+void init_node(node *o_pNode, std::size_t i_u64Capacity)
+{
+    o_pNode->next = nullptr;
+    o_pNode->used = 0;
+    o_pNode->capacity = i_u64Capacity;
+    o_pNode->count = 0;
+}
+
 tlv_box *make_box(std::size_t i_u64Room)
 {
     auto *pBox = static_cast<tlv_box *>(std::malloc(sizeof(tlv_box) + i_u64Room));
-    if (pBox == nullptr) {
-        return nullptr;
+    if (pBox != nullptr) {
+        pBox->buffer = nullptr;
+        pBox->size = 0;
+        pBox->tail = &pBox->head;
+        init_node(&pBox->head, i_u64Room);
     }
-    key_list_init(&pBox->records, nullptr);
-    pBox->buffer = nullptr;
-    pBox->size = 0;
-    pBox->room = kChunkRecords;
-    pBox->last_chunk = &pBox->first_chunk;
-    pBox->first_chunk.next = nullptr;
-    pBox->tail = &pBox->head;
-    pBox->head = block{nullptr, 0, i_u64Room};
     return pBox;
 }
 
-/* A new last block with at least i_u64Size bytes; null when memory is exhausted. Rare, and kept out
+/* A new last node with room for that many bytes; null when memory is exhausted. Rare, and kept out
  * of the puts so that they need no registers saved for it. */
-[[gnu::noinline]] block *add_block(tlv_box *i_pBox, std::size_t i_u64Size)
+[[gnu::noinline]] node *add_node(tlv_box *i_pBox, std::size_t i_u64Room)
 {
-    const std::size_t u64Doubled = 2 * i_pBox->tail->capacity;
-    const std::size_t u64Capacity =
-        std::max(std::clamp(u64Doubled, kLeastBlock, kMostBlock), i_u64Size);
-    auto *pBlock = static_cast<block *>(std::malloc(sizeof(block) + u64Capacity));
-    if (pBlock != nullptr) {
-        *pBlock = block{nullptr, 0, u64Capacity};
-        i_pBox->tail->next = pBlock;
-        i_pBox->tail = pBlock;
+    auto *pNode = static_cast<node *>(std::malloc(sizeof(node) + i_u64Room));
+    if (pNode != nullptr) {
+        init_node(pNode, i_u64Room);
+        i_pBox->tail->next = pNode;
+        i_pBox->tail = pNode;
     }
-    return pBlock;
+    return pNode;
 }
 
-/* False when memory is exhausted. */
-[[gnu::noinline]] bool add_chunk(tlv_box *i_pBox)
+/* The first record whose type agrees on the bits of the mask, or null. */
+inline const tlv *find_record(const tlv_box *i_pBox, std::uint32_t i_u32Type,
+                              std::uint32_t i_u32Mask = UINT32_MAX)
 {
-    auto *pChunk = static_cast<chunk *>(std::malloc(sizeof(chunk)));
-    if (pChunk == nullptr) {
-        return false;
+    for (const node *pNode = &i_pBox->head; pNode != nullptr; pNode = pNode->next) {
+        const tlv *pEnd = pNode->records + pNode->count;
+        const tlv *pRecord = std::find_if(pNode->records, pEnd, [&](const tlv &i_stRecord) {
+            return ((i_stRecord.type ^ i_u32Type) & i_u32Mask) == 0;
+        });
+        if (pRecord != pEnd) {
+            return pRecord;
+        }
     }
-    pChunk->next = nullptr;
-    i_pBox->last_chunk->next = pChunk;
-    i_pBox->last_chunk = pChunk;
-    i_pBox->room += kChunkRecords;
-    return true;
+    return nullptr;
 }
 
-/* -1, with the records unchanged, when the type is present or memory is exhausted. */
-inline int add_record(tlv_box *i_pBox, std::uint32_t i_u32Type, std::uint32_t i_u32Length,
-                      const unsigned char *i_pValue)
+inline void append_record(node *i_pNode, std::uint32_t i_u32Type, std::uint32_t i_u32Length,
+                          const unsigned char *i_pValue)
 {
-    const auto u32Count = static_cast<std::uint32_t>(i_pBox->records.count);
-    if (u32Count == i_pBox->room && !add_chunk(i_pBox)) {
-        return -1;
-    }
-    tlv *pRecord = &i_pBox->last_chunk->records[u32Count % kChunkRecords];
-    if (key_list_append(&i_pBox->records, i_u32Type, pRecord) != 0) {
-        return -1;
-    }
-    *pRecord = tlv{i_u32Type, i_u32Length, i_pValue};
-    return 0;
+    i_pNode->records[i_pNode->count] = tlv{i_u32Type, i_u32Length, i_pValue};
+    i_pNode->count++;
 }
 
 inline int put_value(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pValue,
@@ -128,39 +109,31 @@ inline int put_value(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pVa
 {
     if (i_pBox == nullptr || i_pBox->buffer != nullptr || i_pValue == nullptr ||
         i_u64Length > INT_MAX ||
-        static_cast<std::size_t>(i_pBox->size) + kHeaderSize + i_u64Length > INT_MAX) {
+        static_cast<std::size_t>(i_pBox->size) + kHeaderSize + i_u64Length > INT_MAX ||
+        find_record(i_pBox, i_u32Type) != nullptr) {
         return -1;
     }
     const std::size_t u64Size = kHeaderSize + i_u64Length;
-    block *pBlock = i_pBox->tail;
-    if (u64Size > pBlock->capacity - pBlock->used) {
-        const bool bPresent = key_list_find_key(&i_pBox->records, i_u32Type) == 1;
-        pBlock = bPresent ? nullptr : add_block(i_pBox, u64Size);
-        if (pBlock == nullptr) {
+    node *pNode = i_pBox->tail;
+    if (pNode->count == kNodeRecords || u64Size > pNode->capacity - pNode->used) {
+        pNode = add_node(i_pBox, std::max(kNodeRoom, u64Size));
+        if (pNode == nullptr) {
             return -1;
         }
     }
-    unsigned char *pBytes = pBlock->bytes() + pBlock->used;
+    unsigned char *pBytes = pNode->bytes() + pNode->used;
     const std::uint32_t u32Header[2] = {i_u32Type, static_cast<std::uint32_t>(i_u64Length)};
-    if (add_record(i_pBox, u32Header[0], u32Header[1], pBytes + kHeaderSize) != 0) {
-        return -1;
-    }
     std::memcpy(pBytes, u32Header, kHeaderSize);
     std::memcpy(pBytes + kHeaderSize, i_pValue, i_u64Length);
-    pBlock->used += u64Size;
+    append_record(pNode, u32Header[0], u32Header[1], pBytes + kHeaderSize);
+    pNode->used += u64Size;
     i_pBox->size += static_cast<std::int32_t>(u64Size);
     return 0;
 }
 
-inline const tlv *find_record(const tlv_box *i_pBox, std::uint32_t i_u32Type)
-{
-    void *const *pPlace = i_pBox != nullptr ? key_list_place(&i_pBox->records, i_u32Type) : nullptr;
-    return pPlace != nullptr ? static_cast<const tlv *>(*pPlace) : nullptr;
-}
-
 template <typename T> int get_number(const tlv_box *i_pBox, std::uint32_t i_u32Type, T *o_pValue)
 {
-    const tlv *pNode = find_record(i_pBox, i_u32Type);
+    const tlv *pNode = tlv_box_get_node(i_pBox, i_u32Type);
     if (pNode == nullptr || o_pValue == nullptr) {
         return -1;
     }
@@ -177,7 +150,7 @@ template <typename T> int get_number(const tlv_box *i_pBox, std::uint32_t i_u32T
 
 tlv_box *tlv_box_create()
 {
-    return make_box(kFirstRoom);
+    return make_box(kNodeRoom);
 }
 
 tlv_box *tlv_box_parse(const void *i_pBuffer, int i_s32Size)
@@ -204,11 +177,12 @@ tlv_box *tlv_box_parse(const void *i_pBuffer, int i_s32Size)
         if (u32Header[1] > u64Left - kHeaderSize) {
             break;
         }
-        if (add_record(pBox, u32Header[0], u32Header[1], pNext + kHeaderSize) != 0 &&
-            key_list_find_key(&pBox->records, u32Header[0]) != 1) {
-            tlv_box_destroy(pBox); /* not a duplicate, so memory is exhausted */
+        /* A second record of a type is dropped by never being found: the first one is. */
+        if (pBox->tail->count == kNodeRecords && add_node(pBox, 0) == nullptr) {
+            tlv_box_destroy(pBox);
             return nullptr;
         }
+        append_record(pBox->tail, u32Header[0], u32Header[1], pNext + kHeaderSize);
         pNext += kHeaderSize + u32Header[1];
         u64Left -= kHeaderSize + u32Header[1];
     }
@@ -220,19 +194,13 @@ int tlv_box_destroy(tlv_box *i_pBox)
     if (i_pBox == nullptr) {
         return -1;
     }
-    key_list_clear(&i_pBox->records);
-    for (chunk *pChunk = i_pBox->first_chunk.next; pChunk != nullptr;) {
-        chunk *pNext = pChunk->next;
-        std::free(pChunk);
-        pChunk = pNext;
-    }
     if (i_pBox->buffer != i_pBox->head.bytes()) {
         std::free(i_pBox->buffer);
     }
-    for (block *pBlock = i_pBox->head.next; pBlock != nullptr;) {
-        block *pNext = pBlock->next;
-        std::free(pBlock);
-        pBlock = pNext;
+    for (node *pNode = i_pBox->head.next; pNode != nullptr;) {
+        node *pNext = pNode->next;
+        std::free(pNode);
+        pNode = pNext;
     }
     std::free(i_pBox);
     return 0;
@@ -248,56 +216,15 @@ int tlv_box_get_size(const tlv_box *i_pBox)
     return i_pBox != nullptr ? i_pBox->size : -1;
 }
 
-int tlv_box_put_char(tlv_box *i_pBox, std::uint32_t i_u32Type, char i_s8Value)
-{
-    return put_value(i_pBox, i_u32Type, &i_s8Value, sizeof(i_s8Value));
-}
-
-int tlv_box_put_short(tlv_box *i_pBox, std::uint32_t i_u32Type, short i_s16Value)
-{
-    return put_value(i_pBox, i_u32Type, &i_s16Value, sizeof(i_s16Value));
-}
-
 int tlv_box_put_int(tlv_box *i_pBox, std::uint32_t i_u32Type, int i_s32Value)
 {
     return put_value(i_pBox, i_u32Type, &i_s32Value, sizeof(i_s32Value));
-}
-
-int tlv_box_put_long(tlv_box *i_pBox, std::uint32_t i_u32Type, long i_s64Value)
-{
-    return put_value(i_pBox, i_u32Type, &i_s64Value, sizeof(i_s64Value));
-}
-
-int tlv_box_put_longlong(tlv_box *i_pBox, std::uint32_t i_u32Type, long long i_s64Value)
-{
-    return put_value(i_pBox, i_u32Type, &i_s64Value, sizeof(i_s64Value));
-}
-
-int tlv_box_put_float(tlv_box *i_pBox, std::uint32_t i_u32Type, float i_f32Value)
-{
-    return put_value(i_pBox, i_u32Type, &i_f32Value, sizeof(i_f32Value));
-}
-
-int tlv_box_put_double(tlv_box *i_pBox, std::uint32_t i_u32Type, double i_f64Value)
-{
-    return put_value(i_pBox, i_u32Type, &i_f64Value, sizeof(i_f64Value));
 }
 
 int tlv_box_put_string(tlv_box *i_pBox, std::uint32_t i_u32Type, const char *i_pText)
 {
     return i_pText != nullptr ? put_value(i_pBox, i_u32Type, i_pText, std::strlen(i_pText) + 1)
                               : -1;
-}
-
-int tlv_box_put_bytes(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pBytes,
-                      int i_s32Length)
-{
-    if (i_s32Length == 0) {
-        i_pBytes = "";
-    }
-    return i_s32Length >= 0
-               ? put_value(i_pBox, i_u32Type, i_pBytes, static_cast<std::size_t>(i_s32Length))
-               : -1;
 }
 
 int tlv_box_put_object(tlv_box *i_pBox, std::uint32_t i_u32Type, const tlv_box *i_pNested)
@@ -324,9 +251,9 @@ int tlv_box_serialize(tlv_box *i_pBox)
         return -1;
     }
     unsigned char *pNext = pBuffer;
-    for (block *pBlock = &i_pBox->head; pBlock != nullptr; pBlock = pBlock->next) {
-        std::memcpy(pNext, pBlock->bytes(), pBlock->used);
-        pNext += pBlock->used;
+    for (node *pNode = &i_pBox->head; pNode != nullptr; pNode = pNode->next) {
+        std::memcpy(pNext, pNode->bytes(), pNode->used);
+        pNext += pNode->used;
     }
     i_pBox->buffer = pBuffer;
     return 0;
@@ -334,18 +261,73 @@ int tlv_box_serialize(tlv_box *i_pBox)
 
 const tlv *tlv_box_get_node(const tlv_box *i_pBox, std::uint32_t i_u32Type)
 {
-    return find_record(i_pBox, i_u32Type);
+    return i_pBox != nullptr ? find_record(i_pBox, i_u32Type) : nullptr;
 }
 
-const tlv *tlv_box_get_mask_node(const tlv_box *i_pBox, std::uint32_t i_u32Type,
-                                 std::uint32_t i_u32Mask)
+int tlv_box_get_int(const tlv_box *i_pBox, std::uint32_t i_u32Type, int *o_pValue)
 {
-    void *pNode = nullptr;
-    if (i_pBox == nullptr ||
-        key_list_mask_get(&i_pBox->records, i_u32Type, i_u32Mask, &pNode) != 0) {
-        return nullptr;
+    return get_number(i_pBox, i_u32Type, o_pValue);
+}
+
+int tlv_box_get_string(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pBuffer,
+                       int *io_pLength)
+{
+    return tlv_box_get_bytes(i_pBox, i_u32Type, o_pBuffer, io_pLength);
+}
+
+int tlv_box_get_object(const tlv_box *i_pBox, std::uint32_t i_u32Type, tlv_box **o_pNested)
+{
+    const tlv *pNode = tlv_box_get_node(i_pBox, i_u32Type);
+    if (pNode == nullptr || o_pNested == nullptr) {
+        return -1;
     }
-    return static_cast<const tlv *>(pNode);
+    tlv_box *pNested = tlv_box_parse(pNode->value, static_cast<int>(pNode->length));
+    if (pNested == nullptr) {
+        return -1;
+    }
+    *o_pNested = pNested;
+    return 0;
+}
+
+int tlv_box_put_char(tlv_box *i_pBox, std::uint32_t i_u32Type, char i_s8Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s8Value, sizeof(i_s8Value));
+}
+
+int tlv_box_put_short(tlv_box *i_pBox, std::uint32_t i_u32Type, short i_s16Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s16Value, sizeof(i_s16Value));
+}
+
+int tlv_box_put_long(tlv_box *i_pBox, std::uint32_t i_u32Type, long i_s64Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s64Value, sizeof(i_s64Value));
+}
+
+int tlv_box_put_longlong(tlv_box *i_pBox, std::uint32_t i_u32Type, long long i_s64Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_s64Value, sizeof(i_s64Value));
+}
+
+int tlv_box_put_float(tlv_box *i_pBox, std::uint32_t i_u32Type, float i_f32Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_f32Value, sizeof(i_f32Value));
+}
+
+int tlv_box_put_double(tlv_box *i_pBox, std::uint32_t i_u32Type, double i_f64Value)
+{
+    return put_value(i_pBox, i_u32Type, &i_f64Value, sizeof(i_f64Value));
+}
+
+int tlv_box_put_bytes(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pBytes,
+                      int i_s32Length)
+{
+    if (i_s32Length == 0) {
+        i_pBytes = "";
+    }
+    return i_s32Length >= 0
+               ? put_value(i_pBox, i_u32Type, i_pBytes, static_cast<std::size_t>(i_s32Length))
+               : -1;
 }
 
 int tlv_box_get_char(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pValue)
@@ -354,11 +336,6 @@ int tlv_box_get_char(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pVa
 }
 
 int tlv_box_get_short(const tlv_box *i_pBox, std::uint32_t i_u32Type, short *o_pValue)
-{
-    return get_number(i_pBox, i_u32Type, o_pValue);
-}
-
-int tlv_box_get_int(const tlv_box *i_pBox, std::uint32_t i_u32Type, int *o_pValue)
 {
     return get_number(i_pBox, i_u32Type, o_pValue);
 }
@@ -383,16 +360,10 @@ int tlv_box_get_double(const tlv_box *i_pBox, std::uint32_t i_u32Type, double *o
     return get_number(i_pBox, i_u32Type, o_pValue);
 }
 
-int tlv_box_get_string(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pBuffer,
-                       int *io_pLength)
-{
-    return tlv_box_get_bytes(i_pBox, i_u32Type, o_pBuffer, io_pLength);
-}
-
 int tlv_box_get_bytes(const tlv_box *i_pBox, std::uint32_t i_u32Type, void *o_pBuffer,
                       int *io_pLength)
 {
-    const tlv *pNode = find_record(i_pBox, i_u32Type);
+    const tlv *pNode = tlv_box_get_node(i_pBox, i_u32Type);
     if (pNode == nullptr || o_pBuffer == nullptr || io_pLength == nullptr || *io_pLength < 0 ||
         static_cast<std::uint32_t>(*io_pLength) < pNode->length) {
         return -1;
@@ -406,7 +377,7 @@ int tlv_box_get_bytes(const tlv_box *i_pBox, std::uint32_t i_u32Type, void *o_pB
 int tlv_box_get_bytes_ptr(const tlv_box *i_pBox, std::uint32_t i_u32Type,
                           const unsigned char **o_pBytes, int *o_pLength)
 {
-    const tlv *pNode = find_record(i_pBox, i_u32Type);
+    const tlv *pNode = tlv_box_get_node(i_pBox, i_u32Type);
     if (pNode == nullptr || o_pBytes == nullptr || o_pLength == nullptr) {
         return -1;
     }
@@ -415,18 +386,10 @@ int tlv_box_get_bytes_ptr(const tlv_box *i_pBox, std::uint32_t i_u32Type,
     return 0;
 }
 
-int tlv_box_get_object(const tlv_box *i_pBox, std::uint32_t i_u32Type, tlv_box **o_pNested)
+const tlv *tlv_box_get_mask_node(const tlv_box *i_pBox, std::uint32_t i_u32Type,
+                                 std::uint32_t i_u32Mask)
 {
-    const tlv *pNode = find_record(i_pBox, i_u32Type);
-    if (pNode == nullptr || o_pNested == nullptr) {
-        return -1;
-    }
-    tlv_box *pNested = tlv_box_parse(pNode->value, static_cast<int>(pNode->length));
-    if (pNested == nullptr) {
-        return -1;
-    }
-    *o_pNested = pNested;
-    return 0;
+    return i_pBox != nullptr ? find_record(i_pBox, i_u32Type, i_u32Mask) : nullptr;
 }
 
 int tlv_packet(std::uint32_t i_u32OuterType, std::uint32_t i_u32InnerType, const void *i_pData,

@@ -41,18 +41,9 @@ int tlv_box_get_size(const tlv_box *i_pBox);
 
 /* The puts append one record. -1 with the box unchanged: it is sealed, it has a record of that
  * type, its size would exceed 2^31 - 1, or memory is exhausted. */
-int tlv_box_put_char(tlv_box *i_pBox, std::uint32_t i_u32Type, char i_s8Value);
-int tlv_box_put_short(tlv_box *i_pBox, std::uint32_t i_u32Type, short i_s16Value);
 int tlv_box_put_int(tlv_box *i_pBox, std::uint32_t i_u32Type, int i_s32Value);
-int tlv_box_put_long(tlv_box *i_pBox, std::uint32_t i_u32Type, long i_s64Value);
-int tlv_box_put_longlong(tlv_box *i_pBox, std::uint32_t i_u32Type, long long i_s64Value);
-int tlv_box_put_float(tlv_box *i_pBox, std::uint32_t i_u32Type, float i_f32Value);
-int tlv_box_put_double(tlv_box *i_pBox, std::uint32_t i_u32Type, double i_f64Value);
 /* The value is the characters and the terminating zero. */
 int tlv_box_put_string(tlv_box *i_pBox, std::uint32_t i_u32Type, const char *i_pText);
-/* -1 also for a negative length. */
-int tlv_box_put_bytes(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pBytes,
-                      int i_s32Length);
 /* Copies the nested box's serialised bytes; -1 also when it is not sealed. The caller still
  * destroys the nested box. */
 int tlv_box_put_object(tlv_box *i_pBox, std::uint32_t i_u32Type, const tlv_box *i_pNested);
@@ -60,31 +51,44 @@ int tlv_box_put_object(tlv_box *i_pBox, std::uint32_t i_u32Type, const tlv_box *
 /* Seals a building box; -1 when it is sealed already or memory is exhausted. */
 int tlv_box_serialize(tlv_box *i_pBox);
 
+/* The record of that type, or null. */
+const tlv *tlv_box_get_node(const tlv_box *i_pBox, std::uint32_t i_u32Type);
 /* The gets answer -1, with the output as it was, when no record has that type. The number gets
  * read the value at their own width: of a longer value the first bytes, and a shorter one is
- * filled up with zeros. */
-int tlv_box_get_char(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pValue);
-int tlv_box_get_short(const tlv_box *i_pBox, std::uint32_t i_u32Type, short *o_pValue);
+ * filled up with zeros. Who has to tell a short value apart looks at the record's length. */
 int tlv_box_get_int(const tlv_box *i_pBox, std::uint32_t i_u32Type, int *o_pValue);
-int tlv_box_get_long(const tlv_box *i_pBox, std::uint32_t i_u32Type, long *o_pValue);
-int tlv_box_get_longlong(const tlv_box *i_pBox, std::uint32_t i_u32Type, long long *o_pValue);
-int tlv_box_get_float(const tlv_box *i_pBox, std::uint32_t i_u32Type, float *o_pValue);
-int tlv_box_get_double(const tlv_box *i_pBox, std::uint32_t i_u32Type, double *o_pValue);
 /* *io_pLength is the capacity going in and the value's length coming out (of a string with its
  * terminating zero, if the sender put one: received bytes that fill the capacity end without).
  * The whole capacity is zeroed before the copy. -1 also when the capacity is too small. */
 int tlv_box_get_string(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pBuffer,
                        int *io_pLength);
+/* A new sealed box parsed from the value; the caller destroys it. */
+int tlv_box_get_object(const tlv_box *i_pBox, std::uint32_t i_u32Type, tlv_box **o_pNested);
+
+/* ---- Offered and tested, called by none of the programs here. ---- */
+
+int tlv_box_put_char(tlv_box *i_pBox, std::uint32_t i_u32Type, char i_s8Value);
+int tlv_box_put_short(tlv_box *i_pBox, std::uint32_t i_u32Type, short i_s16Value);
+int tlv_box_put_long(tlv_box *i_pBox, std::uint32_t i_u32Type, long i_s64Value);
+int tlv_box_put_longlong(tlv_box *i_pBox, std::uint32_t i_u32Type, long long i_s64Value);
+int tlv_box_put_float(tlv_box *i_pBox, std::uint32_t i_u32Type, float i_f32Value);
+int tlv_box_put_double(tlv_box *i_pBox, std::uint32_t i_u32Type, double i_f64Value);
+/* -1 also for a negative length. */
+int tlv_box_put_bytes(tlv_box *i_pBox, std::uint32_t i_u32Type, const void *i_pBytes,
+                      int i_s32Length);
+
+int tlv_box_get_char(const tlv_box *i_pBox, std::uint32_t i_u32Type, char *o_pValue);
+int tlv_box_get_short(const tlv_box *i_pBox, std::uint32_t i_u32Type, short *o_pValue);
+int tlv_box_get_long(const tlv_box *i_pBox, std::uint32_t i_u32Type, long *o_pValue);
+int tlv_box_get_longlong(const tlv_box *i_pBox, std::uint32_t i_u32Type, long long *o_pValue);
+int tlv_box_get_float(const tlv_box *i_pBox, std::uint32_t i_u32Type, float *o_pValue);
+int tlv_box_get_double(const tlv_box *i_pBox, std::uint32_t i_u32Type, double *o_pValue);
+/* As tlv_box_get_string. */
 int tlv_box_get_bytes(const tlv_box *i_pBox, std::uint32_t i_u32Type, void *o_pBuffer,
                       int *io_pLength);
 /* Points into the box's own copy, valid until the box is destroyed. */
 int tlv_box_get_bytes_ptr(const tlv_box *i_pBox, std::uint32_t i_u32Type,
                           const unsigned char **o_pBytes, int *o_pLength);
-/* A new sealed box parsed from the value; the caller destroys it. */
-int tlv_box_get_object(const tlv_box *i_pBox, std::uint32_t i_u32Type, tlv_box **o_pNested);
-
-/* The record of that type, or null. */
-const tlv *tlv_box_get_node(const tlv_box *i_pBox, std::uint32_t i_u32Type);
 /* The first record, in order, whose type agrees with i_u32Type on every bit set in i_u32Mask. */
 const tlv *tlv_box_get_mask_node(const tlv_box *i_pBox, std::uint32_t i_u32Type,
                                  std::uint32_t i_u32Mask);
