@@ -147,23 +147,22 @@ TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
         EXPECT_TRUE(WaitUntil([this] { return m_objDaemon.m_s32Requests >= 2; }));
         m_objDaemon.SetValue(1, 30);
     });
-    EXPECT_EQ(Run("watch --json --interval 20ms --for 5s"), 0);
+    EXPECT_EQ(Run("watch --json --interval 20ms --for 2s"), 0);
     objChange.join();
     std::istringstream objLines(m_strOut);
-    std::string strFirst;
-    std::string strSecond;
-    std::string strThird;
-    std::getline(objLines, strFirst);
-    std::getline(objLines, strSecond);
-    EXPECT_EQ(nlohmann::json::parse(strFirst)["changes"]["bitrate"], 1000000);
-    EXPECT_EQ(nlohmann::json::parse(strSecond)["changes"].dump(), "{\"gop\":30}");
-    EXPECT_FALSE(std::getline(objLines, strThird)) << strThird;
+    std::vector<nlohmann::json> objChanges;
+    for (std::string strLine; std::getline(objLines, strLine);) {
+        objChanges.push_back(nlohmann::json::parse(strLine)["changes"]);
+    }
+    ASSERT_EQ(objChanges.size(), 2U);
+    EXPECT_EQ(objChanges[0]["bitrate"], 1000000);
+    EXPECT_EQ(objChanges[1].dump(), "{\"gop\":30}");
 }
 
 TEST_F(CtlTest, WatchEndsInTimeWithALastLookThatCounts)
 {
     m_objDaemon.m_s32Answers = 1;
-    EXPECT_EQ(Run("watch --interval 60s --for 500ms --timeout 1s"), 3);
+    EXPECT_EQ(Run("watch --interval 60s --for 300ms --timeout 300ms"), 3);
     EXPECT_EQ(m_objDaemon.m_s32Requests, 2);
 }
 
@@ -175,7 +174,6 @@ TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
     EXPECT_EQ(Run("get --timeout 60s", stEndpoint), 3);
     EXPECT_LT(std::chrono::steady_clock::now() - objStart, std::chrono::seconds(30));
     EXPECT_TRUE(Told("the daemon is not running")) << m_strErr;
-    EXPECT_EQ(Run("set --gop 30", stEndpoint), 3);
     EXPECT_EQ(Run("watch", stEndpoint), 3);
 }
 
@@ -199,14 +197,14 @@ TEST_F(CtlTest, ASilentDaemonAndItsLockAreNamed)
 
 TEST_F(CtlTest, AStrangeDatagramIsPassedOver)
 {
-    m_objDaemon.SendBeforeReply("garbage that is no box");
-    EXPECT_EQ(Run("get gop"), 0);
-    EXPECT_EQ(m_strOut, "gop          60       frames\n");
-    /* Another reader's reply, with fewer fields than were asked for. */
-    m_objDaemon.SendBeforeReply(
-        std::string("\x04\0\0\0\x0D\0\0\0\x01\0\x01\0\x05\0\0\0true\0", 21));
-    EXPECT_EQ(Run("get gop"), 0);
-    EXPECT_EQ(m_strOut, "gop          60       frames\n");
+    /* No box; and another reader's reply, with fewer fields than were asked for. */
+    for (const std::string &strStrange :
+         {std::string("garbage"),
+          std::string("\x04\0\0\0\x0D\0\0\0\x01\0\x01\0\x05\0\0\0true\0", 21)}) {
+        m_objDaemon.SendBeforeReply(strStrange);
+        EXPECT_EQ(Run("get gop"), 0);
+        EXPECT_EQ(m_strOut, "gop          60       frames\n");
+    }
 }
 
 TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)

@@ -1,5 +1,7 @@
 #include "tests/tools/fake_daemon.h"
 
+#include <memory>
+
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,22 +10,22 @@
 
 namespace
 {
-std::uint32_t Type(std::size_t i_u64Field, std::uint32_t i_u32Use)
-{
-    return static_cast<std::uint32_t>(i_u64Field + 1) << 16 | i_u32Use;
-}
+constexpr std::array<int, STREAM_SETTING_COUNT> kNone = {-1, -1, -1, -1, -1, -1, -1};
 
-bool IsRefused(const std::array<int, 7> &i_objSets)
+bool IsRefused(const std::array<int, STREAM_SETTING_COUNT> &i_objSets)
 {
-    constexpr int kRanges[7][2] = {{-1, 0x7FFFFFFF}, {2, 120},    {-1, 0}, {100000, 10000000},
-                                   {-1, 0x7FFFFFFF}, {270, 1080}, {1, 10}};
-    for (std::size_t i = 0; i < 7; i++) {
-        if (i_objSets[i] != -1 && (i_objSets[i] < kRanges[i][0] || i_objSets[i] > kRanges[i][1])) {
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        if (i_objSets[i] != -1 && !STREAM_SETTINGS[i].Takes(i_objSets[i])) {
             return true;
         }
     }
     return false;
 }
+
+struct CDestroyBox {
+    void operator()(tlv_box *i_pBox) const { tlv_box_destroy(i_pBox); }
+};
+using CBox = std::unique_ptr<tlv_box, CDestroyBox>;
 } // namespace
 
 CFakeDaemon::CFakeDaemon() : m_s32Fd(BindLoopback(0, &m_stEndpoint.u16RequestPort))
@@ -76,49 +78,47 @@ void CFakeDaemon::Run()
 void CFakeDaemon::Handle(const std::string &i_strRequest)
 {
     const std::lock_guard objLock(m_objMutex);
-    tlv_box *pOuter = tlv_box_parse(i_strRequest.data(), static_cast<int>(i_strRequest.size()));
-    tlv_box *pNested = nullptr;
-    if (m_s32Requests > m_s32Answers || tlv_box_get_object(pOuter, 4, &pNested) != 0) {
-        tlv_box_destroy(pOuter);
+    const CBox pOuter(tlv_box_parse(i_strRequest.data(), static_cast<int>(i_strRequest.size())));
+    tlv_box *pObject = nullptr;
+    if (m_s32Requests > m_s32Answers || tlv_box_get_object(pOuter.get(), 4, &pObject) != 0) {
         return;
     }
-    for (std::size_t i = 0; m_s32PendingLag-- <= 0 && i < 7; i++) {
+    const CBox pCommand(pObject);
+    for (std::size_t i = 0; m_s32PendingLag-- <= 0 && i < STREAM_SETTING_COUNT; i++) {
         m_s32Values[i] = m_s32Pending[i] != -1 ? m_s32Pending[i] : m_s32Values[i];
         m_s32Pending[i] = -1;
     }
-    tlv_box *pReply = tlv_box_create();
-    std::array<int, 7> s32Sets{};
-    for (std::size_t i = 0; i < 7; i++) {
-        const std::uint32_t u32Type = Type(i, 1);
-        if (tlv_box_get_node(pNested, u32Type) != nullptr) {
-            if (i == 0 || i == 4) {
-                tlv_box_put_string(pReply, u32Type, m_s32Values[i] == 1 ? "true" : "false");
-            } else if (i == 2) {
-                tlv_box_put_string(pReply, u32Type, "vbr");
-            } else {
-                tlv_box_put_int(pReply, u32Type, m_s32Values[i]);
-            }
+    const CBox pReply(tlv_box_create());
+    auto s32Sets = kNone;
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        const STREAM_SETTING_S &stSetting = STREAM_SETTINGS[i];
+        if (stSetting.eKind != SettingKind::Mode) {
+            tlv_box_get_int(pCommand.get(), stSetting.u32Set, &s32Sets[i]);
         }
-        s32Sets[i] = -1;
-        if (i != 2) {
-            tlv_box_get_int(pNested, Type(i, 2), &s32Sets[i]);
+        if (tlv_box_get_node(pCommand.get(), stSetting.u32Ask) == nullptr) {
+            continue;
+        }
+        if (stSetting.eKind == SettingKind::Number) {
+            tlv_box_put_int(pReply.get(), stSetting.u32Ask, m_s32Values[i]);
+        } else {
+            tlv_box_put_string(pReply.get(), stSetting.u32Ask,
+                               stSetting.eKind == SettingKind::Mode ? "vbr"
+                               : m_s32Values[i] == 1                ? "true"
+                                                                    : "false");
         }
     }
-    tlv_box_serialize(pReply);
-    tlv_box *pReplyOuter = tlv_box_create();
-    tlv_box_put_object(pReplyOuter, 4, pReply);
-    tlv_box_serialize(pReplyOuter);
+    const CBox pReplyOuter(tlv_box_create());
+    tlv_box_serialize(pReply.get());
+    tlv_box_put_object(pReplyOuter.get(), 4, pReply.get());
+    tlv_box_serialize(pReplyOuter.get());
     if (!m_strBefore.empty()) {
         Reply(m_strBefore);
     }
-    Reply({reinterpret_cast<const char *>(tlv_box_get_buffer(pReplyOuter)),
-           static_cast<std::size_t>(tlv_box_get_size(pReplyOuter))});
-    if (s32Sets != std::array<int, 7>{-1, -1, -1, -1, -1, -1, -1} && !IsRefused(s32Sets)) {
+    Reply({reinterpret_cast<const char *>(tlv_box_get_buffer(pReplyOuter.get())),
+           static_cast<std::size_t>(tlv_box_get_size(pReplyOuter.get()))});
+    if (s32Sets != kNone && !IsRefused(s32Sets)) {
         m_s32Pending = s32Sets;
         m_s32PendingLag = m_s32Lag;
-    }
-    for (tlv_box *pBox : {pOuter, pNested, pReply, pReplyOuter}) {
-        tlv_box_destroy(pBox);
     }
 }
 
