@@ -7,6 +7,7 @@
 #include "common/stream/gstobj.h"
 
 #include <cstring>
+#include <utility>
 
 #include <gst/app/gstappsrc.h>
 
@@ -20,12 +21,32 @@ constexpr unsigned kLoopWaitMs = 500;
 constexpr SInt32 kCleanUpWaitLast = 9; /* so 10 rounds */
 constexpr unsigned kCleanUpWaitMs = 1000;
 constexpr unsigned kSettleMs = 500;
+static_assert((kLoopWaitLast + 1) * kLoopWaitMs + (kCleanUpWaitLast + 1) * kCleanUpWaitMs +
+                  kSettleMs ==
+              GST_STOP_LONGEST_MS);
+
+/* Makes the context the calling thread's default for a scope: a bus watch is dispatched by the
+ * context that is the default when it is added. */
+class CDefaultContext
+{
+public:
+    explicit CDefaultContext(GMainContext *i_pContext) : m_pContext(i_pContext)
+    {
+        g_main_context_push_thread_default(m_pContext);
+    }
+    ~CDefaultContext() { g_main_context_pop_thread_default(m_pContext); }
+    CDefaultContext(const CDefaultContext &) = delete;
+    CDefaultContext &operator=(const CDefaultContext &) = delete;
+
+private:
+    GMainContext *m_pContext;
+};
 } // namespace
 
 CGstObj::CGstObj() : CGstObj("gst-obj") {}
 
 CGstObj::CGstObj(const std::string &i_strName)
-    : m_stGstObj{nullptr, nullptr, ""}, m_iRunning(0), m_strName(i_strName), m_pContext(nullptr)
+    : m_iRunning(0), m_strName(i_strName), m_u64Announced(0)
 {
 }
 
@@ -64,8 +85,15 @@ int CGstObj::StartGst(std::string &i_strCmd)
         LOG_ERROR("m_stGstObj.pLoop OR m_stGstObj.pSource is not null in [%s]", m_strName.c_str());
         return 0;
     }
-    if (BuildPipeline(i_strCmd)) {
-        RunPipeline();
+    {
+        CDefaultContext objContext(m_stGstObj.pContext.get());
+        if (BuildPipeline(i_strCmd)) {
+            RunPipeline();
+        }
+        /* Taken out under the mutex, released after it. */
+        GST_ELEMENT_PTR pSource;
+        CMutexLocker objLocker(&m_objRunMutex);
+        pSource.swap(m_stGstObj.pSource);
     }
     LeaveRun();
     return 0;
@@ -75,41 +103,39 @@ int CGstObj::StartGst(std::string &i_strCmd)
 Bool CGstObj::EnterRun()
 {
     CMutexLocker objLocker(&m_objRunMutex);
-    if (m_stGstObj.pLoop != nullptr || m_stGstObj.pSource != nullptr) {
+    if (m_stGstObj.pLoop || m_stGstObj.pSource) {
         return false;
     }
     PrepareStart();
     m_stGstObj.strName = m_strName;
     m_iRunning.store(1);
-    m_stGstObj.pLoop = g_main_loop_new(m_pContext, FALSE);
-    /* A bus watch is dispatched by the context that is this thread's default when it is added. */
-    g_main_context_push_thread_default(m_pContext);
+    m_stGstObj.pLoop.reset(g_main_loop_new(m_stGstObj.pContext.get(), FALSE));
     return true;
 }
 
-/* False if there is nothing to run. What was built in spite of an error is left to LeaveRun. */
+/* False if there is nothing to run. What was built in spite of an error is released by StartGst. */
 Bool CGstObj::BuildPipeline(const std::string &i_strCmd)
 {
     GError *error = nullptr;
-    gchar *pDescription = g_strdup_printf("%s", i_strCmd.c_str());
-    GstElement *pSource = gst_parse_launch(pDescription, &error);
-    g_free(pDescription);
+    GTEXT_PTR pDescription(g_strdup_printf("%s", i_strCmd.c_str()));
+    GST_ELEMENT_PTR pSource(gst_parse_launch(pDescription.get(), &error));
+    GERROR_PTR pError(error);
+    const bool bSource = pSource != nullptr;
     {
         CMutexLocker objLocker(&m_objRunMutex);
-        m_stGstObj.pSource = pSource;
+        m_stGstObj.pSource = std::move(pSource);
     }
-    if (error != nullptr) {
-        LOG_ERROR("pipeline could not be constructed: %s in [%s]", error->message,
+    if (pError) {
+        LOG_ERROR("pipeline could not be constructed: %s in [%s]", pError->message,
                   m_strName.c_str());
-        g_error_free(error);
         return false;
     }
-    if (pSource == nullptr) {
+    if (!bSource) {
         LOG_ERROR("Bad source in %s", m_strName.c_str());
-        /* kept: the loop is released here and again in the clean-up; this reference balances the
-         * two. */
-        g_main_loop_ref(m_stGstObj.pLoop);
-        g_main_loop_unref(m_stGstObj.pLoop);
+        /* Kept: the loop is released here and again in the clean-up. This reference balances the
+         * two, since a loop that is released too often is freed memory. */
+        g_main_loop_ref(m_stGstObj.pLoop.get());
+        g_main_loop_unref(m_stGstObj.pLoop.get());
         return false;
     }
     return true;
@@ -117,39 +143,28 @@ Bool CGstObj::BuildPipeline(const std::string &i_strCmd)
 
 void CGstObj::RunPipeline()
 {
+    GstElement *pSource = m_stGstObj.pSource.get();
     /* A lone element is no pipeline and has no bus: it runs unwatched. */
-    GstBus *pBus = gst_element_get_bus(m_stGstObj.pSource);
-    if (pBus != nullptr) {
-        gst_bus_add_watch(pBus, on_source_message, &m_stGstObj);
-        gst_object_unref(pBus);
+    if (GST_BUS_PTR pBus{gst_element_get_bus(pSource)}) {
+        gst_bus_add_watch(pBus.get(), on_source_message, &m_stGstObj);
     }
-    gst_element_set_state(m_stGstObj.pSource, GST_STATE_PLAYING);
+    gst_element_set_state(pSource, GST_STATE_PLAYING);
     LOG_INFO("Let's run [%s]!", m_strName.c_str());
-    g_main_loop_run(m_stGstObj.pLoop);
+    g_main_loop_run(m_stGstObj.pLoop.get());
     LOG_INFO("Going out [%s]", m_strName.c_str());
-    gst_element_set_state(m_stGstObj.pSource, GST_STATE_NULL);
+    gst_element_set_state(pSource, GST_STATE_NULL);
 
     /* The watch keeps the bus with its descriptors alive, so it goes before the pipeline. */
-    pBus = gst_element_get_bus(m_stGstObj.pSource);
-    if (pBus != nullptr) {
-        gst_bus_remove_watch(pBus);
-        gst_object_unref(pBus);
+    if (GST_BUS_PTR pBus{gst_element_get_bus(pSource)}) {
+        gst_bus_remove_watch(pBus.get());
     }
 }
 
 void CGstObj::LeaveRun()
 {
-    if (m_stGstObj.pSource != nullptr) {
-        gst_object_unref(m_stGstObj.pSource);
-    }
-    g_main_context_pop_thread_default(m_pContext);
     CMutexLocker objLocker(&m_objRunMutex);
-    g_main_loop_unref(m_stGstObj.pLoop);
-    m_stGstObj.pSource = nullptr;
-    m_stGstObj.pLoop = nullptr;
     /* A stop request that came too late for this run dies with the context. */
-    g_main_context_unref(m_pContext);
-    m_pContext = nullptr;
+    m_stGstObj = {};
     m_iRunning.store(0);
 }
 
@@ -160,19 +175,20 @@ gboolean CGstObj::on_source_message(GstBus *, GstMessage *i_pMsg, gpointer i_pOb
     switch (u32Type) {
     case GST_MESSAGE_EOS: {
         LOG_ERROR("The source in [%s] got dry", pObj->strName.c_str());
-        /* kept: the pipeline is told the end of stream as if it were an application source, which
-         * it refuses, and is then released. This reference pays for that release: the pipeline is
-         * needed until the stop. The cast is called by name since its macro vanishes from an
-         * optimised build. */
-        gst_object_ref(pObj->pSource);
+        /* Kept: the pipeline is told the end of stream as if it were an application source, which
+         * it refuses, and is then released, so that an end of stream by itself ends no run. This
+         * reference pays for that release: the pipeline is needed until the stop. The cast is
+         * called by name since its macro vanishes from an optimised build. */
+        GstElement *pSource = pObj->pSource.get();
+        gst_object_ref(pSource);
         gst_app_src_end_of_stream(reinterpret_cast<GstAppSrc *>(g_type_check_instance_cast(
-            reinterpret_cast<GTypeInstance *>(pObj->pSource), gst_app_src_get_type())));
-        gst_object_unref(pObj->pSource);
+            reinterpret_cast<GTypeInstance *>(pSource), gst_app_src_get_type())));
+        gst_object_unref(pSource);
         break;
     }
     case GST_MESSAGE_ERROR:
         LOG_ERROR("Received error in [%s]", pObj->strName.c_str());
-        g_main_loop_quit(pObj->pLoop);
+        g_main_loop_quit(pObj->pLoop.get());
         break;
     default:
         LOG_DEBUG("receive message 0x%x:%s in [%s]", static_cast<unsigned>(u32Type),
@@ -185,11 +201,13 @@ gboolean CGstObj::on_source_message(GstBus *, GstMessage *i_pMsg, gpointer i_pOb
 int CGstObj::HandleStopMsgEnc(const MSG_DESC_INFO_S *, void *)
 {
     Bool bLoop = false;
+    UInt64 u64Number = 0;
     {
         CMutexLocker objLocker(&m_objRunMutex);
         bLoop = m_stGstObj.pLoop != nullptr;
+        u64Number = m_stGstObj.u64Number;
         if (!bLoop) {
-            AskQuit();
+            AskQuit(u64Number);
         }
     }
     if (!bLoop) {
@@ -197,7 +215,7 @@ int CGstObj::HandleStopMsgEnc(const MSG_DESC_INFO_S *, void *)
         return 0;
     }
     SInt32 s32Count = 0;
-    for (; s32Count <= kLoopWaitLast && IsLoopAwaited(); s32Count++) {
+    for (; s32Count <= kLoopWaitLast && IsLoopAwaited(u64Number); s32Count++) {
         LOG_INFO("wait pLoop to run in [%s]", m_strName.c_str());
         CThread::Sleep(kLoopWaitMs);
     }
@@ -205,59 +223,66 @@ int CGstObj::HandleStopMsgEnc(const MSG_DESC_INFO_S *, void *)
         LOG_WARN("count:%d, force quit in [%s]", s32Count, m_strName.c_str());
     }
     LOG_INFO("stop gst main loop in [%s]", m_strName.c_str());
-    AskQuit();
-    for (s32Count = 0; s32Count <= kCleanUpWaitLast && m_iRunning.load() == 1; s32Count++) {
+    AskQuit(u64Number);
+    for (s32Count = 0; s32Count <= kCleanUpWaitLast && IsRunning(u64Number); s32Count++) {
         CThread::Sleep(kCleanUpWaitMs);
     }
     CThread::Sleep(kSettleMs);
     return 1;
 }
 
-/* A run has begun and its loop does not run yet. */
-Bool CGstObj::IsLoopAwaited()
+/* The run has begun and is not over. */
+Bool CGstObj::IsRunning(UInt64 i_u64Number)
 {
     CMutexLocker objLocker(&m_objRunMutex);
-    return m_stGstObj.pLoop != nullptr && m_iRunning.load() == 1 &&
-           !g_main_loop_is_running(m_stGstObj.pLoop);
+    return m_stGstObj.u64Number == i_u64Number && m_iRunning.load() == 1;
 }
 
-/* Has the announced or present run's loop quit as soon as it runs; a quit of a loop that does not
- * run yet would be lost. */
-void CGstObj::AskQuit()
+/* The run has begun and its loop does not run yet. */
+Bool CGstObj::IsLoopAwaited(UInt64 i_u64Number)
 {
     CMutexLocker objLocker(&m_objRunMutex);
-    if (m_pContext == nullptr) {
+    return IsRunning(i_u64Number) && !g_main_loop_is_running(m_stGstObj.pLoop.get());
+}
+
+/* Has the loop of the announced or present run quit as soon as it runs; a quit of a loop that does
+ * not run yet would be lost. */
+void CGstObj::AskQuit(UInt64 i_u64Number)
+{
+    CMutexLocker objLocker(&m_objRunMutex);
+    if (i_u64Number == 0 || m_stGstObj.u64Number != i_u64Number) {
         return;
     }
-    GSource *pQuit = g_idle_source_new();
+    GSOURCE_PTR pQuit(g_idle_source_new());
     /* The bus watch's own priority: neither can starve the other. */
-    g_source_set_priority(pQuit, G_PRIORITY_DEFAULT);
-    g_source_set_callback(pQuit, QuitLoop, &m_stGstObj, nullptr);
-    g_source_attach(pQuit, m_pContext);
-    g_source_unref(pQuit);
+    g_source_set_priority(pQuit.get(), G_PRIORITY_DEFAULT);
+    g_source_set_callback(pQuit.get(), QuitLoop, &m_stGstObj, nullptr);
+    g_source_attach(pQuit.get(), m_stGstObj.pContext.get());
 }
 
 gboolean CGstObj::QuitLoop(gpointer i_pObj)
 {
-    g_main_loop_quit(static_cast<GST_OBJ_ST *>(i_pObj)->pLoop);
+    g_main_loop_quit(static_cast<GST_OBJ_ST *>(i_pObj)->pLoop.get());
     /* Stays in the context, which ends with the run: should an element turn the context while the
      * pipeline is being built, the request still stands when the loop begins. */
     return G_SOURCE_CONTINUE;
 }
 
-void CGstObj::PrepareStart()
+UInt64 CGstObj::PrepareStart()
 {
     CMutexLocker objLocker(&m_objRunMutex);
-    if (m_pContext == nullptr) {
-        m_pContext = g_main_context_new();
+    if (m_stGstObj.u64Number != 0) {
+        return 0;
     }
+    m_stGstObj.pContext.reset(g_main_context_new());
+    m_stGstObj.u64Number = ++m_u64Announced;
+    return m_stGstObj.u64Number;
 }
 
-void CGstObj::CancelStart()
+void CGstObj::CancelStart(UInt64 i_u64Number)
 {
     CMutexLocker objLocker(&m_objRunMutex);
-    if (m_stGstObj.pLoop == nullptr && m_pContext != nullptr) {
-        g_main_context_unref(m_pContext);
-        m_pContext = nullptr;
+    if (i_u64Number != 0 && m_stGstObj.u64Number == i_u64Number && !m_stGstObj.pLoop) {
+        m_stGstObj = {};
     }
 }

@@ -6,26 +6,31 @@
  * life and runs the bus callback; any other thread may stop it. Every run has a GLib main context
  * of its own, so that two runners in one process never dispatch each other's messages.
  *
- * Invariant: a loop exists only while a context exists, and the context exists from the moment a
- * start is announced until its run is over. A stop leaves its request in that context, where it
- * waits for the loop however long the pipeline takes to build.
+ * Invariant: a run has a number from the moment it is announced until its clean-up is over, and a
+ * context as long. A stop leaves its request in that context, where it waits for the loop however
+ * long the pipeline takes to build, and ends the run of that number only.
  */
 #pragma once
 
 #include <atomic>
 #include <string>
 
-#include <gst/gst.h>
-
 #include "common/bus/msg_queue.h"
+#include "common/stream/glib_handle.h"
 #include "framework/mutex.h"
 #include "framework/types.h"
 
-/* What the bus callback gets to know of its run. */
+/* The longest that a stop takes, milliseconds: 41 looks 500 ms apart at a loop that does not run
+ * yet, 10 looks 1 s apart at a clean-up that is not over, 500 ms to settle. */
+constexpr unsigned GST_STOP_LONGEST_MS = 41 * 500 + 10 * 1000 + 500;
+
+/* The life of one run; the bus callback gets to know it. All null and 0 between runs. */
 struct GST_OBJ_ST {
-    GMainLoop *pLoop;    /* null when no pipeline runs */
-    GstElement *pSource; /* the pipeline; null when none is built */
-    std::string strName; /* the runner's name when the pipeline was started */
+    GMAIN_LOOP_PTR pLoop;       /* null until the run begins */
+    GST_ELEMENT_PTR pSource;    /* the pipeline; null until it is built */
+    std::string strName;        /* the runner's name when the pipeline was started */
+    GMAIN_CONTEXT_PTR pContext; /* from the announcement on */
+    UInt64 u64Number = 0;       /* of the announcement, counted from 1; 0: none */
 };
 
 class CGstObj
@@ -47,18 +52,19 @@ public:
      * cannot be built and a start beside a run are logged. i_pArg is not used. */
     int HandleStartMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
     /* Ends the run and waits for its end; for any thread but the one that runs the pipeline.
-     * Takes half a second at least, and about 31 s when a build hangs; the run then ends as soon
-     * as it is built. 1, or 0 at once when there is no loop: then only an announced start is
-     * affected, and ends as soon as it is built. Both arguments are not used. */
+     * Takes half a second at least, and GST_STOP_LONGEST_MS when a build hangs; the run then ends
+     * as soon as it is built. 1, or 0 at once when there is no loop: then only an announced start
+     * is affected, and ends as soon as it is built. Both arguments are not used. */
     int HandleStopMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
     /* The start itself, see HandleStartMsgEnc. Always 0. */
     int StartGst(std::string &i_strCmd);
 
-    /* Announces a start: from here on a stop is not lost, even before there is a loop. Nothing
-     * happens if a start is announced or running already. */
-    void PrepareStart();
-    /* Takes back an announcement that no run has used up; does not touch a run. */
-    void CancelStart();
+    /* Announces a start: from here on a stop is not lost, even before there is a loop. The number
+     * of the announcement; 0, and nothing happens, if a start is announced or running already. */
+    UInt64 PrepareStart();
+    /* Takes back the announcement of this number if no run has used it up; does not touch a run or
+     * an announcement of another number. */
+    void CancelStart(UInt64 i_u64Number);
 
 private:
     static gboolean on_source_message(GstBus *i_pBus, GstMessage *i_pMsg, gpointer i_pObj);
@@ -68,16 +74,17 @@ private:
     Bool BuildPipeline(const std::string &i_strCmd);
     void RunPipeline();
     void LeaveRun();
-    Bool IsLoopAwaited();
-    void AskQuit();
+    Bool IsLoopAwaited(UInt64 i_u64Number);
+    Bool IsRunning(UInt64 i_u64Number);
+    void AskQuit(UInt64 i_u64Number);
 
     std::string m_strCmd; /* description of the last start request */
     GST_OBJ_ST m_stGstObj;
     std::atomic<SInt32> m_iRunning; /* 1 from the beginning of a build to the end of its clean-up */
     std::string m_strName;
-    /* Held for moments only, never while GStreamer works or a line is logged. It guards m_strCmd,
-     * both pointers in m_stGstObj (written by the running thread, which alone may read them
-     * without it) and m_pContext. */
+    /* Held for moments only, never while GStreamer works or a line is logged. It guards all but
+     * m_iRunning and m_strName. The running thread alone writes the run's loop, pipeline and name,
+     * and may read them without it. */
     CMutex m_objRunMutex;
-    GMainContext *m_pContext; /* of the announced or present run */
+    UInt64 m_u64Announced; /* runs announced so far */
 };

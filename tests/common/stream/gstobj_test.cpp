@@ -128,15 +128,17 @@ TEST_F(GstObjTest, AStopWithoutARunIsOverAtOnceAndHarmsNoLaterStart)
     EXPECT_EQ(moved_time::SleptMicroseconds(), u64Slept);
     EXPECT_TRUE(m_objLog.Has("WARN m_stGstObj.pLoop is NULL in [gst-h264] --["));
     ExpectAGoodRun();
-    m_objRunner.PrepareStart();
+    const UInt64 u64Number = m_objRunner.PrepareStart();
     EXPECT_EQ(m_objRunner.HandleStopMsgEnc(nullptr, nullptr), 0);
-    m_objRunner.CancelStart();
+    m_objRunner.CancelStart(u64Number);
     ExpectAGoodRun();
 }
 
 TEST_F(GstObjTest, AStopOfAnAnnouncedStartEndsItOnceItRuns)
 {
-    m_objRunner.PrepareStart();
+    const UInt64 u64Number = m_objRunner.PrepareStart();
+    EXPECT_EQ(m_objRunner.PrepareStart(), 0U); /* one at a time */
+    m_objRunner.CancelStart(u64Number - 1);    /* somebody else's */
     EXPECT_EQ(m_objRunner.HandleStopMsgEnc(nullptr, nullptr), 0);
     CRun objRun(&m_objRunner, kEndless);
     objRun.Join();
