@@ -2,18 +2,28 @@
  * The encoder module decides which pipelines run.
  *
  * It owns two workers: "gst-h264" captures the input and sends H.264, "gst-jpeg" decodes a local
- * copy of that stream into preview pictures. It starts, stops and restarts them when the input
- * timing, the stream settings or the preview's progress say so. All handlers run on the encoder
- * thread, under the module mutex; a stop of a worker is a direct, blocking call, a start a message
- * in the worker's queue.
+ * copy of that stream into preview pictures. What happens to them when the input timing, the
+ * settings or the preview's progress say something new is decided in common/stream/encoder_rules.h;
+ * here the plans are carried out. All handlers run on the encoder thread, under the module mutex; a
+ * stop of a worker is a direct, blocking call, a start a message in the worker's queue.
+ *
+ * A stop request ends a plan before its next step and any wait for a start at its next look. The
+ * thread then ends after at most ENC_STOP_LONGEST_MS.
  */
 #pragma once
 
 #include <memory>
-#include <string>
+#include <vector>
 
 #include "common/bus/module.h"
+#include "common/stream/encoder_rules.h"
 #include "common/stream/gstenc.h"
+
+/* From a stop request to the end of the encoder thread, milliseconds, at worst: the stop of a
+ * worker has just begun, and then both workers are stopped. Each of the three takes as long only
+ * where a build or an element hangs; a good pipeline stops within 1.5 s. A worker whose element
+ * never comes back is not ended by this at all, and is left to the service manager. */
+constexpr unsigned ENC_STOP_LONGEST_MS = 3 * GST_STOP_LONGEST_MS;
 
 class CEncoder : public CModule
 {
@@ -23,10 +33,6 @@ public:
 
     /* Makes and starts the workers that do not exist yet, then fetches the stream status. */
     int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
-    /* Starts the stream to the address list without a timing. */
-    int HandleEncInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    /* Stops the H.264 pipeline; the result is the worker's. */
-    int HandleEncDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     /* Payload: INPUT_TIMING_S. */
     int HandleEncVideoChgMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     /* Payload: STREAM_STATUS_S; STREAM_STATUS_UNCHANGED leaves a numeric field as it is. */
@@ -34,28 +40,35 @@ public:
     /* Payload: JPEG_FILE_STATUS_S. */
     int HandleJpegFileStatusMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
+    /* Offered, but sent by nobody in the daemon:
+     * Starts the stream to the address list without a timing. */
+    int HandleEncInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    /* Stops the H.264 pipeline; the result is the worker's. */
+    int HandleEncDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+
 private:
     int Dispatch(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult) override;
     void OnStopped() override;
     void CreateWorkers();
-    const std::string &QueryAddrList();
+    CGstEnc *Worker(ENC_WORKER i_eWorker) const;
+    SInt32 StartStatus(ENC_WORKER i_eWorker) const;
+    SInt32 SettleStartStatus(ENC_WORKER i_eWorker) const;
+    void QueryAddrList();
+    void QueryMulticastIp();
     void QueryStreamStatus();
     void AwaitStreamStatus();
-    bool StopForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32H264Started);
-    void StartForTiming(const INPUT_TIMING_S &i_stTiming, int i_s32JpegStarted);
-    bool MergeStreamStatus(const STREAM_STATUS_S &i_stNew);
-    void StopForSwitch();
-    void StartForSwitch();
-    void PushJpeg(const INPUT_TIMING_S &i_stTiming);
-    bool StartH264(const INPUT_TIMING_S &i_stTiming, const std::string &i_strClients);
-    bool JpegStalled(const JPEG_FILE_STATUS_S &i_stCurrent) const;
-    void RestartJpeg(const JPEG_FILE_STATUS_S &i_stCurrent);
+    int CarryOut(ENC_PLAN i_objPlan);
+    void CarryOut(const ENC_STEP_S &i_stStep);
+    void StartPipeline(const ENC_STEP_S &i_stStep);
+
+    /* A start of the present plan that is still to be waited for. */
+    struct UNAWAITED_S {
+        CGstEnc *pWorker;
+        UInt64 u64Number;
+    };
 
     std::unique_ptr<CGstEnc> m_pGstEncH264;
     std::unique_ptr<CGstEnc> m_pGstEncJpeg;
-    INPUT_TIMING_S m_stLastTiming;
-    STREAM_STATUS_S m_stStreamStatus;
-    std::string m_strAddrList; /* as last answered */
-    std::string m_strJpegCmd;
-    JPEG_FILE_STATUS_S m_stJpegFileStatus;
+    CEncoderRules m_objRules;
+    std::vector<UNAWAITED_S> m_objUnawaited;
 };

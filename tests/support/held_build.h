@@ -8,8 +8,8 @@
 
 namespace held_build
 {
-/* The next build blocks until Release(). */
-void Hold();
+/* From now on builds of a description that begins so, a literal, block until Release(). */
+void Hold(const char *i_pBegin = "");
 /* Waits until the held build has been entered. */
 void WaitUntilHeld();
 void Release();
