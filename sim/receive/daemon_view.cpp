@@ -11,52 +11,41 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 namespace
 {
-struct STATE_TEXT_S {
-    const char *pBegin; /* before the pipeline's name in the line */
-    const char *pEnd;   /* after it; empty for anything */
-    const char *pState;
-};
-constexpr STATE_TEXT_S kStates[] = {
-    {"gst cmd [", "", "being built"},
-    {"Let's run [", "]!", "running"},
-    {"gstreamer stop ", ",", "being stopped"},
-    {"Received error in [", "]", "ended by an error"},
-    {"The source in [", "] got dry", "the input ended"},
-    {"pipeline could not be constructed: ", "", "could not be built"},
-    {"Going out [", "]", "stopped"},
-};
-
-bool Has(const std::string &i_strLine, const std::string &i_strText)
+bool Has(const std::string &i_strLine, const char *i_pText)
 {
-    return i_strLine.find(i_strText) != std::string::npos;
+    return i_strLine.find(i_pText) != std::string::npos;
 }
 
-/* An error's line comes before the one that says the pipeline is leaving: the reason stays. */
-void SetState(const STATE_TEXT_S &i_stState, std::string *io_pState)
+/* Time of the day, level and text: without the date and the place in the source. */
+std::string Shortened(const std::string &i_strLine)
 {
-    const std::string strNew = i_stState.pState;
-    if (strNew == "stopped" && *io_pState != "being stopped" && *io_pState != "running") {
-        return;
+    const size_t u64Date = i_strLine.find(' ');
+    const size_t u64Fraction = i_strLine.find('.');
+    const size_t u64Level = i_strLine.find(' ', u64Fraction);
+    const size_t u64Place = i_strLine.rfind(" --[");
+    if (u64Level == std::string::npos || u64Date > u64Fraction) {
+        return i_strLine;
     }
-    *io_pState = strNew;
+    return i_strLine.substr(u64Date + 1, u64Fraction - u64Date - 1) +
+           i_strLine.substr(u64Level,
+                            u64Place == std::string::npos ? u64Place : u64Place - u64Level);
 }
 
-void ReadPipelineLine(const std::string &i_strLine, const std::string &i_strName,
-                      std::string *io_pState)
+/* A stop of what does not run, and a request that only asks, are everyday. */
+bool IsForPeople(const std::string &i_strLine, LOG_VIEW_S *io_pView)
 {
-    if (!Has(i_strLine, i_strName)) {
-        return;
+    if (Has(i_strLine, "set h264 enable:")) {
+        io_pView->bOnlyRead =
+            Has(i_strLine, "enable:-1, gop:-1, mode:-1, bitrate:-1,  preview enable:-1, height:-1, "
+                           "refreshrate:-1");
+        return !io_pView->bOnlyRead;
     }
-    for (const STATE_TEXT_S &stState : kStates) {
-        const bool bBuild = stState.pEnd[0] == '\0';
-        if (bBuild ? Has(i_strLine, stState.pBegin) && Has(i_strLine, "in [" + i_strName + "]")
-                   : Has(i_strLine, stState.pBegin + i_strName + stState.pEnd)) {
-            SetState(stState, io_pState);
-            return;
-        }
-    }
+    return !(io_pView->bOnlyRead && Has(i_strLine, "cmd error")) &&
+           !Has(i_strLine, "boxes parse success") && !Has(i_strLine, "m_stGstObj.pLoop is NULL");
 }
 
 void ReadTiming(const std::string &i_strLine, LOG_VIEW_S *io_pView)
@@ -70,24 +59,35 @@ void ReadTiming(const std::string &i_strLine, LOG_VIEW_S *io_pView)
     }
     if (s32Width == 0 || s32Height == 0 || s32Fps == 0) {
         io_pView->strTiming = "no signal";
+        io_pView->bPictures = false;
         return;
     }
     std::ostringstream objText;
     objText << s32Width << "x" << s32Height << ", " << s32Fps << " frames/s, "
             << (s32Interlaced == 0 ? "progressive" : "interlaced (not supported)");
     io_pView->strTiming = objText.str();
+    io_pView->bPictures = s32Interlaced == 0;
 }
 } // namespace
 
 void ReadLogLine(const std::string &i_strLine, LOG_VIEW_S *io_pView)
 {
-    io_pView->objLatest.push_back(i_strLine);
-    if (io_pView->objLatest.size() > kLatestLines) {
-        io_pView->objLatest.pop_front();
+    if (IsForPeople(i_strLine, io_pView)) {
+        io_pView->objLatest.push_back(Shortened(i_strLine));
+        if (io_pView->objLatest.size() > kLatestLines) {
+            io_pView->objLatest.pop_front();
+        }
     }
     ReadTiming(i_strLine, io_pView);
-    ReadPipelineLine(i_strLine, "gst-h264", &io_pView->strStream);
-    ReadPipelineLine(i_strLine, "gst-jpeg", &io_pView->strPreview);
+    if (Has(i_strLine, "in [gst-h264]")) {
+        if (Has(i_strLine, "Received error in")) {
+            io_pView->strFailure = "ended by an error";
+        } else if (Has(i_strLine, "pipeline could not be constructed: ")) {
+            io_pView->strFailure = "could not be built";
+        } else if (Has(i_strLine, "gst cmd [")) {
+            io_pView->strFailure.clear();
+        }
+    }
     const std::string strList = "addr list: ";
     const size_t u64At = i_strLine.find(strList);
     if (u64At != std::string::npos) {
@@ -168,6 +168,30 @@ PROCESS_VIEW_S ReadProcess(pid_t i_s32Pid)
     return stView;
 }
 
+std::string AskSettings()
+{
+    std::string strAnswer;
+    FILE *pAnswer = popen("mv3300ctl get --json --timeout 500ms 2>/dev/null", "re");
+    if (pAnswer == nullptr) {
+        return "";
+    }
+    char szBuffer[512];
+    while (fgets(szBuffer, sizeof(szBuffer), pAnswer) != nullptr) {
+        strAnswer += szBuffer;
+    }
+    pclose(pAnswer);
+    const auto objJson = nlohmann::json::parse(strAnswer, nullptr, false);
+    if (!objJson.is_object()) {
+        return "";
+    }
+    const auto Flag = [&objJson](const char *i_pName) {
+        return objJson.value(i_pName, false) ? std::string() : std::string("off, ");
+    };
+    return Flag("h264") + std::to_string(objJson.value("bitrate", 0) / 1000) + " kbit/s, GOP " +
+           std::to_string(objJson.value("gop", 0)) + "; preview " + Flag("preview") +
+           std::to_string(objJson.value("height", 0)) + " lines";
+}
+
 CPreviewWatch::CPreviewWatch(const char *i_pFile)
     : m_pFile(i_pFile), m_bThere(false), m_stLast{}, m_u64Count(0)
 {
@@ -192,14 +216,14 @@ std::string CPreviewWatch::Text() const
 {
     const std::string strCount = std::to_string(m_u64Count) + " published, ";
     if (!m_bThere) {
-        return strCount + "no picture at the moment";
+        return strCount + "none at the moment";
     }
     timespec stNow = {};
     clock_gettime(CLOCK_REALTIME, &stNow);
     const double f64Age = static_cast<double>(stNow.tv_sec - m_stLast.st_mtim.tv_sec) +
                           static_cast<double>(stNow.tv_nsec - m_stLast.st_mtim.tv_nsec) / 1e9;
     char szText[128];
-    snprintf(szText, sizeof(szText), "%s, %lld bytes, %.1f s old", m_pFile,
+    snprintf(szText, sizeof(szText), "%lld bytes, %.1f s old",
              static_cast<long long>(m_stLast.st_size), f64Age);
     return strCount + szText;
 }

@@ -11,17 +11,20 @@
 
 #include "framework/types.h"
 
-/* What the log says, in words for people. */
+/* What cannot be measured from outside and is read from the log, out of lines that the README
+ * documents. */
 struct LOG_VIEW_S {
-    std::string strTiming = "none reported yet";
-    std::string strStream = "not started";
-    std::string strPreview = "not started";
-    std::string strReceivers;
-    std::deque<std::string> objLatest; /* the newest lines, at most kLatestLines */
+    std::string strTiming;             /* in words for people; empty until one was reported */
+    bool bPictures = false;            /* the timing is one that a stream should come of */
+    std::string strReceivers;          /* as in addr_list */
+    std::string strFailure;            /* of the present H.264 pipeline; empty without one */
+    std::deque<std::string> objLatest; /* the newest lines for a person, at most kLatestLines */
+    bool bOnlyRead = false;            /* the last request of the control channel set nothing */
 };
 constexpr size_t kLatestLines = 6;
 
-/* Takes one line of the log into account. */
+/* Takes one line of the log into account. Of the lines that a plain read of the settings or a first
+ * start leaves, and that look like faults, none is among the latest. */
 void ReadLogLine(const std::string &i_strLine, LOG_VIEW_S *io_pView);
 
 /* Follows a log file that may not exist yet and may be rolled over. */
@@ -51,6 +54,10 @@ struct PROCESS_VIEW_S {
     UInt64 u64Threads = 0;
 };
 PROCESS_VIEW_S ReadProcess(pid_t i_s32Pid);
+
+/* The daemon's settings in a line, as mv3300ctl reports them; empty when it cannot be asked. Takes
+ * half a second at most. */
+std::string AskSettings();
 
 /* Counts the pictures that are published under one name, each in place of the one before. */
 class CPreviewWatch

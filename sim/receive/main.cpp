@@ -6,13 +6,17 @@
  */
 #include <atomic>
 #include <chrono>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 
+#include <langinfo.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -79,7 +83,8 @@ void AddOptions(CLI::App *io_pApp, OPTIONS_S *o_pOptions)
                         "saves the newest decoded picture to this PNG file at the end");
     io_pApp->add_option("--pid", o_pOptions->s32Pid, "the daemon's process, for --show");
     io_pApp->add_option("--log", o_pOptions->strLog, "the daemon's log file, for --show");
-    io_pApp->add_option("--hint", o_pOptions->strHint, "text at the bottom of the screen");
+    io_pApp->add_option("--hint", o_pOptions->strHint,
+                        "a command, shown at the bottom of the screen");
     io_pApp->add_flag("--check", o_pOptions->bCheck,
                       "only checks that the elements of sender and receiver can be loaded");
 }
@@ -115,12 +120,36 @@ int CheckElements()
     return s32Result;
 }
 
+/* Not into a file, and not where the user asks for plain text. */
+bool TakesEscapes()
+{
+    const auto Value = [](const char *i_pName) {
+        const char *pValue = getenv(i_pName);
+        return std::string(pValue == nullptr ? "" : pValue);
+    };
+    return isatty(STDOUT_FILENO) == 1 && !Value("TERM").empty() && Value("TERM") != "dumb" &&
+           Value("NO_COLOR").empty() && Value("LC_ALL") != "C" && Value("LC_ALL") != "POSIX";
+}
+
+/* Asked for at every drawing: the window may have been resized. */
+TERMINAL_S Terminal()
+{
+    TERMINAL_S stTerminal;
+    winsize stSize = {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &stSize) == 0 && stSize.ws_col > 0 && stSize.ws_row > 0) {
+        stTerminal.u64Columns = stSize.ws_col;
+        stTerminal.u64Rows = stSize.ws_row;
+    }
+    stTerminal.bUtf8 = strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+    return stTerminal;
+}
+
 class CShow
 {
 public:
     CShow(const OPTIONS_S &i_stOptions, Clock::time_point i_objStart)
         : m_objStart(i_objStart), m_objDrawn(i_objStart), m_objTail(i_stOptions.strLog),
-          m_bTerminal(isatty(STDOUT_FILENO) == 1)
+          m_bTerminal(TakesEscapes())
     {
         m_stScreen.strSource = i_stOptions.strGroup + ":" + std::to_string(i_stOptions.s32Port);
         m_stScreen.s32Pid = i_stOptions.s32Pid;
@@ -130,7 +159,7 @@ public:
         if (m_bTerminal) {
             printf("\033[?1049h\033[?25l\033[2J"); /* a screen of its own, without a cursor */
         } else if (!i_stOptions.strHint.empty()) {
-            printf("%s\n", i_stOptions.strHint.c_str());
+            printf("From another terminal: %s\n", i_stOptions.strHint.c_str());
         }
     }
     ~CShow()
@@ -155,9 +184,7 @@ public:
         m_stScreen.f64Seconds = std::chrono::duration<double>(objNow - m_objStart).count();
         Measure(i_pReceiver->Stats(), f64Pause);
         if (m_bTerminal) {
-            winsize stSize = {};
-            ioctl(STDOUT_FILENO, TIOCGWINSZ, &stSize);
-            fputs(ScreenText(m_stScreen, stSize.ws_col == 0 ? 80 : stSize.ws_col).c_str(), stdout);
+            fputs(ScreenText(m_stScreen, Terminal()).c_str(), stdout);
         } else {
             printf("%s\n", PlainLine(m_stScreen).c_str());
         }
@@ -171,9 +198,17 @@ private:
     {
         const PROCESS_VIEW_S stProcess =
             m_stScreen.bHasDaemon ? ReadProcess(m_stScreen.s32Pid) : PROCESS_VIEW_S();
+        const bool bRan = m_stScreen.stRates.f64PacketsPerS > 0;
+        const UInt64 u64Sessions = m_stScreen.stStats.stRtp.u64Sessions;
         m_stScreen.stRates = RatesBetween(m_stScreen.stStats, i_stNow, m_stScreen.stProcess,
                                           stProcess, i_f64Seconds);
         m_stScreen.stStats = i_stNow;
+        /* A setting that changes begins or ends a stream; to ask leaves lines in the daemon's log.
+         */
+        if (m_stScreen.bHasDaemon && (u64Sessions != i_stNow.stRtp.u64Sessions ||
+                                      bRan != (m_stScreen.stRates.f64PacketsPerS > 0))) {
+            m_stScreen.strSettings = AskSettings();
+        }
         m_stScreen.stProcess = stProcess;
         m_stScreen.objKbitHistory.push_back(m_stScreen.stRates.f64KbitPerS);
         if (m_stScreen.objKbitHistory.size() > kHistory) {
@@ -263,6 +298,7 @@ int main(int argc, char **argv)
     } catch (const CLI::ParseError &objError) {
         return objApp.exit(objError) == 0 ? 0 : 2;
     }
+    setlocale(LC_CTYPE, "");
     signal(SIGINT, HandleStop);
     signal(SIGTERM, HandleStop);
     gst_init(nullptr, nullptr);

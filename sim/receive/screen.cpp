@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <vector>
 
 #include <unistd.h>
 
@@ -36,18 +37,23 @@ double PacketsPerS(const STREAM_STATS_S &i_stStats)
     return f64Us <= 0 ? 0 : static_cast<double>(i_stStats.stRtp.u64Packets) * 1e6 / f64Us;
 }
 
-/* One block per interval, the highest as high as the line. */
-std::string Curve(const std::deque<double> &i_objValues)
+/* One character per interval, the newest ones, the highest as high as the line. */
+std::string Curve(const std::deque<double> &i_objValues, const TERMINAL_S &i_stTerminal)
 {
     static const char *const kBlocks[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+    static const char *const kAscii[] = {"_", ".", "-", ":", "=", "+", "*", "#"};
     std::string strCurve;
     if (i_objValues.empty()) {
         return strCurve;
     }
     const double f64Highest =
         std::max(1.0, *std::max_element(i_objValues.begin(), i_objValues.end()));
-    for (const double f64Value : i_objValues) {
-        strCurve += kBlocks[static_cast<size_t>(f64Value / f64Highest * 7 + 0.5)];
+    const size_t u64Room = std::max<size_t>(i_stTerminal.u64Columns, 17) - 16;
+    const size_t u64Shown = std::min(u64Room, i_objValues.size());
+    for (auto it = i_objValues.end() - static_cast<SInt64>(u64Shown); it != i_objValues.end();
+         ++it) {
+        strCurve += (i_stTerminal.bUtf8 ? kBlocks
+                                        : kAscii)[static_cast<size_t>(*it / f64Highest * 7 + 0.5)];
     }
     return strCurve;
 }
@@ -78,80 +84,151 @@ std::string DaemonText(const SCREEN_S &i_stScreen)
     if (!i_stScreen.stProcess.bRuns) {
         return Format("process %d has ended", i_stScreen.s32Pid);
     }
-    return Format("process %d, CPU %.0f %% of one processor, memory %.1f MB, %" PRIu64 " threads",
-                  i_stScreen.s32Pid, i_stScreen.stRates.f64CpuPercent,
+    return Format("%.0f %% CPU, %.1f MB, %" PRIu64 " threads, process %d",
+                  i_stScreen.stRates.f64CpuPercent,
                   static_cast<double>(i_stScreen.stProcess.u64MemoryKb) / 1024,
-                  i_stScreen.stProcess.u64Threads);
+                  i_stScreen.stProcess.u64Threads, i_stScreen.s32Pid);
 }
 
-/* Rows of a terminal: plain text is cut at the columns, so that no line wraps. */
+std::string TimingText(const LOG_VIEW_S &i_stLog)
+{
+    return i_stLog.strTiming.empty() ? "none reported yet" : i_stLog.strTiming;
+}
+
+/* What is seen on the wire, and where nothing is, why. */
+std::string StreamText(const SCREEN_S &i_stScreen)
+{
+    const LOG_VIEW_S &stLog = i_stScreen.stLog;
+    if (i_stScreen.stRates.f64PacketsPerS > 0) {
+        return "running";
+    }
+    if (i_stScreen.bHasDaemon && !i_stScreen.stProcess.bRuns) {
+        return "gone with the daemon";
+    }
+    if (!stLog.bPictures) {
+        return "waits for an input";
+    }
+    if (i_stScreen.strSettings.rfind("off", 0) == 0) {
+        return "switched off";
+    }
+    return stLog.strFailure.empty() ? "no packets" : stLog.strFailure;
+}
+
+/* Rows by importance: those of rank 0 always stay. */
 class CRows
 {
 public:
-    explicit CRows(size_t i_u64Columns) : m_u64Columns(i_u64Columns) {}
+    void Add(int i_s32Rank, const std::string &i_strText)
+    {
+        m_objRows.push_back({i_s32Rank, Kind::Plain, i_strText});
+    }
+    void Title(int i_s32Rank, const std::string &i_strText)
+    {
+        m_objRows.push_back({i_s32Rank, Kind::Title, i_strText});
+    }
+    void Whole(const std::string &i_strText) { m_objRows.push_back({0, Kind::Whole, i_strText}); }
 
-    void Add(const std::string &i_strText)
+    std::string Fit(const TERMINAL_S &i_stTerminal)
     {
-        size_t u64Bytes = 0;
-        size_t u64Shown = 0;
-        while (u64Bytes < i_strText.size()) {
-            const bool bStarts = (i_strText[u64Bytes] & 0xC0) != 0x80;
-            if (bStarts && u64Shown++ == m_u64Columns) {
-                break;
-            }
-            u64Bytes++;
+        Leave(i_stTerminal);
+        std::string strText;
+        for (const ROW_S &stRow : m_objRows) {
+            strText += strText.empty() ? "" : "\r\n";
+            strText += stRow.eKind == Kind::Title ? "\033[1m" : "";
+            strText += stRow.eKind == Kind::Whole ? stRow.strText
+                                                  : Cut(stRow.strText, i_stTerminal.u64Columns);
+            strText += stRow.eKind == Kind::Title ? "\033[0m" : "";
+            /* In the last column it would take the character there away. */
+            strText += Width(stRow.strText) % i_stTerminal.u64Columns == 0 && !stRow.strText.empty()
+                           ? ""
+                           : "\033[K";
         }
-        m_strText += i_strText.substr(0, u64Bytes) + "\033[K\r\n";
+        return strText;
     }
-    void Title(const std::string &i_strText)
-    {
-        m_strText += "\033[1m";
-        Add(i_strText);
-        m_strText += "\033[0m";
-    }
-    void Lines(const std::string &i_strText)
-    {
-        for (size_t u64Begin = 0; u64Begin < i_strText.size();) {
-            const size_t u64End = std::min(i_strText.find('\n', u64Begin), i_strText.size());
-            Add(i_strText.substr(u64Begin, u64End - u64Begin));
-            u64Begin = u64End + 1;
-        }
-    }
-    const std::string &Text() const { return m_strText; }
 
 private:
-    size_t m_u64Columns;
-    std::string m_strText;
+    enum class Kind { Plain, Title, Whole };
+    struct ROW_S {
+        int s32Rank;
+        Kind eKind;
+        std::string strText;
+    };
+
+    static bool StartsCharacter(char i_cByte) { return (i_cByte & 0xC0) != 0x80; }
+    static size_t Width(const std::string &i_strText)
+    {
+        return static_cast<size_t>(
+            std::count_if(i_strText.begin(), i_strText.end(), StartsCharacter));
+    }
+    static std::string Cut(const std::string &i_strText, size_t i_u64Columns)
+    {
+        size_t u64Shown = 0;
+        const auto itEnd = std::find_if(i_strText.begin(), i_strText.end(), [&](char i_cByte) {
+            return StartsCharacter(i_cByte) && u64Shown++ == i_u64Columns;
+        });
+        return std::string(i_strText.begin(), itEnd);
+    }
+    size_t Height(size_t i_u64Columns) const
+    {
+        size_t u64Height = 0;
+        for (const ROW_S &stRow : m_objRows) {
+            u64Height += stRow.eKind == Kind::Whole
+                             ? (Width(stRow.strText) + i_u64Columns - 1) / i_u64Columns
+                             : 1;
+        }
+        return u64Height;
+    }
+    /* Of rows of one rank the first goes first: in the log that is the oldest. */
+    void Leave(const TERMINAL_S &i_stTerminal)
+    {
+        while (Height(i_stTerminal.u64Columns) > i_stTerminal.u64Rows) {
+            const auto itLeast = std::max_element(m_objRows.begin(), m_objRows.end(),
+                                                  [](const ROW_S &i_stA, const ROW_S &i_stB) {
+                                                      return i_stA.s32Rank < i_stB.s32Rank;
+                                                  });
+            if (itLeast == m_objRows.end() || itLeast->s32Rank == 0) {
+                return;
+            }
+            m_objRows.erase(itLeast);
+        }
+    }
+
+    std::vector<ROW_S> m_objRows;
 };
 
 void AddReceivers(const std::string &i_strList, CRows *o_pRows)
 {
     const char *pLabel = "  Receivers     ";
+    int s32Rank = 5;
     for (size_t u64Begin = 0; u64Begin < i_strList.size();) {
         const size_t u64End = std::min(i_strList.find(',', u64Begin), i_strList.size());
         const std::string strOne = i_strList.substr(u64Begin, u64End - u64Begin);
-        o_pRows->Add(pLabel + strOne +
-                     (strOne == "127.0.0.1:12350" ? "  (the preview's own copy)" : ""));
+        o_pRows->Add(s32Rank,
+                     pLabel + strOne +
+                         (strOne == "127.0.0.1:12350" ? "  (the preview's own copy)" : ""));
         pLabel = "                ";
+        s32Rank = 7;
         u64Begin = u64End + 1;
     }
     if (i_strList.empty()) {
-        o_pRows->Add(std::string(pLabel) + "none yet");
+        o_pRows->Add(s32Rank, std::string(pLabel) + "none yet");
     }
 }
 
 void AddDaemon(const SCREEN_S &i_stScreen, CRows *o_pRows)
 {
-    o_pRows->Title("THE DAEMON");
-    o_pRows->Add("  " + DaemonText(i_stScreen));
+    o_pRows->Title(6, "THE DAEMON");
+    o_pRows->Add(3, "  Process       " + DaemonText(i_stScreen));
     if (i_stScreen.bHasLog) {
-        o_pRows->Add("  HDMI input    " + i_stScreen.stLog.strTiming);
-        o_pRows->Add("  H.264 stream  " + i_stScreen.stLog.strStream);
-        o_pRows->Add("  Preview       " + i_stScreen.stLog.strPreview + "; " +
-                     i_stScreen.strPreview);
+        o_pRows->Add(1, "  HDMI input    " + TimingText(i_stScreen.stLog));
+        o_pRows->Add(1, "  H.264 stream  " + StreamText(i_stScreen));
+        if (!i_stScreen.strSettings.empty()) {
+            o_pRows->Add(4, "  Settings      " + i_stScreen.strSettings);
+        }
+        o_pRows->Add(2, "  Preview       " + i_stScreen.strPreview);
         AddReceivers(i_stScreen.stLog.strReceivers, o_pRows);
     }
-    o_pRows->Add("");
+    o_pRows->Add(9, "");
 }
 } // namespace
 
@@ -177,39 +254,41 @@ RATES_S RatesBetween(const STREAM_STATS_S &i_stOld, const STREAM_STATS_S &i_stNe
     return stRates;
 }
 
-std::string ScreenText(const SCREEN_S &i_stScreen, size_t i_u64Columns)
+std::string ScreenText(const SCREEN_S &i_stScreen, const TERMINAL_S &i_stTerminal)
 {
-    CRows objRows(i_u64Columns);
+    CRows objRows;
     const STREAM_STATS_S &stStats = i_stScreen.stStats;
-    objRows.Title(Format("mv3300d on the bench, %.0f s   (Ctrl-C ends)", i_stScreen.f64Seconds));
-    objRows.Add("");
+    objRows.Title(0, Format("mv3300d bench, %.0f s  (Ctrl-C ends)", i_stScreen.f64Seconds));
+    objRows.Add(9, "");
     if (i_stScreen.bHasDaemon) {
         AddDaemon(i_stScreen, &objRows);
     }
-    objRows.Title("WHAT A RECEIVER SEES of " + i_stScreen.strSource);
-    objRows.Add(Format("  Packets       %.0f /s", i_stScreen.stRates.f64PacketsPerS));
-    objRows.Add(Format("  Bit rate      %.0f kbit/s", i_stScreen.stRates.f64KbitPerS));
-    objRows.Add("                " + Curve(i_stScreen.objKbitHistory));
-    objRows.Add("  Picture       " + PictureText(i_stScreen));
-    objRows.Add("  GOP           " + GopText(stStats.u32Gop));
-    objRows.Add("  Gaps          " + GapText(stStats.stRtp));
-    objRows.Add(Format("  Restarts      %" PRIu64,
+    objRows.Title(4, "WHAT A RECEIVER SEES of " + i_stScreen.strSource);
+    objRows.Add(3, Format("  Packets       %.0f /s", i_stScreen.stRates.f64PacketsPerS));
+    objRows.Add(1, Format("  Bit rate      %.0f kbit/s", i_stScreen.stRates.f64KbitPerS));
+    objRows.Add(6, "                " + Curve(i_stScreen.objKbitHistory, i_stTerminal));
+    objRows.Add(0, "  Picture       " + PictureText(i_stScreen));
+    objRows.Add(4, "  GOP           " + GopText(stStats.u32Gop));
+    objRows.Add(2, "  Gaps          " + GapText(stStats.stRtp));
+    objRows.Add(5,
+                Format("  Restarts      %" PRIu64,
                        stStats.stRtp.u64Sessions - std::min<UInt64>(1, stStats.stRtp.u64Sessions)));
     if (!stStats.strError.empty()) {
-        objRows.Add("  Stopped:      " + stStats.strError);
+        objRows.Add(0, "  Stopped:      " + stStats.strError);
     }
     if (i_stScreen.bHasLog) {
-        objRows.Add("");
-        objRows.Title("THE LOG");
+        objRows.Add(9, "");
+        objRows.Title(8, "THE LOG");
         for (const std::string &strLine : i_stScreen.stLog.objLatest) {
-            objRows.Add("  " + strLine);
+            objRows.Add(8, "  " + strLine);
         }
     }
     if (!i_stScreen.strHint.empty()) {
-        objRows.Add("");
-        objRows.Lines(i_stScreen.strHint);
+        objRows.Add(9, "");
+        objRows.Add(1, "From another terminal:");
+        objRows.Whole(i_stScreen.strHint);
     }
-    return "\033[H" + objRows.Text() + "\033[J";
+    return "\033[H" + objRows.Fit(i_stTerminal) + "\033[J";
 }
 
 std::string PlainLine(const SCREEN_S &i_stScreen)
@@ -218,7 +297,7 @@ std::string PlainLine(const SCREEN_S &i_stScreen)
     std::string strLine = Format("%5.1f s: ", i_stScreen.f64Seconds);
     if (i_stScreen.bHasLog) {
         strLine +=
-            "input " + i_stScreen.stLog.strTiming + "; stream " + i_stScreen.stLog.strStream + "; ";
+            "input " + TimingText(i_stScreen.stLog) + "; stream " + StreamText(i_stScreen) + "; ";
     }
     strLine += Format("%.0f packets/s, %.0f kbit/s, ", i_stScreen.stRates.f64PacketsPerS,
                       i_stScreen.stRates.f64KbitPerS) +
@@ -238,9 +317,12 @@ std::string Summary(const STREAM_STATS_S &i_stStats, double i_f64Seconds,
                     std::optional<UInt64> i_objPreviews)
 {
     std::string strText =
-        Format("In %.1f s: %" PRIu64 " packets (%.0f /s, %.0f kbit/s), ", i_f64Seconds,
-               i_stStats.stRtp.u64Packets, PacketsPerS(i_stStats), KbitPerS(i_stStats)) +
-        GapText(i_stStats.stRtp) + "\n";
+        Format("In %.1f s: %" PRIu64 " packets", i_f64Seconds, i_stStats.stRtp.u64Packets);
+    /* Of less than a second a rate says nothing: a stream begins with a burst. */
+    if (i_stStats.s64LastPacketUs - i_stStats.s64FirstPacketUs >= 1000000) {
+        strText += Format(" (%.0f /s, %.0f kbit/s)", PacketsPerS(i_stStats), KbitPerS(i_stStats));
+    }
+    strText += ", " + GapText(i_stStats.stRtp) + "\n";
     for (const PICTURE_RUN_S &stRun : i_stStats.objRuns) {
         strText += Format("%" PRIu64 " pictures of %dx%d decoded, %.1f pictures/s\n",
                           stRun.u64Pictures, stRun.s32Width, stRun.s32Height, stRun.Rate());

@@ -32,17 +32,24 @@ struct SCREEN_S {
     SInt32 s32Pid = 0;
     LOG_VIEW_S stLog;
     PROCESS_VIEW_S stProcess;
-    UInt64 u64Previews = 0; /* pictures seen published since the start */
-    std::string strPreview; /* the same in words, with size and age of the newest */
-    std::string strHint;    /* shown at the bottom, lines separated by newlines */
+    std::string strSettings; /* as the control channel tells them; empty: it was not asked */
+    UInt64 u64Previews = 0;  /* pictures seen published since the start */
+    std::string strPreview;  /* the same in words, with size and age of the newest */
+    std::string strHint;     /* a command, shown whole at the bottom */
 };
 
 RATES_S RatesBetween(const STREAM_STATS_S &i_stOld, const STREAM_STATS_S &i_stNew,
                      const PROCESS_VIEW_S &i_stOldProcess, const PROCESS_VIEW_S &i_stNewProcess,
                      double i_f64Seconds);
 
-/* The whole screen, lines cut to the columns; each line ends by clearing the rest of its row. */
-std::string ScreenText(const SCREEN_S &i_stScreen, size_t i_u64Columns);
+struct TERMINAL_S {
+    size_t u64Columns = 80;
+    size_t u64Rows = 24;
+    bool bUtf8 = false; /* else the curve is drawn in ASCII */
+};
+/* What fits the terminal: what matters least is left out first, and long rows are cut but for the
+ * hint, which goes on in the next row. Each row ends by clearing the rest of it. */
+std::string ScreenText(const SCREEN_S &i_stScreen, const TERMINAL_S &i_stTerminal);
 /* One line, for an output that is no terminal. */
 std::string PlainLine(const SCREEN_S &i_stScreen);
 /* For people, at the end; the previews are told of where they were looked at. */

@@ -162,4 +162,27 @@ TEST_F(StreamTest, WithoutEth0TheGroupIsMissedAndItsReturnBringsTheStream)
     ExpectPictures("eth0 is back", 320, 240, 15);
 }
 
+/* The live screen knows the input and the reason of a failure from the log alone. */
+TEST_F(StreamTest, TheScreenTellsWhatTheDaemonDoes)
+{
+    CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp());
+    const struct {
+        const char *pSource, *pTiming, *pLine;
+    } stCases[] = {
+        {"absent", "320x240@30-0",
+         "input 320x240, 30 frames/s, progressive; stream ended by an error;"},
+        {"run", "640x360@30-0", "input 640x360, 30 frames/s, progressive; stream running;"},
+    };
+    for (const auto &stCase : stCases) {
+        SetSource(stCase.pSource);
+        SendTiming(stCase.pTiming);
+        CProgram objScreen({MV3300_SIM_RECEIVE, "--show", "--seconds", "30", "--pid",
+                            std::to_string(objDaemon.Pid()), "--log", "/run/mv3300d.log"});
+        EXPECT_TRUE(WaitUntil([&] {
+            return objScreen.Output().find(stCase.pLine) != std::string::npos;
+        })) << objScreen.Output();
+    }
+}
+
 } // namespace
