@@ -1,30 +1,13 @@
 # shellcheck shell=bash
-# The guided tour of the demo: walks the daemon through what it does and tests every step by what
-# comes out of it. Sourced by scripts/demo, within the bench box.
+# The guided tour of the demo: one thing after the other that the daemon does, and what an
+# independent receiver sees of it. Sourced by scripts/demo, within the bench box.
 #
-# Each step is a function that says what it saw in SAW and succeeds only if that is right.
+# Each step is a function that says what it saw in SAW and fails if that is not what it is to show.
 
-readonly PLAYING="Let's run [gst-h264]!"
-readonly SEEN=/run/tour.json
+readonly PLAYING="Let's run [gst-h264]!" SEEN=/run/tour.json
 SAW=
-PLAYED=0
-
-# value NAME [FILE]: the first value of that name in the JSON; nothing if there is none.
-value() {
-    local found
-    found=$(grep -oE "\"$1\": ?\"?[^\",}]*" "${2:-$SEEN}") || return 0
-    found=${found%%$'\n'*}
-    found=${found#*:}
-    found=${found# }
-    echo "${found#\"}"
-}
-
-# The stream's rate as a whole number.
-kbit_per_s() {
-    local rate
-    rate=$(value kbit_per_s)
-    echo "${rate%.*}"
-}
+STEPS=0
+FAILED_STEPS=0
 
 # until_true SECONDS COMMAND...
 until_true() {
@@ -36,62 +19,36 @@ until_true() {
     done
 }
 
-played() { grep -cF "$PLAYING" "$LOG"; }
-played_again() { (($(played) > PLAYED)); }
+# value NAME: the first value of that name in what the receiver measured, a number without fraction.
+value() { sed -nE "0,/\"$1\":/s/.*\"$1\": ?\"?([^\",.}]*).*/\1/p" "$SEEN"; }
 
-# restarts COMMAND...: runs it and waits until the stream was built anew.
-restarts() {
-    PLAYED=$(played) || true
-    "$@" >/run/tour.out 2>&1 || {
-        SAW=$(tail -n 1 /run/tour.out)
-        return 1
-    }
-    until_true 30 played_again || {
-        SAW="the stream was not built anew within 30 s"
-        return 1
-    }
-}
-
-# receive SECONDS [PICTURE]: what an independent receiver makes of the stream. Fails when the
-# receiver does; that there were no pictures is no failure of its own.
+# receive SECONDS [PICTURE]
 receive() {
     sim-receive --seconds "$1" --json ${2:+--picture "$2"} >"$SEEN" 2>/run/tour.err &
     RECEIVER=$!
     wait "$RECEIVER" || true
     RECEIVER=
-    if [[ ! -s $SEEN || -n $(value error) ]]; then
-        SAW="the receiver failed: $(value error) $(tail -n 1 /run/tour.err)"
-        return 1
-    fi
     SAW="$(value pictures) pictures of $(value width)x$(value height) in $1 s, "
-    SAW+="$(kbit_per_s) kbit/s, $(value lost) packets lost"
+    SAW+="$(value kbit_per_s) kbit/s, $(value lost) packets lost"
+    [[ -z $(value error) && -n $(value packets) ]]
 }
-
-# decoded WxH: the last look at the stream had pictures of that size.
-decoded() { (($(value pictures) > 0)) && [[ $(value width)x$(value height) == "$1" ]]; }
-
-# silent SECONDS: no packet came, although receiver and daemon are well.
 silent() {
-    receive "$1" || return 1
-    SAW="$(value packets) packets in $1 s"
-    [[ $(value packets) == 0 ]] || return 1
-    mv3300ctl get --json >/run/tour.get 2>&1 || {
-        SAW+="; but $(tail -n 1 /run/tour.get)"
-        return 1
-    }
-    SAW+="; the daemon answers"
+    receive 2 || return 1
+    SAW="$(value packets) packets in 2 s"
+    [[ $(value packets) == 0 ]]
 }
 
-# reads_back FIELD VALUE
-reads_back() {
-    mv3300ctl get "$1" --json >/run/tour.get 2>&1 && [[ $(value "$1" /run/tour.get) == "$2" ]] &&
-        return
-    SAW="the daemon reports $(tail -n 1 /run/tour.get)"
+played() { grep -cF "$PLAYING" "$LOG" || true; }
+played_more_than() { (($(played) > $1)); }
+
+# anew COMMAND...: succeeds when the command does and the stream was built anew. mv3300ctl reads a
+# setting back and fails if it did not take effect.
+anew() {
+    local before
+    before=$(played)
+    "$@" >/run/tour.out 2>&1 && until_true 30 played_more_than "$before" && return
+    SAW=$(tail -n 1 /run/tour.out)
     return 1
-}
-
-set_and_check() { # FIELD VALUE READ_BACK
-    restarts mv3300ctl set --json "--$1" "$2" && reads_back "$1" "$3"
 }
 
 # preview_kept: a copy of the picture published now, with its time. The daemon may take the picture
@@ -100,146 +57,88 @@ preview_kept() {
     cp -p /tmp/image.jpeg "$OUTPUT/preview.jpeg" 2>/dev/null && [[ -s $OUTPUT/preview.jpeg ]]
 }
 preview_newer_than() { preview_kept && [[ $(stat -c %y "$OUTPUT/preview.jpeg") != "$1" ]]; }
-preview_of() { preview_kept && [[ $(jpeg_size "$OUTPUT/preview.jpeg") == "$1" ]]; }
 no_preview_for() { ! until_true "$1" test -e /tmp/image.jpeg; }
 
-# jpeg_size FILE: WxH as the frame header tells it; nothing unless the file begins and ends as a
-# whole JPEG file does.
-jpeg_size() {
-    local bytes
-    bytes=$({ head -c 1024 "$1" && tail -c 2 "$1"; } | od -An -v -tx1 | tr -d '\n')
-    [[ $bytes == " ff d8"*" ff d9" ]] || return 0
-    [[ $bytes =~ " ff c0 00 11 08 "(..)" "(..)" "(..)" "(..) ]] || return 0
-    echo "$((16#${BASH_REMATCH[3]}${BASH_REMATCH[4]}))x$((16#${BASH_REMATCH[1]}${BASH_REMATCH[2]}))"
+timing() { # TIMING [PICTURE]
+    anew sim-uevent --quiet "$1" && receive 5 "${@:2}" &&
+        [[ $(value width)x$(value height) == "${1%@*}" ]]
 }
-saw_preview() {
-    SAW="JPEG of $(jpeg_size "$OUTPUT/preview.jpeg"), $(stat -c %s "$OUTPUT/preview.jpeg") bytes"
+other_timing() {
+    local other=640x360@30-0
+    [[ ${TIMING%@*} != "${other%@*}" ]] || other=1280x720@30-0
+    timing "$other"
 }
-
-tour_timing() {
-    restarts sim-uevent --quiet "$TIMING" && receive 5 "$OUTPUT/picture.png" &&
-        decoded "${TIMING%@*}"
+preview() {
+    until_true 20 preview_kept &&
+        until_true 10 preview_newer_than "$(stat -c %y "$OUTPUT/preview.jpeg")" || return 1
+    SAW="a JPEG of $(stat -c %s "$OUTPUT/preview.jpeg") bytes"
 }
-
-# preview_size HEIGHT: the preview keeps the input's proportions.
-preview_size() {
-    local size=${TIMING%@*}
-    echo "$((${size%x*} * $1 / ${size#*x}))x$1"
+no_preview() {
+    anew mv3300ctl set --preview off && until_true 15 no_preview_for 3 || return 1
+    SAW="none for 3 s"
 }
-
-tour_preview() {
-    until_true 20 preview_of "$(preview_size 720)" || return 1
-    until_true 10 preview_newer_than "$(stat -c %y "$OUTPUT/preview.jpeg")" || return 1
-    saw_preview
-}
-
-tour_get() {
-    mv3300ctl get --json >"$SEEN" || return 1
-    SAW=$(<"$SEEN")
-    [[ $(value h264) == true && $(value preview) == true ]]
-}
-
 # A low rate and a high one: the picture decides how much of it is used.
-tour_bitrate() {
-    local low high
-    set_and_check bitrate 300k 300000 && receive 5 || return 1
-    low=$(kbit_per_s)
-    set_and_check bitrate 3M 3000000 && receive 5 || return 1
-    high=$(kbit_per_s)
-    SAW="$low kbit/s at 300k, $high kbit/s at 3M"
-    ((low > 0 && high > 3 * low))
+bitrate() {
+    local low
+    anew mv3300ctl set --bitrate 300k && receive 5 || return 1
+    low=$(value kbit_per_s)
+    anew mv3300ctl set --bitrate 3M && receive 5 || return 1
+    SAW="$low kbit/s at 300k, $(value kbit_per_s) kbit/s at 3M"
+    ((low > 0 && $(value kbit_per_s) > 3 * low))
 }
-
-tour_gop() {
-    set_and_check gop 15 15 && receive 5 || return 1
+gop() {
+    anew mv3300ctl set --gop 15 && receive 5 || return 1
     SAW="a key frame every $(value gop) pictures"
     [[ $(value gop) == 15 ]]
 }
-
-tour_preview_off_on() {
-    set_and_check preview off false || return 1
-    until_true 15 no_preview_for 3 || {
-        SAW="there are still pictures"
-        return 1
-    }
-    set_and_check preview on true && until_true 20 preview_kept || return 1
-    saw_preview
-    SAW="none for 3 s; then a $SAW"
-}
-
-tour_preview_height() {
-    restarts mv3300ctl set --json --height 360 --refreshrate 5 && reads_back height 360 &&
-        reads_back refreshrate 5 && until_true 20 preview_of "$(preview_size 360)" || return 1
-    saw_preview
-}
-
 # The one setting that the daemon reports but does not let itself be given.
-tour_mode() {
+mode() {
     local status=0
     mv3300ctl set --mode cbr >/run/tour.out 2>&1 || status=$?
-    reads_back mode vbr || return 1
     SAW=$(tail -n 1 /run/tour.out)
     ((status == 1))
 }
-
-tour_off() { set_and_check h264 off false && silent 3; }
-
-tour_on() { set_and_check h264 on true && receive 5 && decoded "${TIMING%@*}"; }
-
-tour_other_timing() {
-    local size=640x360
-    [[ ${TIMING%@*} != "$size" ]] || size=1280x720
-    restarts sim-uevent --quiet "$size@30-0" && receive 5 && decoded "$size"
+on_again() { anew mv3300ctl set --h264 on && receive 5 && (($(value pictures) > 0)); }
+no_signal() {
+    sim-uevent --quiet --none && until_true 20 silent
+}
+ended() {
+    SAW="exit status $ENDED"
+    ((ENDED == 0))
 }
 
-tour_no_signal() {
-    sim-uevent --quiet --none || return 1
-    until_true 20 silent 2
-}
-
-# step NAME FUNCTION: counts the steps whose outcome was not the one to be seen.
-FAILED_STEPS=0
+# step NAME COMMAND...: without the daemon there is no use in waiting for what it does.
 step() {
+    local mark=yes
     SAW=
-    if "$2"; then
-        printf '  yes  %-44s %s\n' "$1" "$SAW"
-    else
-        printf '  NO   %-44s %s\n' "$1" "${SAW:-not seen}"
+    STEPS=$((STEPS + 1))
+    { [[ -n ${ENDED:-} ]] || kill -0 "$DAEMON" 2>/dev/null; } && "${@:2}" || {
+        mark=NO
         FAILED_STEPS=$((FAILED_STEPS + 1))
-    fi
-}
-
-# look NAME FUNCTION: a step that needs the daemon; without it there is no use in waiting.
-look() {
-    if kill -0 "$DAEMON" 2>/dev/null; then step "$@"; else step "$1" gone; fi
-}
-gone() {
-    SAW="the daemon has ended"
-    return 1
+    }
+    printf '  %-3s  %-44s %s\n' "$mark" "$1" "${SAW:-not seen}"
 }
 
 tour() {
     say "the tour, about a minute and a half"
-    look "$TIMING is announced: a stream comes" tour_timing
-    look "the preview is there and is renewed" tour_preview
-    look "mv3300ctl get: the settings" tour_get
-    look "mv3300ctl set --bitrate: the stream follows" tour_bitrate
-    look "mv3300ctl set --gop 15: the stream follows" tour_gop
-    look "mv3300ctl set --preview off and on: it obeys" tour_preview_off_on
-    look "mv3300ctl set --height 360 --refreshrate 5" tour_preview_height
-    look "mv3300ctl set --mode cbr: is refused" tour_mode
-    look "mv3300ctl set --h264 off: the stream stops" tour_off
-    look "mv3300ctl set --h264 on: it comes back" tour_on
-    look "another timing: another size" tour_other_timing
-    look "no signal: the stream stops" tour_no_signal
+    step "$TIMING is announced: a stream comes" timing "$TIMING" "$OUTPUT/picture.png"
+    step "the preview is there and is renewed" preview
+    step "mv3300ctl set --bitrate: the stream follows" bitrate
+    step "mv3300ctl set --gop 15: the stream follows" gop
+    step "mv3300ctl set --preview off: no picture" no_preview
+    step "mv3300ctl set --preview on: it is back" eval 'anew mv3300ctl set --preview on && preview'
+    step "mv3300ctl set --height 360 --refreshrate 5" \
+        eval 'anew mv3300ctl set --height 360 --refreshrate 5 && preview'
+    step "mv3300ctl set --mode cbr: is refused" mode
+    step "mv3300ctl set --h264 off: the stream stops" \
+        eval 'mv3300ctl set --h264 off >/run/tour.out 2>&1 && silent'
+    step "mv3300ctl set --h264 on: it comes back" on_again
+    step "another timing: another size" other_timing
+    step "no signal: the stream stops" no_signal
 }
 
 # tour_end: the last step, with the daemon's exit status in ENDED.
 tour_end() {
-    step "SIGTERM: the daemon ends" tour_ended
-    ((FAILED_STEPS == 0)) || say "$FAILED_STEPS steps were not seen as they should be"
-}
-tour_ended() {
-    SAW="exit status $ENDED"
-    ((ENDED == 0))
+    step "SIGTERM: the daemon ends" ended
+    ((FAILED_STEPS == 0)) || say "$FAILED_STEPS of $STEPS were not seen as they should be"
 }
