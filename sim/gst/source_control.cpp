@@ -102,8 +102,13 @@ void CSourceControl::Load()
 void CSourceControl::Done()
 {
     m_stOrder = SIM_ORDER_S();
+    char szRest[kLineSize] = ""; /* of the file, behind the order: it is the capture device's */
+    if (FILE *pFile = fopen(m_strPath.c_str(), "re")) {
+        (void)!(fgets(szRest, sizeof(szRest), pFile) && fgets(szRest, sizeof(szRest), pFile));
+        fclose(pFile);
+    }
     if (FILE *pFile = fopen(m_strPath.c_str(), "we")) {
-        fputs("run\n", pFile);
+        fprintf(pFile, "run\n%s", strncmp(szRest, "input ", 6) == 0 ? szRest : "");
         fclose(pFile);
     }
 }

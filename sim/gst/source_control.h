@@ -1,7 +1,8 @@
 /*
  * The orders a person or a test gives to the stand-in video source, one file per device.
  *
- * The file for "/dev/video0" is "/run/mv3300-sim/video0" and holds one line:
+ * The file for "/dev/video0" is "/run/mv3300-sim/video0". Its first line is one of these; a second
+ * is what the device answers when it is asked for its timing (sim/capture/capture.cpp):
  *
  *   run            deliver pictures (also when the file is missing or empty)
  *   fail           report a read error, once
