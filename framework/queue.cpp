@@ -77,17 +77,13 @@ void CQueueIter::Next()
     }
 }
 
-Bool CQueue_Blocking::EnQueue(CQueueElem *i_pElem)
+void CQueue_Blocking::EnQueue(CQueueElem *i_pElem)
 {
     {
         CMutexLocker objLocker(&m_objMutex);
-        if (m_bClosed) {
-            return false;
-        }
         m_objQueue.EnQueue(i_pElem);
     }
     m_objCond.Signal();
-    return true;
 }
 
 CQueueElem *CQueue_Blocking::DeQueue()
@@ -112,11 +108,4 @@ void CQueue_Blocking::Stop()
         m_bStopped = true;
     }
     m_objCond.Broadcast();
-}
-
-Bool CQueue_Blocking::TryClose()
-{
-    CMutexLocker objLocker(&m_objMutex);
-    m_bClosed = m_bClosed || m_objQueue.GetLength() == 0;
-    return m_bClosed;
 }

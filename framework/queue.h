@@ -92,9 +92,8 @@ private:
 class CQueue_Blocking
 {
 public:
-    /* As CQueue::EnQueue; wakes one waiter. False, and nothing is done, once the queue is closed.
-     */
-    Bool EnQueue(CQueueElem *i_pElem);
+    /* As CQueue::EnQueue; wakes one waiter. */
+    void EnQueue(CQueueElem *i_pElem);
     /* Never waits; null when empty. */
     CQueueElem *DeQueue();
     /* Waits once if the queue is empty: null after the time-out, and also when the wait ended
@@ -102,11 +101,8 @@ public:
      * The thread is not used and may be null. */
     CQueueElem *DeQueueBlocking(CThread *i_pThread, int i_s32TimeoutInMilSecs);
 
-    /* The end of a queue, in two steps. Stop() ends every wait, and from then on none begins.
-     * TryClose() is the reader's last look: true when the queue was empty, which closes it for
-     * good; false when there is more to take. No element is lost between the two. */
+    /* Ends every wait; from then on none begins. The elements stay, and more may come. */
     void Stop();
-    Bool TryClose();
 
     /* Signalled once per element; signal it to end somebody's wait early. */
     CCond *GetCond() { return &m_objCond; }
@@ -116,5 +112,4 @@ private:
     CMutex m_objMutex;
     CQueue m_objQueue;
     Bool m_bStopped = false;
-    Bool m_bClosed = false;
 };

@@ -1,13 +1,14 @@
 /*
  * Tasks, their threads and pools.
  *
- * The end of a thread is the end of its ready queue: stopped under the queue's mutex, the queue is
- * run dry by its thread, which leaves when it could close it. Whatever was queued before that is
- * run; what comes later finds the queue closed and goes to another thread that is still there.
- *
  * The arrays of the pools are read by every thread that signals a task, never-ending ones
  * included, while the main thread builds and removes pools. A reader counts itself in for the time
- * of its visit; RemoveThreads() makes the numbers 0 first and then waits until nobody is inside.
+ * of its visit.
+ *
+ * The end of a pool: RemoveThreads() makes the pool's number of threads 0 and waits until nobody is
+ * inside, so from then on nothing is queued from outside. Then it stops the ready queues, under
+ * their mutexes, so that no wait begins any more. Each thread runs what is ready, and what that
+ * signals, and ends; all are joined before the first is deleted.
  */
 #include "framework/task.h"
 
@@ -129,8 +130,10 @@ CTask *CTaskThread::WaitForTask()
         if (pElem != nullptr) {
             return static_cast<CTask *>(pElem->GetEnclosingObject());
         }
-        if (IsStopRequested() && m_objTaskQueue.TryClose()) {
-            return nullptr;
+        if (IsStopRequested()) {
+            /* A last look: what was queued since the one before was queued before the stop. */
+            pElem = m_objTaskQueue.DeQueue();
+            return pElem != nullptr ? static_cast<CTask *>(pElem->GetEnclosingObject()) : nullptr;
         }
     }
 }
@@ -249,25 +252,27 @@ UInt32 CTaskThreadPool::CountThreads(UInt32 i_u32PoolID)
 void CTaskThreadPool::Queue(CTask *i_pTask)
 {
     CVisit objVisit;
-    UInt32 u32Count = CountThreads(i_pTask->m_u32PoolID);
+    const UInt32 u32Pool = i_pTask->m_u32PoolID;
+    const UInt32 u32Count = CountThreads(u32Pool);
     if (u32Count == 0) {
-        return; /* kept: the task stays marked as queued and never runs */
+        /* Kept: without threads the task stays marked as queued and never runs. A pool that is
+         * being removed still has those that run its last tasks. */
+        CTaskThread *pOwn = dynamic_cast<CTaskThread *>(CThread::GetCurrent());
+        if (pOwn != nullptr && pOwn->m_u32PoolID == u32Pool &&
+            (i_pTask->m_pBoundThread == nullptr || i_pTask->m_pBoundThread == pOwn)) {
+            pOwn->m_objTaskQueue.EnQueue(&i_pTask->m_objQueueElem);
+        }
+        return;
     }
     if (i_pTask->m_pBoundThread != nullptr && i_pTask->m_pCurrentThread == nullptr) {
         i_pTask->m_pCurrentThread = i_pTask->m_pBoundThread;
     }
-    if (i_pTask->m_pCurrentThread != nullptr) {
-        (void)i_pTask->m_pCurrentThread->m_objTaskQueue.EnQueue(&i_pTask->m_objQueueElem);
-        return;
+    CTaskThread *pTarget = i_pTask->m_pCurrentThread;
+    if (pTarget == nullptr) {
+        const UInt32 u32Picked = atomic_add(&s_pTaskThreadPicker[u32Pool], 1);
+        pTarget = s_pTaskThreadArray[u32Pool][u32Picked % u32Count];
     }
-    CTaskThread **pThreads = s_pTaskThreadArray[i_pTask->m_u32PoolID];
-    UInt32 u32Picked = atomic_add(&s_pTaskThreadPicker[i_pTask->m_u32PoolID], 1) % u32Count;
-    for (UInt32 i = 0; i < u32Count; i++) {
-        CTaskThread *pTarget = pThreads[(u32Picked + i) % u32Count];
-        if (pTarget->m_objTaskQueue.EnQueue(&i_pTask->m_objQueueElem)) {
-            return;
-        }
-    }
+    pTarget->m_objTaskQueue.EnQueue(&i_pTask->m_objQueueElem);
 }
 
 void CTaskThreadPool::WaitForVisitors()
@@ -282,14 +287,13 @@ void CTaskThreadPool::RemoveThreads()
     for (UInt32 u32Pool = 0; u32Pool < s_u32NumTaskThreadPools.load(); u32Pool++) {
         CTaskThread **pThreads = s_pTaskThreadArray[u32Pool];
         UInt32 u32Count = s_pNumTaskThreads.load()[u32Pool].load();
+        s_pNumTaskThreads.load()[u32Pool].store(0);
+        WaitForVisitors();
         std::for_each_n(pThreads, u32Count,
                         [](CTaskThread *pThread) { pThread->SendStopRequest(); });
         std::for_each_n(pThreads, u32Count,
                         [](CTaskThread *pThread) { pThread->m_objTaskQueue.Stop(); });
-        /* All have ended before the first goes: their last tasks may signal one another. */
         std::for_each_n(pThreads, u32Count, [](CTaskThread *pThread) { pThread->Join(); });
-        s_pNumTaskThreads.load()[u32Pool].store(0);
-        WaitForVisitors();
         std::for_each_n(pThreads, u32Count, [](CTaskThread *pThread) { delete pThread; });
         s_pTaskThreadArray[u32Pool] = nullptr;
         delete[] pThreads;

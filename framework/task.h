@@ -131,7 +131,7 @@ public:
     static CTaskThread *GetThread(UInt32 i_u32PoolID, UInt32 i_u32Index);
     /* Ends and deletes every thread. Tasks that are ready are run before, and so are those that
      * these signal, but not for a delay that they ask for then. Not to be called on a task thread.
-     * Other threads may go on signalling: once it returns that has no effect. */
+     * Other threads may go on signalling: it no longer has an effect. */
     static void RemoveThreads();
 
 private:

@@ -2,6 +2,7 @@
  * The rules by which tasks are queued, run, run again and deleted.
  */
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <set>
@@ -32,30 +33,42 @@ extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t *io_pMutex)
 
 namespace
 {
-/* Takes its events and runs what it was given. */
+/* Takes its events, keeps a record of the run and does what it was given. */
 class CTestTask : public CTask
 {
 public:
-    explicit CTestTask(std::function<SInt64(CTestTask &)> i_objRun) : m_objRun(std::move(i_objRun))
-    {
-    }
+    using Body = std::function<SInt64(CTestTask &)>;
+
+    explicit CTestTask(Body i_objBody) : m_objBody(std::move(i_objBody)) {}
     SInt64 Run() override
     {
-        m_u32Taken = GetEvents();
-        SInt64 s64Result = m_objRun(*this);
+        m_u32Seen.push_back(GetEvents());
+        m_pThreads.insert(CThread::GetCurrent());
+        m_s64Times.push_back(GetTimeInMs());
+        SInt64 s64Result = m_objBody(*this);
         m_s32Runs++;
         return s64Result;
     }
+    void WaitForRuns(int i_s32Runs)
+    {
+        EXPECT_TRUE(WaitUntil([&] { return m_s32Runs >= i_s32Runs; }));
+    }
 
-    UInt32 m_u32Taken = 0; /* by the run under way */
+    std::vector<UInt32> m_u32Seen; /* a record for each run: once the pool is gone, or in a run */
+    std::set<CThread *> m_pThreads;
+    std::vector<SInt64> m_s64Times;
     std::atomic<int> m_s32Runs{0};
 
 private:
-    std::function<SInt64(CTestTask &)> m_objRun;
+    Body m_objBody;
 };
 
-/* Keeps the threads of pool 0 from running anything until it is released. Once it is there, the
- * threads are through with every task they ran before. */
+SInt64 DoNothing(CTestTask &)
+{
+    return 0;
+}
+
+/* Keeps the threads of pool 0 from running anything until it is released. */
 class CBlockedPool
 {
 public:
@@ -70,7 +83,6 @@ public:
         }
         EXPECT_TRUE(WaitUntil([&] { return m_pState->s32Inside == i_s32Threads; }));
     }
-    ~CBlockedPool() { Release(); }
     void Release() { m_pState->bReleased = true; }
 
 private:
@@ -81,6 +93,25 @@ private:
     std::shared_ptr<CState> m_pState = std::make_shared<CState>();
 };
 
+/* Tells its end, and whether it was marked as dead by then. */
+struct CMortalTask : CTask {
+    ~CMortalTask() override
+    {
+        s_s32Deleted += GetTaskName()[0] == 'D' && !Valid();
+        Signal(kReadEvent); /* dropped: the destructor of a queued task would abort */
+    }
+    SInt64 Run() override { return (GetEvents() & kKillEvent) != 0 ? -1 : 0; }
+
+    static inline std::atomic<int> s_s32Deleted{0};
+};
+
+void SignalTwoToDie()
+{
+    for (int i = 0; i < 2; i++) {
+        (new CMortalTask)->Signal(CTask::kKillEvent);
+    }
+}
+
 class CTaskTest : public testing::Test
 {
 protected:
@@ -90,94 +121,49 @@ protected:
 
 TEST(TaskName, KeepsThePrefixOfTheLiving)
 {
-    CTestTask objTask([](CTestTask &) { return 0; });
+    CTestTask objTask(DoNothing);
     EXPECT_STREQ(objTask.GetTaskName(), "live_unknown");
     objTask.SetTaskName(nullptr);
     EXPECT_STREQ(objTask.GetTaskName(), "live_unknown");
     objTask.SetTaskName(std::string(60, 'x').c_str());
     EXPECT_EQ(objTask.GetTaskName(), "live_" + std::string(42, 'x'));
-    EXPECT_TRUE(objTask.Valid());
+    EXPECT_TRUE(CTask::Valid(&objTask));
+    EXPECT_FALSE(CTask::Valid(nullptr));
+    CTask::Signal(nullptr, CTask::kStartEvent);
 }
 
-TEST_F(CTaskTest, SignalsBeforeARunMergeIntoOne)
-{
-    CTaskThreadPool::AddThreads(1);
-    CBlockedPool objBlocked(1);
-    std::atomic<UInt32> u32Seen{0};
-    CTestTask objTask([&](CTestTask &i_refTask) {
-        u32Seen = i_refTask.m_u32Taken;
-        EXPECT_EQ(i_refTask.GetEvents(), 0u);
-        return 0;
-    });
-    objTask.Signal(CTask::kStartEvent);
-    objTask.Signal(CTask::kReadEvent);
-    objBlocked.Release();
-    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs > 0; }));
-    CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(objTask.m_s32Runs, 1);
-    EXPECT_EQ(u32Seen, 20u);
-}
-
-TEST_F(CTaskTest, AnEventDuringARunCausesAnother)
+TEST_F(CTaskTest, EventsMergeBeforeARunAndCauseOneMoreDuringIt)
 {
     CTaskThreadPool::AddThreads(2);
-    std::vector<UInt32> u32Seen;
-    std::set<CThread *> pThreads;
-    CTestTask objTask([&](CTestTask &i_refTask) {
-        u32Seen.push_back(i_refTask.m_u32Taken);
-        pThreads.insert(CThread::GetCurrent());
-        if (u32Seen.size() == 1) {
+    CBlockedPool objBlocked(2);
+    CTestTask objTask([](CTestTask &i_refTask) {
+        EXPECT_EQ(i_refTask.GetEvents(), 0u);
+        if (i_refTask.m_s32Runs == 0) {
             std::thread([&] { i_refTask.Signal(CTask::kReadEvent); }).join();
         }
         return 0;
     });
     objTask.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 2; }));
+    objTask.Signal(CTask::kTimeoutEvent);
+    objBlocked.Release();
+    objTask.WaitForRuns(2);
     CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(u32Seen, (std::vector<UInt32>{4, 16}));
-    EXPECT_EQ(pThreads.size(), 1u);
+    EXPECT_EQ(objTask.m_u32Seen, (std::vector<UInt32>{4 | 8, 16}));
+    EXPECT_EQ(objTask.m_pThreads.size(), 1u);
 }
 
 TEST_F(CTaskTest, ADelayedRunKeepsItsTimeAndItsThread)
 {
     CTaskThreadPool::AddThreads(2);
-    std::vector<UInt32> u32Seen;
-    std::vector<SInt64> s64Times;
-    std::set<CThread *> pThreads;
-    CTestTask objTask([&](CTestTask &i_refTask) -> SInt64 {
-        s64Times.push_back(GetTimeInMs());
-        u32Seen.push_back(i_refTask.m_u32Taken);
-        pThreads.insert(CThread::GetCurrent());
-        return u32Seen.size() == 1 ? 250 : 0;
-    });
+    CTestTask objTask([](CTestTask &i_refTask) { return i_refTask.m_s32Runs == 0 ? 250 : 0; });
     objTask.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 1; }));
+    objTask.WaitForRuns(1);
     objTask.Signal(CTask::kReadEvent); /* adds its bit, and no run of its own */
-    EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 2; }));
+    objTask.WaitForRuns(2);
     CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(u32Seen, (std::vector<UInt32>{4, 18}));
-    EXPECT_GE(s64Times[1] - s64Times[0], 250);
-    EXPECT_EQ(pThreads.size(), 1u);
-}
-
-TEST_F(CTaskTest, ANegativeResultDeletesTheTaskAfterMarkingItDead)
-{
-    static std::atomic<bool> s_bDeletedAsDead{false};
-    struct CMortalTask : CTask {
-        ~CMortalTask() override
-        {
-            s_bDeletedAsDead = GetTaskName()[0] == 'D' && !Valid();
-            Signal(kReadEvent); /* dropped: the destructor of a queued task would abort */
-        }
-        SInt64 Run() override { return (GetEvents() & kKillEvent) != 0 ? -1 : 0; }
-    };
-    CTaskThreadPool::AddThreads(2);
-    CTask *pTask = new CMortalTask;
-    pTask->Signal(CTask::kStartEvent);
-    pTask->Signal(CTask::kKillEvent);
-    /* What is ready when the threads are to end is still run. */
-    CTaskThreadPool::RemoveThreads();
-    EXPECT_TRUE(s_bDeletedAsDead);
+    EXPECT_EQ(objTask.m_u32Seen, (std::vector<UInt32>{4, 2 | 16}));
+    EXPECT_GE(objTask.m_s64Times[1] - objTask.m_s64Times[0], 250);
+    EXPECT_EQ(objTask.m_pThreads.size(), 1u);
 }
 
 TEST_F(CTaskTest, FreshTasksGoRoundThePoolFromThreadOneOn)
@@ -185,86 +171,80 @@ TEST_F(CTaskTest, FreshTasksGoRoundThePoolFromThreadOneOn)
     CTaskThreadPool::AddThreads(2);
     EXPECT_EQ(CTaskThreadPool::GetThread(0, 2), nullptr);
     EXPECT_EQ(CTaskThreadPool::GetThread(1, 0), nullptr);
-    for (unsigned i = 0; i < 6; i++) {
-        std::atomic<CThread *> pThread{nullptr};
-        CTestTask objTask([&](CTestTask &) {
-            pThread = CThread::GetCurrent();
-            return 0;
-        });
-        objTask.Signal(CTask::kStartEvent);
-        EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs == 1; }));
-        EXPECT_EQ(pThread, CTaskThreadPool::GetThread(0, (i + 1) % 2));
-        /* Until the task is idle again it must not be destroyed. */
-        CBlockedPool objBothDone(2);
+    CThread *const pThreads[] = {CTaskThreadPool::GetThread(0, 0),
+                                 CTaskThreadPool::GetThread(0, 1)};
+    std::deque<CTestTask> objTasks;
+    for (int i = 0; i < 6; i++) {
+        objTasks.emplace_back(DoNothing).Signal(CTask::kStartEvent);
+    }
+    CTaskThreadPool::RemoveThreads();
+    for (int i = 0; i < 6; i++) {
+        EXPECT_EQ(objTasks[i].m_pThreads, std::set<CThread *>{pThreads[(i + 1) % 2]}) << i;
     }
 }
 
 TEST_F(CTaskTest, PoolsKeepTheirTasksAndBoundTasksTheirThread)
 {
+    CTestTask objTask(DoNothing), objEarly(DoNothing), objLost(DoNothing);
+    objEarly.Signal(CTask::kStartEvent); /* without a thread, which marks it for good */
     CTaskThreadPool::AddThreadPools(2);
     EXPECT_TRUE(CTaskThreadPool::AddThreads(0, 1, 0, 0));
     EXPECT_TRUE(CTaskThreadPool::AddThreads(1, 3, 0, 0));
     EXPECT_FALSE(CTaskThreadPool::AddThreads(2, 1, 0, 0));
-    std::set<CThread *> pThreads;
-    CTestTask objTask([&](CTestTask &) {
-        pThreads.insert(CThread::GetCurrent());
-        return 0;
-    });
-    CTestTask objLost([](CTestTask &) { return 0; });
+    objEarly.Signal(CTask::kReadEvent);
     objLost.SetThreadPool(7);
     objLost.Signal(CTask::kStartEvent);
     objTask.SetThreadPool(1);
-    objTask.SetBoundThread(CTaskThreadPool::GetThread(1, 2));
-    for (int i = 0; i < 20; i++) {
+    CTaskThread *pBound = CTaskThreadPool::GetThread(1, 2);
+    objTask.SetBoundThread(pBound);
+    for (int i = 1; i <= 20; i++) {
         objTask.Signal(CTask::kReadEvent);
-        EXPECT_TRUE(WaitUntil([&] { return objTask.m_s32Runs > i; }));
+        objTask.WaitForRuns(i);
     }
-    EXPECT_EQ(pThreads, std::set<CThread *>{CTaskThreadPool::GetThread(1, 2)});
     CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(objLost.m_s32Runs, 0);
+    EXPECT_EQ(objTask.m_pThreads, std::set<CThread *>{pBound});
+    EXPECT_EQ(objEarly.m_s32Runs + objLost.m_s32Runs, 0);
 }
 
 TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
 {
     CTaskThreadPool::AddThreads(3);
-    std::atomic<bool> bOtherInside{false}, bOtherMayGo{false}, bMet{false};
+    std::atomic<bool> bInside{false}, bMayGo{false};
     CTestTask objOther([&](CTestTask &) {
-        bOtherInside = true;
-        EXPECT_TRUE(WaitUntil([&] { return bOtherMayGo.load(); }));
-        bOtherInside = false;
+        bInside = true;
+        EXPECT_TRUE(WaitUntil([&] { return bMayGo.load(); }));
+        bInside = false;
         return 0;
     });
-    CTestTask objFirst([&](CTestTask &i_refTask) {
-        objOther.Signal(CTask::kStartEvent);
-        CThread::Sleep(20);
-        EXPECT_FALSE(bOtherInside);
-        i_refTask.GlobalUnlock();
-        EXPECT_TRUE(WaitUntil([&] { return bOtherInside.load(); }));
+    CTestTask objAlone([&](CTestTask &i_refTask) {
+        if (i_refTask.m_s32Runs == 0) {
+            objOther.Signal(CTask::kStartEvent);
+            CThread::Sleep(20);
+            EXPECT_FALSE(bInside);
+            i_refTask.GlobalUnlock();
+            EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
+        } else {
+            /* Not before the other has left; the last run, without the lock, beside it. */
+            EXPECT_EQ(bInside, i_refTask.m_s32Runs == 2);
+        }
         return 0;
     });
-    CTestTask objSecond([&](CTestTask &) {
-        bMet = bOtherInside.load();
-        return 0;
-    });
-    objFirst.SetGlobalLock();
-    objFirst.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return objFirst.m_s32Runs == 1; }));
+    objAlone.SetGlobalLock();
+    objAlone.Signal(CTask::kStartEvent);
+    objAlone.WaitForRuns(1);
     CThread::Sleep(5);
-    objSecond.SetGlobalLock();
-    objSecond.Signal(CTask::kStartEvent);
+    objAlone.SetGlobalLock();
+    objAlone.Signal(CTask::kStartEvent);
     CThread::Sleep(20);
-    bOtherMayGo = true;
-    EXPECT_TRUE(WaitUntil([&] { return objSecond.m_s32Runs == 1; }));
-    EXPECT_FALSE(bMet);
+    bMayGo = true;
+    objAlone.WaitForRuns(2);
 
-    /* The request was for one run. */
-    bOtherMayGo = false;
+    bMayGo = false;
     objOther.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return bOtherInside.load(); }));
-    objSecond.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return objSecond.m_s32Runs == 2; }));
-    EXPECT_TRUE(bMet);
-    bOtherMayGo = true;
+    EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
+    objAlone.Signal(CTask::kStartEvent);
+    objAlone.WaitForRuns(3);
+    bMayGo = true;
     CTaskThreadPool::RemoveThreads();
 }
 
@@ -273,17 +253,15 @@ TEST_F(CTaskTest, NoSignalIsLostAndNoTaskRunsTwiceAtOnce)
     constexpr int kTasks = 12, kSenders = 3, kSignals = 3000;
     struct CState {
         std::atomic<int> s32Posted{0}, s32Seen{0}, s32Inside{0};
-    };
-    std::vector<CState> objStates(kTasks);
-    std::vector<std::unique_ptr<CTestTask>> pTasks;
-    for (int i = 0; i < kTasks; i++) {
-        pTasks.push_back(std::make_unique<CTestTask>([&, i](CTestTask &) -> SInt64 {
-            CState &objState = objStates[i];
+    } objStates[kTasks];
+    std::deque<CTestTask> objTasks;
+    for (CState &objState : objStates) {
+        objTasks.emplace_back([&objState](CTestTask &) -> SInt64 {
             EXPECT_EQ(objState.s32Inside.fetch_add(1), 0);
             objState.s32Seen = objState.s32Posted.load();
             objState.s32Inside--;
             return objState.s32Seen % 7 == 0;
-        }));
+        });
     }
     CTaskThreadPool::AddThreads(3);
     std::vector<std::thread> objSenders;
@@ -292,7 +270,7 @@ TEST_F(CTaskTest, NoSignalIsLostAndNoTaskRunsTwiceAtOnce)
             for (int i = 0; i < kSignals; i++) {
                 int s32Task = (i * 5 + s32Sender) % kTasks;
                 objStates[s32Task].s32Posted++;
-                pTasks[s32Task]->Signal(CTask::kReadEvent);
+                objTasks[s32Task].Signal(CTask::kReadEvent);
             }
         });
     }
@@ -310,17 +288,16 @@ TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
     constexpr int kRounds = 10, kTasks = 24;
     std::atomic<bool> bStop{false};
     std::atomic<int> s32Ready{0};
-    std::vector<std::unique_ptr<CTestTask>> pTasks;
+    std::deque<CTestTask> objTasks;
     for (int i = 0; i < kRounds * kTasks; i++) {
         /* A few still wait for their next run when their thread ends. */
-        pTasks.push_back(std::make_unique<CTestTask>(
-            [i](CTestTask &) -> SInt64 { return i % 8 == 0 ? 3600000 : 0; }));
+        objTasks.emplace_back([i](CTestTask &) { return i % 8 == 0 ? 3600000 : 0; });
     }
     std::thread objSender([&] {
         for (unsigned i = 0; !bStop; i++) {
             int s32Ours = s32Ready;
             if (s32Ours > 0) {
-                pTasks[s32Ours - 1 - i % kTasks]->Signal(CTask::kReadEvent);
+                objTasks[s32Ours - 1 - i % kTasks].Signal(CTask::kReadEvent);
                 (void)CTaskThreadPool::GetThread(0, 0);
             }
         }
@@ -328,7 +305,7 @@ TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
     for (int i = 1; i <= kRounds; i++) {
         CTaskThreadPool::AddThreads(2);
         s32Ready = i * kTasks;
-        EXPECT_TRUE(WaitUntil([&] { return pTasks[i * kTasks - 1]->m_s32Runs > 2; }));
+        objTasks[i * kTasks - 1].WaitForRuns(3);
         CTaskThreadPool::RemoveThreads();
     }
     bStop = true;
@@ -338,15 +315,16 @@ TEST_F(CTaskTest, PoolsMayBeRemovedWhileOthersSignal)
 /* Two tasks whose runs take longer than their delays: one is always due. */
 TEST_F(CTaskTest, ThreadsEndAlthoughDelayedRunsKeepComingDue)
 {
-    CTaskThreadPool::AddThreads(1);
-    auto objRun = [](CTestTask &) -> SInt64 {
+    auto objRun = [](CTestTask &) {
         CThread::Sleep(3);
         return 1;
     };
     CTestTask objOne(objRun), objOther(objRun);
+    CTaskThreadPool::AddThreads(1);
     objOne.Signal(CTask::kStartEvent);
     objOther.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return objOne.m_s32Runs > 2 && objOther.m_s32Runs > 2; }));
+    objOne.WaitForRuns(3);
+    objOther.WaitForRuns(3);
     CTaskThreadPool::RemoveThreads();
 }
 
@@ -354,56 +332,31 @@ TEST_F(CTaskTest, ThreadsEndAlthoughDelayedRunsKeepComingDue)
 TEST_F(CTaskTest, WhatBecomesReadyJustBeforeTheStopIsRun)
 {
     for (int i = 0; i < 60; i++) {
-        std::atomic<int> s32Runs{0};
         CTaskThreadPool::AddThreads(2);
         g_bSlowUnlocks = true;
         CThread::Sleep(i % 7);
-        for (int s32Task = 0; s32Task < 2; s32Task++) {
-            (new CTestTask([&](CTestTask &) {
-                s32Runs++;
-                return -1;
-            }))->Signal(CTask::kKillEvent);
-        }
+        SignalTwoToDie();
         CTaskThreadPool::RemoveThreads();
         g_bSlowUnlocks = false;
-        ASSERT_EQ(s32Runs, 2) << i;
+        ASSERT_EQ(CMortalTask::s_s32Deleted.exchange(0), 2) << i;
     }
 }
 
-/* One of the two goes to the thread that has ended meanwhile. */
-TEST_F(CTaskTest, WhatTheLastTaskSignalsIsRunByWhoIsLeft)
+TEST_F(CTaskTest, WhatTheLastTaskSignalsIsRunToo)
 {
-    std::atomic<int> s32Runs{0};
-    std::atomic<bool> bInside{false};
     CTaskThreadPool::AddThreads(2);
+    std::atomic<bool> bInside{false};
     CTestTask objLast([&](CTestTask &) {
         bInside = true;
         EXPECT_TRUE(WaitUntil([] { return CThread::GetCurrent()->IsStopRequested(); }));
         CThread::Sleep(30);
-        for (int s32Task = 0; s32Task < 2; s32Task++) {
-            (new CTestTask([&](CTestTask &) {
-                s32Runs++;
-                return -1;
-            }))->Signal(CTask::kKillEvent);
-        }
+        SignalTwoToDie();
         return 0;
     });
     objLast.Signal(CTask::kStartEvent);
     EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
     CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(s32Runs, 2);
-}
-
-TEST_F(CTaskTest, WithoutThreadsASignalMarksTheTaskForGood)
-{
-    CTestTask objTask([](CTestTask &) { return 0; }), objOther([](CTestTask &) { return 0; });
-    objTask.Signal(CTask::kStartEvent);
-    CTaskThreadPool::AddThreads(1);
-    objTask.Signal(CTask::kReadEvent);
-    objOther.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return objOther.m_s32Runs == 1; }));
-    CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(objTask.m_s32Runs, 0);
+    EXPECT_EQ(CMortalTask::s_s32Deleted.exchange(0), 2);
 }
 
 TEST(TaskThreadPoolDeathTest, PoolsAreMadeOnce)
