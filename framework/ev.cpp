@@ -2,9 +2,7 @@
  * One-shot events over select(2): the armed sets, the results of the last select, the self-pipe
  * that ends a select when the armed sets change, and the descriptors that wait to be closed.
  *
- * Everything below is under g_objMaxFDPosMutex, except the result of select, the number of results
- * handed out and the phase of the scan, which only the event thread touches. Nothing here is ever
- * destroyed: the event thread uses it until the process is gone.
+ * Nothing here is ever destroyed: the event thread uses it until the process is gone.
  */
 #include "framework/ev.h"
 
@@ -26,17 +24,26 @@ constexpr SInt32 kMaxDescriptors = static_cast<SInt32>(sizeof(fd_set) * 8);
 constexpr SInt32 kFreeSlot = -1;
 constexpr SInt32 kSelectTimeoutSecs = 15;
 
+/*
+ * Shared: any thread, under this mutex.
+ */
 CMutex &g_objMaxFDPosMutex = *new CMutex;
-
-fd_set g_stReadSet;
+fd_set g_stReadSet; /* armed */
 fd_set g_stWriteSet;
-fd_set g_stReturnedReadSet;
+fd_set g_stReturnedReadSet; /* found ready by the last select, and not yet handed out or removed */
 fd_set g_stReturnedWriteSet;
-void **g_pCookieArray = nullptr;
-SInt32 *g_pFDsToCloseArray = nullptr;
-int g_aPipes[2] = {-1, -1};
+void **g_pCookieArray = nullptr;      /* by descriptor */
+SInt32 *g_pFDsToCloseArray = nullptr; /* filled from the front */
 SInt32 g_s32MaxFDPos = 0;
 
+/*
+ * Set by select_startevents(), before there is another thread; read by any.
+ */
+int g_aPipes[2] = {-1, -1};
+
+/*
+ * The event thread's alone: where it stands in the results of the last select.
+ */
 SInt32 g_s32CurrentFDPos = 0;
 SInt32 g_s32NumFDsBackFromSelect = 0;
 SInt32 g_s32SelectErrno = 0; /* of a negative result: others may set errno before it is read */
@@ -68,8 +75,8 @@ void WakeEventThread()
     assert(s32Err == 1);
 }
 
-/* Moves the position to the next set bit, up to the highest armed descriptor, and takes it out of
- * the set. False if there is none. */
+/* The event thread's, which holds the mutex. Moves the position to the next set bit, up to the
+ * highest armed descriptor, and takes it out of the set. False if there is none. */
 Bool TakeNextReady(fd_set *io_pSet)
 {
     while (g_s32CurrentFDPos < g_s32MaxFDPos && !FD_ISSET(g_s32CurrentFDPos, io_pSet)) {
@@ -90,7 +97,8 @@ void KeepCommon(fd_set *io_pSet, const fd_set &i_stOther)
     }
 }
 
-/* Drains the pipe and closes what was removed: select has returned, so it holds none of them. */
+/* The event thread's, which holds the mutex. Drains the pipe and closes what was removed: select
+ * has returned, so it holds none of them. */
 void HandleWakeUp()
 {
     char szBuf[4096];

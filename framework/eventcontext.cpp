@@ -29,7 +29,8 @@ UInt32 CEventContext::s_u32UniqueID = 1;
 CEventContext::CEventContext(int i_s32FileDesc, CEventThread *i_pThread)
     : m_s32FileDesc(i_s32FileDesc), m_stEventReq{}, m_u64UniqueID(0),
       m_objUniqueIDStr(reinterpret_cast<char *>(&m_u64UniqueID), sizeof(m_u64UniqueID)),
-      m_pEventThread(i_pThread), m_bWatching(false), m_bAutoCleanup(true), m_pTask(nullptr)
+      m_pEventThread(i_pThread), m_bWatching(false), m_bAutoCleanup(true), m_pTask(nullptr),
+      m_pRegisteredType(nullptr)
 {
 }
 
@@ -72,6 +73,7 @@ void CEventContext::RequestEvent(int i_s32Mask)
         /* After a wrap an old context may still hold the id: then the next one is tried. */
     } while (m_pEventThread->m_objRefTable.Register(&m_objRef) != 0);
 
+    m_pRegisteredType = &typeid(*this);
     m_stEventReq = {};
     m_stEventReq.er_type = EV_TYPE_FD;
     m_stEventReq.er_handle = m_s32FileDesc;
@@ -94,6 +96,7 @@ void CEventContext::Cleanup()
     SInt32 s32Err = 0;
     if (m_s32FileDesc != kInvalidFileDesc) {
         if (m_u64UniqueID != 0) {
+            assert(typeid(*this) == *m_pRegisteredType);
             m_pEventThread->m_objRefTable.UnRegister(&m_objRef, 0);
             select_removeevent(m_s32FileDesc);
         } else {
@@ -116,6 +119,7 @@ void CEventContext::SnarfEventContext(CEventContext &io_objFrom)
     m_s32FileDesc = io_objFrom.m_s32FileDesc;
     io_objFrom.m_s32FileDesc = kInvalidFileDesc;
     m_bWatching = io_objFrom.m_bWatching;
+    m_pRegisteredType = &typeid(*this);
     m_u64UniqueID = io_objFrom.m_u64UniqueID;
     m_stEventReq = io_objFrom.m_stEventReq;
 

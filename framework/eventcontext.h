@@ -11,6 +11,8 @@
  */
 #pragma once
 
+#include <typeinfo>
+
 #include "framework/ev.h"
 #include "framework/plstring.h"
 #include "framework/ref.h"
@@ -28,7 +30,9 @@ public:
     /* i_pThread: where the context registers; may be null as long as nothing is requested. */
     CEventContext(int i_s32FileDesc, CEventThread *i_pThread);
     /* Cleans up, unless the flag says that the owner does. A derived class does so at the start of
-     * its own destructor: the event thread may be in its ProcessEvent until then. */
+     * its own destructor, by CleanupIfWanted(): the event thread may be in its ProcessEvent until
+     * then. One that was watched and forgot is caught by an assertion, whatever the event thread is
+     * doing. */
     virtual ~CEventContext();
     CEventContext(const CEventContext &) = delete;
     CEventContext &operator=(const CEventContext &) = delete;
@@ -44,7 +48,8 @@ public:
     virtual void ProcessEvent(int i_s32EventBits);
 
     /* Closes the descriptor, through the event thread if it was ever watched, and forgets the
-     * registration. The context can then be used again. */
+     * registration. The context can then be used again. Asserts that a watched context is still
+     * what it was when it was registered: not on its way through its base's destructor. */
     void Cleanup();
     /* Takes the descriptor and the registration of another, watched context, which is empty
      * afterwards; what this context held before is cleaned up. Asserts that there is
@@ -68,6 +73,7 @@ protected:
     Bool m_bWatching;
     Bool m_bAutoCleanup;
     CTask *m_pTask;
+    const std::type_info *m_pRegisteredType; /* the whole object's class when it was registered */
 
     static UInt32 s_u32UniqueID; /* the id given last */
 

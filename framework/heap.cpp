@@ -47,7 +47,7 @@ void CHeap::Grow()
     m_u32ArraySize *= 2;
     m_pHeap.reset(new (std::nothrow) CHeapElem *[m_u32ArraySize]);
     if (m_pHeap != nullptr && pOld != nullptr) {
-        std::copy(&pOld[1], &pOld[m_u32FreeIndex], &m_pHeap[1]);
+        std::copy_n(pOld.get() + 1, CurrentHeapSize(), m_pHeap.get() + 1);
     }
 }
 

@@ -30,15 +30,19 @@ void CSocket::Initialize()
 
 void CSocket::StartThread()
 {
+    static Bool s_bStarted = false;
     assert(s_pEventThread != NULL);
-    s_pEventThread->Start();
+    if (!s_bStarted) {
+        s_bStarted = true;
+        s_pEventThread->Start();
+    }
 }
 
 CSocket::CSocket(CTask *i_pTask, unsigned int i_u32Flags)
     : CEventContext(kInvalidFileDesc, s_pEventThread),
       m_u32Flags(i_u32Flags), m_stLocalAddr{}, m_stRemoteAddr{}, m_pLocalAddrStrPtr(nullptr),
       m_pLocalDNSStrPtr(nullptr), m_szPortBuffer{},
-      m_objPortStr(m_szPortBuffer, sizeof(m_szPortBuffer))
+      m_objPortStr(m_szPortBuffer, sizeof(m_szPortBuffer)), m_bOpened(false)
 {
     SetTask(i_pTask);
 }
@@ -46,6 +50,15 @@ CSocket::CSocket(CTask *i_pTask, unsigned int i_u32Flags)
 OS_Error CSocket::Open(int i_s32Type)
 {
     assert(m_s32FileDesc == CEventContext::kInvalidFileDesc);
+    if (m_bOpened) {
+        m_u32Flags &= ~static_cast<UInt32>(kBound | kConnected);
+        m_stLocalAddr = {};
+        m_stRemoteAddr = {};
+        m_pLocalAddrStrPtr = nullptr;
+        m_pLocalDNSStrPtr = nullptr;
+        m_objPortStr.m_u32Len = sizeof(m_szPortBuffer);
+    }
+    m_bOpened = true;
     m_s32FileDesc = socket(AF_INET, i_s32Type | SOCK_CLOEXEC, 0);
     if (kInvalidFileDesc == m_s32FileDesc) {
         return errno;

@@ -28,13 +28,15 @@ public:
      * before the first socket. It also ignores SIGPIPE, unless the program handles it: writing to
      * a peer that is gone is EPIPE. */
     static void Initialize();
+    /* Later calls do nothing: the event interface is for one event thread. */
     static void StartThread();
 
     /* i_pTask: signalled kReadEvent when an event that was requested has come; may be null. */
     CSocket(CTask *i_pTask, unsigned int i_u32Flags);
     ~CSocket() override { CleanupIfWanted(); }
 
-    /* socket(2). 0 or errno; asserts that the socket is not open. */
+    /* socket(2). 0 or errno; asserts that the socket is not open. What the socket knew of a
+     * descriptor that it had before is forgotten. */
     OS_Error Open(int i_s32Type);
     /* Adds flags. With kNonBlocking set, the open descriptor is made non-blocking. */
     void SetSocketType(unsigned int i_u32Flags);
@@ -80,6 +82,7 @@ protected:
     CPLString *m_pLocalDNSStrPtr;
     char m_szPortBuffer[8];
     CPLString m_objPortStr; /* as long as the buffer: not yet formatted */
+    Bool m_bOpened;         /* Open() was called before */
 
     static CEventThread *s_pEventThread; /* never destroyed: its thread never ends */
 };

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include "framework/task.h"
+#include "framework/udpsocket.h"
+#include "framework/unique_fd.h"
 #include "tests/framework/net_support.h"
 
 namespace
@@ -66,7 +68,7 @@ void LetEventsPass()
 {
     CProbe objMarker(Counter(true));
     for (int i = 1; i <= 3; i++) {
-        objMarker.RequestEvent(1);
+        objMarker.RequestEvent(EV_READ);
         ASSERT_TRUE(objMarker.WaitFor(i));
     }
 }
@@ -78,12 +80,13 @@ TEST(EventContextTest, OneEventForOneRequest)
     EXPECT_EQ(objProbe.m_s32Events, 0);
     UInt64 u64UniqueID = 0;
     for (int i = 1; i <= 3; i++) {
-        objProbe.RequestEvent(i < 3 ? 1 : 2);
+        const int s32Bits = i < 3 ? EV_READ : EV_WRITE;
+        objProbe.RequestEvent(s32Bits);
         ASSERT_TRUE(objProbe.WaitFor(i));
-        EXPECT_EQ(objProbe.m_s32Bits, i < 3 ? 1 : 2);
+        EXPECT_EQ(objProbe.m_s32Bits, s32Bits);
         LetEventsPass();
         EXPECT_EQ(objProbe.m_s32Events, i);
-        EXPECT_TRUE(u64UniqueID == 0 || objProbe.m_u64UniqueID == u64UniqueID);
+        EXPECT_TRUE(i == 1 || objProbe.m_u64UniqueID == u64UniqueID);
         u64UniqueID = objProbe.m_u64UniqueID;
     }
 }
@@ -96,21 +99,21 @@ TEST(EventContextTest, TheTaskIsSignalledReadWhateverTheBits)
     } objTask;
     CProbe objProbe(Counter(false));
     objProbe.SetTask(&objTask);
-    objProbe.RequestEvent(2);
+    objProbe.RequestEvent(EV_WRITE);
     LetEventsPass();
     objProbe.Cleanup();
-    EXPECT_EQ(objTask.GetEvents(), 16U);
+    EXPECT_EQ(objTask.GetEvents(), CTask::kReadEvent);
 }
 
 TEST(EventContextTest, CleanupWaitsForTheEventUnderWay)
 {
     auto pProbe = std::make_unique<CProbe>(Counter(true));
-    int s32FileDesc = pProbe->m_s32FileDesc;
-    pProbe->m_bHold = true;
-    pProbe->RequestEvent(1);
-    ASSERT_TRUE(pProbe->WaitFor(1));
-    std::atomic<bool> bGone{false};
     CProbe *pHeld = pProbe.get();
+    const int s32FileDesc = pHeld->m_s32FileDesc;
+    pHeld->m_bHold = true;
+    pHeld->RequestEvent(EV_READ);
+    ASSERT_TRUE(pHeld->WaitFor(1));
+    std::atomic<bool> bGone{false};
     std::thread objOwner([&] {
         pProbe.reset();
         bGone = true;
@@ -123,35 +126,34 @@ TEST(EventContextTest, CleanupWaitsForTheEventUnderWay)
     EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32FileDesc); }));
 }
 
-TEST(EventContextTest, ClosedWhileSelectWaitsAndUsedAgain)
+/* Watched: by the event thread, while select waits. Never watched: at once, unless the owner does
+ * it himself. */
+TEST(EventContextTest, CleanupClosesAndTheContextCanBeUsedAgain)
 {
     CProbe objProbe(Counter(false));
-    int s32FileDesc = objProbe.m_s32FileDesc;
-    objProbe.RequestEvent(1);
+    const int s32Watched = objProbe.m_s32FileDesc;
+    objProbe.RequestEvent(EV_READ);
     LetEventsPass();
     objProbe.Cleanup();
     EXPECT_EQ(objProbe.m_s32FileDesc, -1);
-    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32FileDesc); }));
+    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(s32Watched); }));
     objProbe.Cleanup();
 
+    const int s32Again = Counter(true);
+    objProbe.InitNonBlocking(s32Again);
+    EXPECT_NE(fcntl(s32Again, F_GETFL) & O_NONBLOCK, 0);
+    objProbe.Cleanup();
+    EXPECT_FALSE(IsOpen(s32Again));
     objProbe.InitNonBlocking(Counter(true));
-    EXPECT_NE(fcntl(objProbe.m_s32FileDesc, F_GETFL) & O_NONBLOCK, 0);
-    objProbe.RequestEvent(1);
+    objProbe.RequestEvent(EV_READ);
     EXPECT_TRUE(objProbe.WaitFor(1));
-}
 
-TEST(EventContextTest, WhatWasNeverWatchedIsClosedAtOnceUnlessTheOwnerDoes)
-{
-    int s32Closed = Counter(false);
-    int s32Kept = Counter(false);
+    const UniqueFd objKept(Counter(false));
     {
-        CProbe objCloses(s32Closed);
-        CProbe objKeeps(s32Kept);
+        CProbe objKeeps(objKept.Get());
         objKeeps.m_bAutoCleanup = false;
     }
-    EXPECT_FALSE(IsOpen(s32Closed));
-    EXPECT_TRUE(IsOpen(s32Kept));
-    close(s32Kept);
+    EXPECT_TRUE(IsOpen(objKept.Get()));
 }
 
 TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
@@ -159,7 +161,7 @@ TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
     std::vector<std::unique_ptr<CProbe>> objProbes;
     auto objRegister = [&] {
         objProbes.push_back(std::make_unique<CProbe>(Counter(true)));
-        objProbes.back()->RequestEvent(1);
+        objProbes.back()->RequestEvent(EV_READ);
         EXPECT_TRUE(objProbes.back()->WaitFor(1));
         return objProbes.back()->m_u64UniqueID;
     };
@@ -171,20 +173,25 @@ TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
     EXPECT_EQ(objProbes.front()->m_s32Events, 1);
 }
 
+/* These were watched, and leave the cleaning up to their base. */
+struct CForgetfulContext : CEventContext {
+    CForgetfulContext() : CEventContext(Counter(false), CAccess::EventThread()) {}
+};
+struct CForgetfulSocket : CUDPSocket {
+    CForgetfulSocket() : CUDPSocket(nullptr, 0) { (void)Open(); }
+};
+template <typename Context> void WatchAndForget()
+{
+    StartEvents();
+    Context().RequestEvent(EV_READ);
+}
+
 TEST(EventContextDeathTest, WhatTheOwnerMustNotDo)
 {
-    EXPECT_DEATH(
-        {
-            CProbe objProbe(-1);
-            objProbe.RequestEvent(1);
-        },
-        "`false'");
-    EXPECT_DEATH(
-        {
-            CProbe objProbe(-1);
-            objProbe.InitNonBlocking(-1);
-        },
-        "s32Err == 0");
-    EXPECT_DEATH({ CProbe objProbe(1999); }, "s32Err == 0");
+    EXPECT_DEATH(CProbe(-1).RequestEvent(EV_READ), "`false'");
+    EXPECT_DEATH(CProbe(-1).InitNonBlocking(-1), "s32Err == 0");
+    EXPECT_DEATH(CProbe(1999), "s32Err == 0");
+    EXPECT_DEATH(WatchAndForget<CForgetfulContext>(), "m_pRegisteredType");
+    EXPECT_DEATH(WatchAndForget<CForgetfulSocket>(), "m_pRegisteredType");
 }
 } // namespace

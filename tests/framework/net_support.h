@@ -12,16 +12,12 @@
 #include "framework/socket.h"
 #include "tests/support/wait_until.h"
 
-/* The socket layer with its event thread, once per process. */
+/* The socket layer with its event thread; later calls change nothing. */
 inline void StartEvents()
 {
-    static bool s_bStarted = false;
-    if (!s_bStarted) {
-        s_bStarted = true;
-        select_startevents();
-        CSocket::Initialize();
-        CSocket::StartThread();
-    }
+    select_startevents();
+    CSocket::Initialize();
+    CSocket::StartThread();
 }
 
 /* Up to 2048 descriptors, where the system allows them. */

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -12,8 +14,10 @@
 #include "framework/socketutils.h"
 #include "framework/task.h"
 #include "framework/udpsocket.h"
+#include "framework/unique_fd.h"
 #include "tests/framework/net_support.h"
 #include "tests/support/private_net.h"
+#include "tests/support/temp_dir.h"
 
 namespace
 {
@@ -30,9 +34,21 @@ public:
 class CTestUDPSocket : public CUDPSocket
 {
 public:
-    explicit CTestUDPSocket(UInt32 i_u32Flags = 1) : CUDPSocket(nullptr, i_u32Flags) {}
+    explicit CTestUDPSocket(CTask *i_pTask = nullptr, UInt32 i_u32Flags = kNonBlocking)
+        : CUDPSocket(i_pTask, i_u32Flags)
+    {
+    }
     ~CTestUDPSocket() override { CleanupIfWanted(); }
+    void OpenAndBind(UInt16 i_u16Port = 0)
+    {
+        ASSERT_EQ(Open(), 0);
+        ASSERT_EQ(Bind(kLoopback, i_u16Port), 0);
+    }
     UInt16 Port() const { return ntohs(m_stLocalAddr.sin_port); }
+    std::string PortText()
+    {
+        return std::string(GetLocalPortStr()->m_pPtr, GetLocalPortStr()->m_u32Len);
+    }
     /* Length of the next datagram; minus the result if it is not 0. */
     int Receive(char *o_pBuffer, unsigned int i_u32Size)
     {
@@ -47,12 +63,21 @@ public:
     UInt16 m_u16From;
 };
 
-/* A stream that is gone is a result, for both ways of writing, and not the end of the process. */
+TEST(SocketTest, ThereIsOneEventThread)
+{
+    StartEvents();
+    const auto s64Threads = EntriesIn("/proc/self/task");
+    StartEvents();
+    EXPECT_EQ(EntriesIn("/proc/self/task"), s64Threads);
+}
+
+/* A stream that is gone is a result, and not the end of the process. */
 TEST(SocketTest, AStreamPassesBytesUntilItsPeerIsGone)
 {
     CSocket::Initialize();
     int aPair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, aPair), 0);
+    UniqueFd objPeer(aPair[1]);
     CTestSocket objSocket(0);
     objSocket.Adopt(aPair[0]);
     EXPECT_FALSE(objSocket.IsConnected());
@@ -65,16 +90,16 @@ TEST(SocketTest, AStreamPassesBytesUntilItsPeerIsGone)
     EXPECT_EQ(u32Len, 6U);
     EXPECT_EQ(objSocket.WriteV(aParts, 3, &u32Len), 0);
     EXPECT_EQ(u32Len, 3U);
-    EXPECT_EQ(recv(aPair[1], szBuffer, 9, MSG_WAITALL), 9);
+    EXPECT_EQ(recv(objPeer.Get(), szBuffer, 9, MSG_WAITALL), 9);
     EXPECT_EQ(std::string(szBuffer, 9), "abcdef123");
 
-    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 11);
+    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), EAGAIN);
     EXPECT_TRUE(objSocket.IsConnected());
-    EXPECT_EQ(write(aPair[1], "xyz", 3), 3);
-    close(aPair[1]);
+    EXPECT_EQ(write(objPeer.Get(), "xyz", 3), 3);
+    objPeer.Reset();
     EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 0);
     EXPECT_EQ(u32Len, 3U);
-    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), 107);
+    EXPECT_EQ(objSocket.Read(szBuffer, 8, &u32Len), ENOTCONN);
     for (bool bScatter : {false, true}) {
         EXPECT_FALSE(objSocket.IsConnected());
         objSocket.SetSocketType(CSocket::kConnected);
@@ -84,19 +109,16 @@ TEST(SocketTest, AStreamPassesBytesUntilItsPeerIsGone)
     EXPECT_FALSE(objSocket.IsConnected());
 }
 
-TEST(SocketTest, WhatTheSystemRefusesIsAResult)
+TEST(SocketDeathTest, WhatTheSystemRefusesIsAResultAndMisuseIsFatal)
 {
-    CTestSocket objSocket(0);
-    EXPECT_EQ(objSocket.Open(11), 22);
-    EXPECT_EQ(objSocket.Open(SOCK_RAW), 93);
-    EXPECT_EQ(objSocket.Open(SOCK_STREAM), 0);
-}
+    CTestSocket objStream(0);
+    EXPECT_EQ(objStream.Open(11), EINVAL);
+    EXPECT_EQ(objStream.Open(SOCK_RAW), EPROTONOSUPPORT);
+    EXPECT_EQ(objStream.Open(SOCK_STREAM), 0);
 
-TEST(SocketDeathTest, Misuse)
-{
     CTestUDPSocket objSocket;
-    EXPECT_EQ(objSocket.SetSocketRcvBufSize(4096), 9);
-    EXPECT_EQ(objSocket.SetTtl(1), 9);
+    EXPECT_EQ(objSocket.SetSocketRcvBufSize(4096), EBADF);
+    EXPECT_EQ(objSocket.SetTtl(1), EBADF);
     ASSERT_EQ(objSocket.Open(), 0);
     EXPECT_DEATH(objSocket.Open(), "m_s32FileDesc == CEventContext::kInvalidFileDesc");
     EXPECT_DEATH(objSocket.GetLocalDNSStr(), "m_stLocalAddr.sin_addr.s_addr != INADDR_ANY");
@@ -135,50 +157,51 @@ TEST_F(CSocketNetTest, NoDescriptorIsInherited)
 TEST(UDPSocketTest, DatagramsWithTheirSource)
 {
     CTestUDPSocket objOne;
-    CTestUDPSocket objTwo(CSocket::kNonBlocking | CSocket::kWantsDemuxer);
-    ASSERT_EQ(objOne.Open(), 0);
-    ASSERT_EQ(objTwo.Open(), 0);
-    ASSERT_EQ(objOne.Bind(kLoopback, 0), 0);
-    ASSERT_EQ(objTwo.Bind(kLoopback, 0), 0);
+    CTestUDPSocket objTwo(nullptr, CSocket::kNonBlocking | CSocket::kWantsDemuxer);
+    objOne.OpenAndBind();
+    objTwo.OpenAndBind();
     char szBuffer[8];
-    EXPECT_EQ(objTwo.Receive(szBuffer, 8), -11);
+    EXPECT_EQ(objTwo.Receive(szBuffer, 8), -EAGAIN);
     EXPECT_EQ(objTwo.m_u32From, 0xDEADU);
 
-    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), "hello", 5), 0);
-    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), "", 0), 0);
-    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), "0123456789", 10), 0);
+    for (const char *pText : {"hello", "", "0123456789"}) {
+        EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), pText, strlen(pText)), 0);
+    }
     EXPECT_EQ(objTwo.Receive(szBuffer, 8), 5);
     EXPECT_EQ(std::string(szBuffer, 5), "hello");
     EXPECT_EQ(objTwo.m_u32From, kLoopback);
     EXPECT_EQ(objTwo.m_u16From, objOne.Port());
     EXPECT_EQ(objTwo.Receive(szBuffer, 8), 0);
     EXPECT_EQ(objTwo.Receive(szBuffer, 8), 8);
-    EXPECT_EQ(objTwo.Receive(szBuffer, 8), -11);
+    EXPECT_EQ(objTwo.Receive(szBuffer, 8), -EAGAIN);
     std::string strHuge(65508, 'x');
-    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), strHuge.data(), 65508), 90);
+    EXPECT_EQ(objOne.SendTo(kLoopback, objTwo.Port(), strHuge.data(), 65508), EMSGSIZE);
 }
 
-TEST_F(CUDPSocketNetTest, BindSaysWhichPortAndAFailureLeavesNone)
+TEST_F(CUDPSocketNetTest, BindSaysWhichPortAndAFailureOrANewDescriptorLeavesNone)
 {
-    CTestUDPSocket objOne;
-    CTestUDPSocket objTwo;
-    ASSERT_EQ(objOne.Open(), 0);
+    CTestUDPSocket objOne, objTwo;
+    objOne.OpenAndBind(8366);
+    EXPECT_EQ(objOne.PortText(), "8366");
     ASSERT_EQ(objTwo.Open(), 0);
-    EXPECT_EQ(objOne.Bind(kLoopback, 8366), 0);
-    EXPECT_EQ(objTwo.Bind(kLoopback, 8366), 98);
+    EXPECT_EQ(objTwo.Bind(kLoopback, 8366), EADDRINUSE);
     EXPECT_EQ(objTwo.Port(), 0);
-    EXPECT_EQ(objTwo.Bind(0x08080808, 8366), 99);
-    EXPECT_EQ(objOne.GetLocalPortStr()->m_u32Len, 4U);
-    EXPECT_TRUE(objOne.GetLocalPortStr()->Equal("8366"));
-    EXPECT_EQ(objTwo.Bind(kLoopback, 0), 0);
-    EXPECT_TRUE(objTwo.GetLocalPortStr()->Equal(std::to_string(objTwo.Port()).c_str()));
+    EXPECT_EQ(objTwo.Bind(0x08080808, 8366), EADDRNOTAVAIL);
+
+    objOne.SetSocketType(CSocket::kConnected);
+    objOne.Cleanup();
+    ASSERT_EQ(objOne.Open(), 0);
+    EXPECT_FALSE(objOne.IsConnected());
+    EXPECT_EQ(objOne.Port(), 0);
+    EXPECT_EQ(objOne.Bind(kLoopback, 0), 0);
+    EXPECT_EQ(objOne.PortText(), std::to_string(objOne.Port()));
 }
 
 TEST_F(CUDPSocketNetTest, GroupsAreJoinedAndLeft)
 {
     constexpr UInt32 kGroup = 0xEF010203;
     CTestUDPSocket objSender;
-    ASSERT_EQ(objSender.Open(), 0);
+    EXPECT_EQ(objSender.Open(), 0);
     objSender.SetMulticastInterface(kLoopback);
     objSender.SetMulticastLoop(1);
     EXPECT_EQ(objSender.SetTtl(0x0107), 0);
@@ -210,7 +233,7 @@ TEST_F(CUDPSocketNetTest, GroupsAreJoinedAndLeft)
 class CDrainTask : public CTask
 {
 public:
-    CDrainTask() : m_objSocket(this, CSocket::kNonBlocking) { s_s32Living++; }
+    CDrainTask() : m_objSocket(this) { s_s32Living++; }
     ~CDrainTask() override { s_s32Living--; }
 
     SInt64 Run() override
@@ -220,17 +243,13 @@ public:
             return -1;
         }
         if ((u32Events & kStartEvent) != 0) {
-            EXPECT_EQ(m_objSocket.Open(), 0);
-            EXPECT_EQ(m_objSocket.Bind(kLoopback, 0), 0);
-            m_u16Port = static_cast<UInt16>(atoi(m_objSocket.GetLocalPortStr()->m_pPtr));
+            m_objSocket.OpenAndBind();
+            m_u16Port = m_objSocket.Port();
         }
-        unsigned int u32Addr = 0;
-        unsigned short u16Port = 0;
-        unsigned int u32Len = 0;
         char szBuffer[64];
         /* The flood may be faster. */
         for (int i = 0; i < 100; i++) {
-            s_s32Taken += m_objSocket.RecvFrom(&u32Addr, &u16Port, szBuffer, 64, &u32Len) == 0;
+            s_s32Taken += m_objSocket.Receive(szBuffer, sizeof(szBuffer)) >= 0;
         }
         m_objSocket.RequestEvent(EV_READ);
         return 0;
@@ -241,7 +260,7 @@ public:
     static inline std::atomic<int> s_s32Taken{0};
 
 private:
-    CUDPSocket m_objSocket;
+    CTestUDPSocket m_objSocket;
 };
 
 TEST(SocketTaskTest, TasksAreKilledWhileTheirDatagramsArrive)
