@@ -17,6 +17,7 @@
 
 #include "common/bus/log.h"
 #include "common/bus/router.h"
+#include "framework/unique_fd.h"
 
 namespace
 {
@@ -116,28 +117,28 @@ int CCapture::HandleInitMsg(const MSG_DESC_INFO_S *, void *)
 
 int CCapture::open_uevent_socket()
 {
-    int s32Fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
-    if (s32Fd < 0) {
+    UniqueFd objFd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT));
+    if (!objFd) {
         return -1;
     }
-    setsockopt(s32Fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBufferSize, sizeof(kReceiveBufferSize));
+    setsockopt(objFd.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBufferSize,
+               sizeof(kReceiveBufferSize));
     struct sockaddr_nl stAddr = {};
     stAddr.nl_family = AF_NETLINK;
     stAddr.nl_pid = static_cast<UInt32>(getpid());
     stAddr.nl_groups = 0xFFFFFFFF;
-    if (bind(s32Fd, reinterpret_cast<struct sockaddr *>(&stAddr), sizeof(stAddr)) != 0) {
-        close(s32Fd);
+    if (bind(objFd.Get(), reinterpret_cast<struct sockaddr *>(&stAddr), sizeof(stAddr)) != 0) {
         return -1;
     }
-    fcntl(s32Fd, F_SETFL, fcntl(s32Fd, F_GETFL) | O_NONBLOCK);
-    return s32Fd;
+    fcntl(objFd.Get(), F_SETFL, fcntl(objFd.Get(), F_GETFL) | O_NONBLOCK);
+    return objFd.Release();
 }
 
 void CCapture::uevent_loop(void *)
 {
-    int s32Fd = OpenUntilStop();
-    struct pollfd stPoll = {s32Fd, POLLIN, 0};
-    while (s32Fd >= 0) {
+    UniqueFd objFd(OpenUntilStop());
+    struct pollfd stPoll = {objFd.Get(), POLLIN, 0};
+    while (objFd) {
         int s32Ready = poll(&stPoll, 1, kPollTimeoutMs);
         if (IsStopRequested()) {
             break;
@@ -145,12 +146,12 @@ void CCapture::uevent_loop(void *)
         if (s32Ready < 0) {
             LOG_ERROR("poll errno:%d", errno);
         } else if (s32Ready > 0 && (stPoll.revents & POLLIN) != 0) {
-            ReceiveAll(s32Fd);
+            ReceiveAll(objFd.Get());
         }
     }
-    /* Kept: descriptor 0 stays open. */
-    if (s32Fd >= 1) {
-        close(s32Fd);
+    /* Kept: descriptor 0 stays open, because it may be the process's standard input. */
+    if (objFd.Get() == 0) {
+        (void)objFd.Release();
     }
 }
 

@@ -27,7 +27,7 @@ CEventMonitorTask::CEventMonitorTask(EventCallback i_pCallback, const char *i_pA
     : m_udpRecvSocket(this, kNonBlocking), m_objTimeoutTask(this, 0, kTimeoutEvent),
       m_pTextCallback(nullptr), m_pTextReplyCallback(nullptr), m_pCallback(i_pCallback),
       m_pAddress(i_pAddress), m_u16Port(i_u16Port), m_eSocketState(SOCKET_STATE_INIT),
-      m_udpSendSocket(nullptr, 0), m_u32NotifyAddress(0)
+      m_udpSendSocket(nullptr, 0), m_u32NotifyAddress(0), m_bFailureLogged(false)
 {
     InitSendSocket();
 }
@@ -61,7 +61,9 @@ SInt64 CEventMonitorTask::Run()
 void CEventMonitorTask::OnStart()
 {
     assert(SOCKET_STATE_INIT == m_eSocketState);
-    if (m_udpRecvSocket.Open() != 0) {
+    const OS_Error s32Err = m_udpRecvSocket.Open();
+    if (s32Err != 0) {
+        SetUpFailed("open", s32Err);
         return;
     }
     m_udpRecvSocket.ReuseAddr();
@@ -126,7 +128,9 @@ void CEventMonitorTask::OnTimeout()
         m_objTimeoutTask.SetTimeout(kReportMs);
     }
     if (m_eSocketState == SOCKET_STATE_OPENED) {
-        if (m_udpRecvSocket.Bind(u32Address, m_u16Port) != 0) {
+        const OS_Error s32Err = m_udpRecvSocket.Bind(u32Address, m_u16Port);
+        if (s32Err != 0) {
+            SetUpFailed("bind", s32Err);
             m_objTimeoutTask.SetTimeout(kRetryMs);
             return;
         }
@@ -138,8 +142,7 @@ void CEventMonitorTask::OnTimeout()
     if (bMulticast) {
         SetUpMulticast(u32Address);
     } else {
-        m_eSocketState = SOCKET_STATE_READY;
-        m_udpRecvSocket.RequestEvent(EV_READ);
+        BeReady();
         m_objTimeoutTask.SetTimeout(0);
     }
 }
@@ -152,13 +155,34 @@ void CEventMonitorTask::SetUpMulticast(UInt32 i_u32Address)
     OS_Error s32Err = m_udpRecvSocket.JoinMulticast(i_u32Address);
     if (s32Err != 0) {
         printf("join multicast failed, %d: %s\n", s32Err, strerror(s32Err));
+        SetUpFailed("join", s32Err);
         m_objTimeoutTask.SetTimeout(kRetryMs);
         return;
     }
-    m_eSocketState = SOCKET_STATE_READY;
-    m_udpRecvSocket.RequestEvent(EV_READ);
+    BeReady();
     m_objIGMP.Open(u32Local, i_u32Address);
     m_objTimeoutTask.SetTimeout(kReportMs);
+}
+
+/* Logged once, not with each of the retries, which come every second. */
+void CEventMonitorTask::SetUpFailed(const char *i_pStep, OS_Error i_s32Err)
+{
+    if (!m_bFailureLogged) {
+        LOG_WARN("control channel %s:%u cannot be set up, %s: %s", m_pAddress,
+                 static_cast<unsigned>(m_u16Port), i_pStep, strerror(i_s32Err));
+        m_bFailureLogged = true;
+    }
+}
+
+void CEventMonitorTask::BeReady()
+{
+    m_eSocketState = SOCKET_STATE_READY;
+    m_udpRecvSocket.RequestEvent(EV_READ);
+    if (m_bFailureLogged) {
+        LOG_INFO("control channel %s:%u is set up now", m_pAddress,
+                 static_cast<unsigned>(m_u16Port));
+        m_bFailureLogged = false;
+    }
 }
 
 void CEventMonitorTask::InitSendSocket()

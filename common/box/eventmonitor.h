@@ -32,17 +32,11 @@ public:
      * i_u16Port: UDP port to receive on. The task begins to work with kStartEvent. */
     CEventMonitorTask(EventCallback i_pCallback, const char *i_pAddress, UInt16 i_u16Port);
 
-    /* For tests and the older callers; null (the default) switches a callback off. */
-    void SetTextCallbacks(EventTextCallback i_pText, EventTextReplyCallback i_pTextReply);
-
     /* -1 after kKillEvent, else 0. */
     SInt64 Run() override;
     /* Takes the next steps of the set-up that are possible. */
     void OnTimeout();
     void InitSendSocket();
-    /* Sends one datagram to the local notification port. i_pData null or i_s32Length below 1 is
-     * refused with an ERROR line. */
-    void SendNotifyMsg(const char *i_pData, int i_s32Length);
 
     enum SocketState : UInt32 {
         SOCKET_STATE_INIT = 0,
@@ -53,12 +47,22 @@ public:
     };
     SocketState GetSocketState() const { return m_eSocketState; }
 
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
+
+    /* Callbacks of the older forms; null, the default, switches one off. */
+    void SetTextCallbacks(EventTextCallback i_pText, EventTextReplyCallback i_pTextReply);
+    /* Sends one datagram to the local notification port. i_pData null or i_s32Length below 1 is
+     * refused with an ERROR line. */
+    void SendNotifyMsg(const char *i_pData, int i_s32Length);
+
 private:
     void OnStart();
     void OnRead();
     void HandleDatagram(char *i_pReceived, UInt32 u32RecvLen, UInt32 i_u32Address,
                         UInt16 i_u16Port);
     void SetUpMulticast(UInt32 i_u32Address);
+    void SetUpFailed(const char *i_pStep, OS_Error i_s32Err);
+    void BeReady();
 
     CUDPSocket m_udpRecvSocket;
     CIGMP m_objIGMP;
@@ -71,4 +75,5 @@ private:
     SocketState m_eSocketState;
     CUDPSocket m_udpSendSocket;
     UInt32 m_u32NotifyAddress;
+    bool m_bFailureLogged; /* and the channel has not come up since */
 };

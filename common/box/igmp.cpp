@@ -8,7 +8,6 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "framework/socketutils.h"
 
@@ -42,12 +41,7 @@ constexpr int kHeaderIncludedLevel = 2;
 constexpr int kHeaderIncludedOption = 3;
 } // namespace
 
-CIGMP::CIGMP() : fd(-1), packet{} {}
-
-CIGMP::~CIGMP()
-{
-    Close();
-}
+CIGMP::CIGMP() : packet{} {}
 
 void CIGMP::Open(const char *i_local, const char *i_group)
 {
@@ -60,10 +54,11 @@ void CIGMP::Open(UInt32 i_local, UInt32 i_group)
     if (!CSocketUtils::IsMulticastIPAddr(i_group)) {
         return;
     }
-    fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, kRawProtocol);
-    /* Kept: the level is not that of the IP options. Protocol 255 implies the header anyway. */
+    fd.Reset(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, kRawProtocol));
+    /* Kept: the level is not that of the IP options, so the request does nothing; protocol 255
+     * implies the header anyway (raw(7)). */
     int s32On = 1;
-    (void)setsockopt(fd, kHeaderIncludedLevel, kHeaderIncludedOption, &s32On, sizeof(s32On));
+    (void)setsockopt(fd.Get(), kHeaderIncludedLevel, kHeaderIncludedOption, &s32On, sizeof(s32On));
     memset(packet, 0, sizeof(packet));
     BuildReport(i_local, i_group, static_cast<UInt16>(random()), packet);
 }
@@ -88,7 +83,7 @@ void CIGMP::BuildReport(UInt32 i_local, UInt32 i_group, UInt16 i_u16ID, UInt8 *o
 
 void CIGMP::MemberShip()
 {
-    if (fd < 0) {
+    if (!fd) {
         return;
     }
     IGMP_PACKET_S stPacket;
@@ -96,16 +91,13 @@ void CIGMP::MemberShip()
     struct sockaddr_in stDestination = {};
     stDestination.sin_family = AF_INET;
     stDestination.sin_addr.s_addr = stPacket.u32Destination;
-    (void)sendto(fd, packet, stPacket.u16TotalLen, 0,
+    (void)sendto(fd.Get(), packet, stPacket.u16TotalLen, 0,
                  reinterpret_cast<struct sockaddr *>(&stDestination), sizeof(stDestination));
 }
 
 void CIGMP::Close()
 {
-    if (fd >= 0) {
-        close(fd);
-        fd = -1;
-    }
+    fd.Reset();
 }
 
 UInt16 CIGMP::CheckSum(const void *i_pData, std::size_t i_u64Len)

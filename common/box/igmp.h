@@ -10,14 +10,12 @@
 #include <cstddef>
 
 #include "framework/types.h"
+#include "framework/unique_fd.h"
 
 class CIGMP
 {
 public:
     CIGMP();
-    ~CIGMP();
-    CIGMP(const CIGMP &) = delete;
-    CIGMP &operator=(const CIGMP &) = delete;
 
     /* Prepares the report of i_group from the address i_local: dotted texts, or numbers in host
      * byte order. Closes what was open. */
@@ -34,6 +32,6 @@ public:
     static void BuildReport(UInt32 i_local, UInt32 i_group, UInt16 i_u16ID, UInt8 *o_pPacket);
 
 private:
-    int fd; /* -1 when closed */
+    UniqueFd fd;
     UInt8 packet[64];
 };

@@ -15,6 +15,7 @@
 
 #include "common/bus/log.h"
 #include "common/bus/router.h"
+#include "framework/unique_fd.h"
 
 namespace
 {
@@ -23,23 +24,6 @@ constexpr SInt64 kReportPauseSec = 2;
 constexpr unsigned kWriterPauseMs = 20;
 constexpr std::size_t kEventBufferSize = 4096;
 constexpr std::size_t kPathSize = 128;
-
-/* An inotify descriptor, closed at the end of its own life. */
-class CInotify
-{
-public:
-    CInotify() : m_s32Fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
-    ~CInotify()
-    {
-        if (m_s32Fd >= 0) {
-            close(m_s32Fd);
-        }
-    }
-    CInotify(const CInotify &) = delete;
-    CInotify &operator=(const CInotify &) = delete;
-
-    const int m_s32Fd;
-};
 } // namespace
 
 CMonitor::CMonitor(std::string i_strDir, std::string i_strPicture)
@@ -58,32 +42,31 @@ int CMonitor::HandleInitMsg(const MSG_DESC_INFO_S *, void *)
 SInt32 CMonitor::main_loop()
 {
     LOG_INFO("start loop of monitor");
-    {
-        CInotify objInotify;
-        if (objInotify.m_s32Fd < 0) {
-            return -1;
+    UniqueFd objInotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!objInotify) {
+        return -1;
+    }
+    const int s32Watch = inotify_add_watch(objInotify.Get(), m_strDir.c_str(), IN_MOVED_TO);
+    if (s32Watch < 0) {
+        return -1;
+    }
+    m_s64ReportTime = time(nullptr);
+    m_u32Count = 0;
+    struct pollfd stPoll = {objInotify.Get(), POLLIN, 0};
+    while (true) {
+        const int s32Ready = poll(&stPoll, 1, kPollTimeoutMs);
+        const int s32Errno = errno;
+        if (IsStopRequested()) {
+            break;
         }
-        int s32Watch = inotify_add_watch(objInotify.m_s32Fd, m_strDir.c_str(), IN_MOVED_TO);
-        if (s32Watch < 0) {
-            return -1;
-        }
-        m_s64ReportTime = time(nullptr);
-        m_u32Count = 0;
-        struct pollfd stPoll = {objInotify.m_s32Fd, POLLIN, 0};
-        while (true) {
-            int s32Ready = poll(&stPoll, 1, kPollTimeoutMs);
-            int s32Errno = errno;
-            if (IsStopRequested()) {
-                break;
-            }
-            ReportWhenDue();
-            if (s32Ready < 0) {
-                LOG_ERROR("poll errno:%d", s32Errno);
-            } else if (s32Ready > 0 && (stPoll.revents & POLLIN) != 0) {
-                ReadEvents(objInotify.m_s32Fd, s32Watch);
-            }
+        ReportWhenDue();
+        if (s32Ready < 0) {
+            LOG_ERROR("poll errno:%d", s32Errno);
+        } else if (s32Ready > 0 && (stPoll.revents & POLLIN) != 0) {
+            ReadEvents(objInotify.Get(), s32Watch);
         }
     }
+    objInotify.Reset();
     LOG_INFO("stop loop of monitor");
     return 0;
 }
@@ -98,7 +81,7 @@ void CMonitor::ReportWhenDue()
     }
     /* Takes an empty directory too, which would block every later picture. */
     if (remove(m_strPicture.c_str()) != 0 && errno != ENOENT) {
-        LOG_WARN("remove %s errno:%d", m_strPicture.c_str(), errno);
+        LOG_DEBUG("remove %s errno:%d", m_strPicture.c_str(), errno);
     }
     m_s64ReportTime = s64Now;
     MSG_DESC_INFO_S stMsg =
@@ -139,9 +122,12 @@ void CMonitor::Publish(const char *i_pName)
     if (s32Len >= static_cast<int>(sizeof(szPath))) {
         /* The picture counts all the same, but its cut path names another file or, as a rule,
          * none: then the rename fails and the picture stays where it is. */
-        LOG_WARN("file name too long: %s", i_pName);
+        LOG_DEBUG("file name too long: %s", i_pName);
     }
     Sleep(kWriterPauseMs); /* the writer may still be at work on the file */
     (void)rename(szPath, m_strPicture.c_str());
     m_u32Count++;
+    /* Pictures that keep coming keep the loop from its poll, and a read holds up to two seconds of
+     * them. */
+    ReportWhenDue();
 }

@@ -1,7 +1,7 @@
 /*
  * Preview monitor module: publishes each picture that is moved into the preview directory under
- * one fixed path, and every three seconds removes it there, lest a stale one stays, and reports
- * to the encoder how many were published.
+ * one fixed path, and every three seconds removes it there, so that no stale one stays, and
+ * reports to the encoder how many were published.
  *
  * Its thread handles the init message that it posts to itself and from then on lives in
  * main_loop(), under the module mutex, until it is asked to stop. It shares nothing but the files

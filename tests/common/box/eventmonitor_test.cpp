@@ -206,16 +206,20 @@ TEST_F(EventMonitorTest, TheOlderCallbacksTakeAndAnswerTextsFirst)
 
 TEST_F(EventMonitorTest, ATakenPortIsTriedUntilItIsFree)
 {
+    CLogCapture objLog;
     const int s32Holder = BindLoopback(0, &m_u16Port);
     Create();
     m_pTask->Signal(CTask::kStartEvent);
     ASSERT_TRUE(Reaches(CEventMonitorTask::SOCKET_STATE_OPENED));
-    EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs >= 2; })) << "no retry";
+    EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs >= 3; })) << "no retry";
     EXPECT_EQ(m_pTask->m_eState, CEventMonitorTask::SOCKET_STATE_OPENED);
     close(s32Holder);
     ASSERT_TRUE(Reaches(CEventMonitorTask::SOCKET_STATE_READY));
     Send("now");
     EXPECT_EQ(CallNumber(1), "now");
+    const std::string strChannel = "control channel 127.0.0.1:" + std::to_string(m_u16Port);
+    EXPECT_EQ(objLog.Count("WARN " + strChannel + " cannot be set up, bind: Address already"), 1);
+    EXPECT_EQ(objLog.Count("INFO " + strChannel + " is set up now --["), 1);
 }
 
 TEST_F(EventMonitorTest, ASocketThatCannotBeOpenedIsNotTriedAgain)
@@ -227,10 +231,11 @@ TEST_F(EventMonitorTest, ASocketThatCannotBeOpenedIsNotTriedAgain)
     g_bNoSockets = true;
     m_pTask->Signal(CTask::kStartEvent);
     EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs == 1; }));
+    EXPECT_EQ(objLog.Count("cannot be set up, open: Too many open files --["), 1);
     {
         CWatchedTask objOther("127.0.0.1", m_u16Port);
         EXPECT_TRUE(objLog.Has("ERROR CEventMonitorTask InitSendSocket open err --["));
-        EXPECT_EQ(CUDPSocket(nullptr, 0).Open(), 24);
+        EXPECT_EQ(CUDPSocket(nullptr, 0).Open(), EMFILE);
     }
     g_bNoSockets = false;
     m_pTask->Signal(CTask::kTimeoutEvent);
