@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 
 #include <fcntl.h>
 #include <getopt.h>
@@ -19,14 +18,12 @@
 #include <unistd.h>
 
 #include <log4cpp/Category.hh>
-#include <log4cpp/OstreamAppender.hh>
-#include <log4cpp/PatternLayout.hh>
-#include <log4cpp/PropertyConfigurator.hh>
 
 #include "app/modules.h"
 #include "app/stream_cmd.h"
 #include "common/box/eventmonitor.h"
 #include "common/bus/log.h"
+#include "common/bus/log_config.h"
 #include "common/stream/gstobj.h"
 #include "framework/assertion.h"
 #include "framework/ev.h"
@@ -35,12 +32,14 @@
 #include "framework/task.h"
 #include "framework/thread.h"
 #include "framework/timeouttask.h"
+#include "framework/unique_fd.h"
 #include "framework/watchdog.h"
 
 namespace
 {
 constexpr char kPidFile[] = "/var/run/mv3300.pid";
 constexpr char kLogConf[] = "/config/logconf/mvx3300.conf";
+constexpr char kFallbackLog[] = "/var/run/mv3300.log";
 constexpr char kPreviewDir[] = "/tmp/image";
 constexpr unsigned int kThreadStackSize = 0x80000;
 constexpr unsigned int kTaskThreads = 2;
@@ -82,7 +81,8 @@ int HandleInputParam(int argc, char **argv)
         case 'f':
             break;
         default:
-            /* Kept: the daemon starts all the same, with the options read so far. */
+            /* Kept: the daemon starts all the same, with the options read so far; a box with a
+             * wrong option in its start script has to stream. */
             help(argv[0]);
             return 1;
         }
@@ -125,56 +125,19 @@ void OpenStandardStreams()
     }
 }
 
-/* Until the log configuration is read, and for good where it cannot be used, lines go to the
- * standard error stream, so that a failure this early is seen. Undoes what a configuration that
- * failed half way has set. */
-void LogToStandardError()
+/* Opens and locks the pid file; none when this process is not to start. */
+UniqueFd LockPidFile()
 {
-    log4cpp::Category &objRoot = log4cpp::Category::getRoot();
-    log4cpp::Category &objCategory = log4cpp::Category::getInstance("CATEGORY");
-    objRoot.removeAllAppenders();
-    objCategory.removeAllAppenders();
-    objCategory.setAdditivity(true);
-    objCategory.setPriority(log4cpp::Priority::NOTSET);
-    objRoot.setPriority(log4cpp::Priority::INFO);
-    auto *pLayout = new log4cpp::PatternLayout;
-    pLayout->setConversionPattern("%d %p %m%n");
-    auto *pAppender = new log4cpp::OstreamAppender("stderr", &std::cerr);
-    pAppender->setLayout(pLayout);
-    objRoot.addAppender(pAppender);
-}
-
-void ConfigureLog()
-{
-    try {
-        log4cpp::PropertyConfigurator::configure(kLogConf);
-        /* A log file that cannot be opened is no failure to the configurator. */
-        if (!log4cpp::Appender::reopenAll()) {
-            LogToStandardError();
-            LOG_ERROR("log configuration %s: a log file cannot be opened", kLogConf);
-        }
-    } catch (const log4cpp::ConfigureFailure &objFailure) {
-        LogToStandardError();
-        LOG_ERROR("log configuration %s failed: %s", kLogConf, objFailure.what());
-    }
-}
-
-/* Opens and locks the pid file. Returns the descriptor, which stays open for the life of the
- * process, or -1 when this process is not to start. */
-int LockPidFile()
-{
-    /* Kept: a second instance truncates the first one's file before it finds the lock taken. */
-    int s32Fd = open(kPidFile, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0770);
-    if (s32Fd < 0) {
+    /* Kept: a second instance truncates the first one's file before it finds the lock taken, so an
+     * empty file says that a second start was tried. */
+    UniqueFd objFile(open(kPidFile, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0770));
+    if (!objFile) {
         LOG_ERROR("open pid file failed: %s", strerror(errno));
-        return -1;
-    }
-    if (flock(s32Fd, LOCK_EX | LOCK_NB) != 0) {
+    } else if (flock(objFile.Get(), LOCK_EX | LOCK_NB) != 0) {
         printf("process allready started");
-        close(s32Fd);
-        return -1;
+        objFile.Reset();
     }
-    return s32Fd;
+    return objFile;
 }
 
 void WritePid(int i_s32Fd, const char *i_pPid)
@@ -229,16 +192,20 @@ void StopModules()
 int main(int argc, char **argv)
 {
     OpenStandardStreams();
-    LogToStandardError();
+    /* A service manager reads a pipe, and what is printed there is to be seen at once. */
+    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    LogUntilConfigured();
     HandleInputParam(argc, argv);
+    LogUntilConfigured(); /* the streams may be others now */
 
-    int s32PidFd = LockPidFile();
+    /* Stays open, and locked, until the process has ended. */
+    const int s32PidFd = LockPidFile().Release();
     if (s32PidFd < 0) {
         return 1;
     }
     char szPid[16] = "";
     snprintf(szPid, sizeof(szPid), "%d", getpid());
-    ConfigureLog();
+    ConfigureLog(kLogConf, kFallbackLog);
     WritePid(s32PidFd, szPid);
     signal(SIGINT, HandleSig);
     signal(SIGTERM, HandleSig);

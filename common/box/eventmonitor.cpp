@@ -150,6 +150,7 @@ void CEventMonitorTask::OnTimeout()
 void CEventMonitorTask::SetUpMulticast(UInt32 i_u32Address)
 {
     printf("join multicast now.");
+    fflush(stdout); /* it is no whole line */
     const UInt32 u32Local = GetLocalIP(kInterface);
     m_udpRecvSocket.SetMulticastInterface(u32Local);
     OS_Error s32Err = m_udpRecvSocket.JoinMulticast(i_u32Address);
