@@ -1,0 +1,54 @@
+# shellcheck shell=bash
+# Debian roots of our own, in which packages are built and boxes boot. Sourced after common.sh.
+#
+# They are made from where the machine's own apt takes its Debian packages.
+
+# The machine's Debian sources, one line each.
+debian_sources() {
+    # shellcheck disable=SC2016 # apt's own variables
+    apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+        'Created-By: Packages' 'Component: main' 'Origin: Debian' | sort -u
+}
+
+# make_root DIR [PACKAGE...]: a minimal Debian with those packages in it. Made under another name
+# first, so that DIR is a whole one or none.
+make_root() {
+    local root=$1 uri suite packages
+    shift
+    [[ ! -d $root ]] || return 0
+    need "Debian roots" debootstrap ca-certificates
+    [[ -n $(debian_sources) ]] || as_root apt-get update -q
+    read -r _ uri suite _ < <(debian_sources | grep -v -e -security -e -updates) ||
+        die "apt knows no source of Debian packages"
+    say "making a Debian root in ${root#"$REPO"/}"
+    rm -rf "$root.new"
+    mkdir -p "${root%/*}"
+    packages="$*"
+    debootstrap --variant=minbase ${packages:+--include="${packages// /,}"} "$suite" "$root.new" "$uri" \
+        >"$root.log" 2>&1 || {
+        tail -n 5 "$root.log" >&2
+        die "no Debian root could be made"
+    }
+    debian_sources >"$root.new/etc/apt/sources.list"
+    apt-config dump | grep -iE '^Acquire::(Check-|[a-z]+::Proxy)' >"$root.new/etc/apt/apt.conf.d/90machine" ||
+        true
+    # Archives are kept, so that what was fetched once is there for the next run.
+    rm -f "$root.new/etc/apt/apt.conf.d/docker-clean"
+    printf 'APT::Sandbox::User "root";\nAPT::Keep-Downloaded-Packages "true";\n' \
+        >"$root.new/etc/apt/apt.conf.d/91root"
+    echo force-unsafe-io >"$root.new/etc/dpkg/dpkg.cfg.d/speed"
+    echo debian >"$root.new/etc/hostname"
+    mv "$root.new" "$root"
+}
+
+# in_root DIR COMMAND...: runs it there, in a private mount and process namespace, with the
+# machine's network.
+in_root() {
+    local root=$1
+    shift
+    cp /etc/resolv.conf /etc/hosts "$root/etc/"
+    unshare --mount --pid --ipc --uts --fork --kill-child -- bash -c '
+        mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" && mount -t tmpfs tmpfs "$0/tmp" &&
+        exec chroot "$0" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+            DEBIAN_FRONTEND=noninteractive "$@"' "$root" "$@"
+}
