@@ -172,6 +172,8 @@ std::string Describe(Condition i_eCondition, const FACTS_S &i_stFacts, double i_
     case Condition::Streaming:
         break;
     }
-    return "The stream of " + SizeText(stTiming) + " runs, with " +
-           std::to_string(std::lround(i_f64Pictures)) + " pictures a second.";
+    const std::string strRuns = "The stream of " + SizeText(stTiming) + " runs";
+    return i_f64Pictures < 1 ? strRuns + "."
+                             : strRuns + ", with " + std::to_string(std::lround(i_f64Pictures)) +
+                                   " pictures a second.";
 }

@@ -53,6 +53,7 @@ int ReplaceFile(const std::string &i_strPath, const std::string &i_strText)
     if (!objFd) {
         return errno;
     }
+    (void)fchmod(objFd.Get(), 0644); /* for every reader, whatever the umask */
     const ssize_t s64Written = write(objFd.Get(), i_strText.data(), i_strText.size());
     int s32Error = s64Written < 0 ? errno : 0;
     if (s32Error == 0 && static_cast<std::size_t>(s64Written) != i_strText.size()) {

@@ -188,10 +188,11 @@ void CGuard::Query()
     if (stQuery.eLink == Link::Unknown) {
         return;
     }
-    if (m_stFacts.stTiming != stQuery.stTiming) {
+    const Bool bSame = m_stFacts.stTiming == stQuery.stTiming;
+    if (!bSame) {
         m_objAnnounce.TellAgain();
     }
-    SetTiming(stQuery.stTiming, "query", stQuery.eLink);
+    SetTiming(stQuery.stTiming, bSame ? m_stState.pOrigin : "query", stQuery.eLink);
 }
 
 /* --- the daemon --------------------------------------------------------------------------------
@@ -401,6 +402,13 @@ void CGuard::Tick()
     m_objRelay.Tick(m_s64NowMs, m_stFacts.stTiming ? m_stFacts.stTiming->fps : 0);
     NoteRelay();
     AnnounceWhenDue();
+    if (m_stOptions.bSap) {
+        const std::string strWhat =
+            m_objSap.Tick(m_s64NowMs, m_objRelay.Stream(), IsFlowing(Facts()));
+        if (!strWhat.empty()) {
+            Note("announce", strWhat);
+        }
+    }
     if (m_stOptions.bRestart && !m_objAsk.UnderWay() &&
         m_objRestart.Decide(Facts()) == CRestartPolicy::Step::AskSettings) {
         m_objAsk.Start(m_s64NowMs);

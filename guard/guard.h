@@ -14,6 +14,7 @@
 #include "guard/daemon_view.h"
 #include "guard/policy.h"
 #include "guard/relay.h"
+#include "guard/sap.h"
 #include "guard/settings_ask.h"
 
 struct GUARD_OPTIONS_S {
@@ -69,6 +70,7 @@ private:
     CSettingsAsk m_objAsk;
     CAnnouncePolicy m_objAnnounce;
     CRestartPolicy m_objRestart;
+    CSap m_objSap;
 
     SInt64 m_s64NowMs = 0;
     SInt64 m_s64BeginMs = 0;

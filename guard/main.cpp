@@ -59,6 +59,7 @@ int main(int argc, char **argv)
         ->check(CLI::Range(1, 60));
     objApp.add_flag("--no-restart", bNoRestart, "never start a stream again");
     objApp.add_flag("--no-announce", bNoAnnounce, "never tell a new daemon the timing");
+    objApp.add_flag("--sap", stOptions.bSap, "announce the multicast session by SAP");
     objApp.add_option("--device", stOptions.strDevice, "capture device (/dev/video0)");
     objApp.add_option("--folder", stOptions.strFolder, "folder of the state (/run/mv3300)");
     try {

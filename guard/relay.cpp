@@ -7,9 +7,9 @@
 #include <system_error>
 
 #include <linux/sock_diag.h>
-#include <netinet/in.h>
 
 #include "framework/assertion.h"
+#include "guard/loopback.h"
 
 namespace
 {
@@ -21,15 +21,6 @@ constexpr std::size_t kLongestDatagram = 65536;
 /* A tenth of a second of 40 Mbit/s, as the system counts small packets. */
 constexpr int kReceiveBuffer = 2 * 1024 * 1024;
 constexpr SInt64 kSecondMs = 1000;
-
-sockaddr_in Loopback(UInt16 i_u16Port)
-{
-    sockaddr_in stAddress = {};
-    stAddress.sin_family = AF_INET;
-    stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    stAddress.sin_port = htons(i_u16Port);
-    return stAddress;
-}
 
 UniqueFd MakeSocket()
 {
@@ -81,7 +72,7 @@ CRelay::OUT_S CRelay::MakeOut(UInt16 i_u16Port)
     stOut.objFd = MakeSocket();
     stOut.stFigures.u16Port = i_u16Port;
     /* Connected, so that the system tells when nobody listens. */
-    const sockaddr_in stAddress = Loopback(i_u16Port);
+    const sockaddr_in stAddress = LoopbackAddress(i_u16Port);
     if (connect(stOut.objFd.Get(), reinterpret_cast<const sockaddr *>(&stAddress),
                 sizeof(stAddress)) != 0) {
         throw std::system_error(errno, std::generic_category(), "the relay has no way out");
@@ -91,7 +82,7 @@ CRelay::OUT_S CRelay::MakeOut(UInt16 i_u16Port)
 
 int CRelay::Bind()
 {
-    const sockaddr_in stAddress = Loopback(kCopyPort);
+    const sockaddr_in stAddress = LoopbackAddress(kCopyPort);
     return bind(m_objIn.Get(), reinterpret_cast<const sockaddr *>(&stAddress), sizeof(stAddress)) ==
                    0
                ? 0

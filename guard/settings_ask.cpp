@@ -5,9 +5,9 @@
 
 #include <cerrno>
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "guard/loopback.h"
 #include "tools/control_channel.h"
 
 namespace
@@ -16,15 +16,6 @@ constexpr SInt64 kPortMs = 3500;
 constexpr SInt64 kAnswerMs = 4000; /* the daemon may take 2.9 s */
 constexpr std::size_t kLongestAnswer = 4096;
 constexpr int kMostAnswers = 32; /* looked at in one go: anybody may send some */
-
-sockaddr_in Loopback(UInt16 i_u16Port)
-{
-    sockaddr_in stAddress = {};
-    stAddress.sin_family = AF_INET;
-    stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    stAddress.sin_port = htons(i_u16Port);
-    return stAddress;
-}
 
 SInt32 Number(const CFieldValues &i_objValues, StreamSetting i_eSetting)
 {
@@ -82,7 +73,7 @@ CSettingsAsk::RESULT_S CSettingsAsk::Finish(const std::optional<SETTINGS_S> &i_s
 Bool CSettingsAsk::SendRequest()
 {
     const CONTROL_ENDPOINT_S stEndpoint;
-    const sockaddr_in stTo = Loopback(stEndpoint.u16RequestPort);
+    const sockaddr_in stTo = LoopbackAddress(stEndpoint.u16RequestPort);
     const std::string strRequest = EncodeStreamCommand(ASK_ALL, {});
     return sendto(m_objRequest.Get(), strRequest.data(), strRequest.size(), 0,
                   reinterpret_cast<const sockaddr *>(&stTo), sizeof(stTo)) >= 0;
@@ -94,7 +85,7 @@ std::optional<CSettingsAsk::RESULT_S> CSettingsAsk::Go(SInt64 i_s64NowMs)
         return std::nullopt;
     }
     if (!m_bSent) {
-        const sockaddr_in stOwn = Loopback(CONTROL_ENDPOINT_S{}.u16ReplyPort);
+        const sockaddr_in stOwn = LoopbackAddress(CONTROL_ENDPOINT_S{}.u16ReplyPort);
         const int s32Bound =
             bind(m_objReply.Get(), reinterpret_cast<const sockaddr *>(&stOwn), sizeof(stOwn));
         if (s32Bound != 0 && errno == EADDRINUSE && i_s64NowMs < m_s64UntilMs) {
