@@ -93,6 +93,7 @@ want_build() {
     want "compiler and build tools" "${BUILD_TOOLS[@]}"
     want "libraries of the daemon" "${DAEMON_LIBRARIES[@]}"
     want "libraries of the tools and the bench box" "${TOOL_LIBRARIES[@]}"
+    want "libraries of the panel" libcpp-httplib-dev libssl-dev prometheus-cpp-dev libcrypt-dev libgd-dev
 }
 
 want_box() {
