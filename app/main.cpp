@@ -105,7 +105,8 @@ void HandleSig(int i_s32Sig)
         PrintFromHandler("\033[0;31mprogram will exit now!\033[0;39m");
         break;
     case SIGUSR1:
-        /* Kept for a later version: the handler is not installed for this signal yet. */
+        /* Kept: never reached, since the handler is not installed for this signal; a version that
+         * switches streams by it installs it. */
         PrintFromHandler("\033[0;31mstream will switch now!\033[0;39m");
         break;
     default:

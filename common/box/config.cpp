@@ -19,7 +19,7 @@ namespace
 {
 constexpr unsigned kLockPollMs = 20;
 
-/* For who looks into the log why the file's values are not the ones in use. */
+/* Logs why values of the file are not the ones in use. */
 void LogWhatIsNotUsed(const char *i_pPath, const RQ_XMLParser &i_objParser)
 {
     if (i_objParser.LoadError()[0] != '\0') {

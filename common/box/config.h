@@ -51,13 +51,18 @@ public:
 
     /* o_pResult: null, or a byte that is set to 1 when the configuration changed, to 0 when not. */
     int HandleReadConfigMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    /* The getters write to o_pResult, of 512, 512, 60 and 64 bytes, for a synchronous request and
+    /* The getters write to o_pResult, of 512 (the list) and 60 bytes, for a synchronous request and
      * answer any other by a message. */
     int HandleGetAddrList(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleGetAddrUrl(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     int HandleGetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    int HandleGetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     int HandleSetStreamStatus(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+
+    /* --- Offered: nothing in the daemon sends the messages of what follows. ------------------ */
+
+    /* Getters as above, of 512 and 64 bytes. */
+    int HandleGetAddrUrl(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    int HandleGetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    /* An id of exactly 12 characters. */
     int HandleSetSrcDeviceId(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
 private:

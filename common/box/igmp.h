@@ -17,9 +17,8 @@ class CIGMP
 public:
     CIGMP();
 
-    /* Prepares the report of i_group from the address i_local: dotted texts, or numbers in host
-     * byte order. Closes what was open. */
-    void Open(const char *i_local, const char *i_group);
+    /* Prepares the report of i_group from the address i_local, both in host byte order. Closes what
+     * was open. */
     void Open(UInt32 i_local, UInt32 i_group);
     /* Sends the report once, the same datagram every time. */
     void MemberShip();
@@ -30,6 +29,11 @@ public:
     /* Writes the 28 bytes of a report, IP header included, to o_pPacket. Addresses and
      * identification in host byte order. */
     static void BuildReport(UInt32 i_local, UInt32 i_group, UInt16 i_u16ID, UInt8 *o_pPacket);
+
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
+
+    /* The same of dotted texts. */
+    void Open(const char *i_local, const char *i_group);
 
 private:
     UniqueFd fd;

@@ -126,8 +126,8 @@ extern char g_szMaxConnections[11];
 extern char g_szMaxBandwidth[11];
 extern char g_szStreamMode[32];
 extern char g_szMediaCastType[64];
-extern char g_szTransportType[64]; /* Kept: longer than the 32 that its row admits, as other builds
-                                      of the table have it. */
+/* Kept: twice as long as its row admits, so that code which counts on 64 goes on working. */
+extern char g_szTransportType[64];
 extern char g_szRTSPEnable[11];
 extern char g_szRAWAudioIP[300];
 extern char g_szRAWAudioPort[120];

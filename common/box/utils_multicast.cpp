@@ -1,11 +1,11 @@
 /*
- * Utilities: IPv4 multicast groups derived from hardware addresses, and the parsers that pick
- * ids out of an address list.
+ * Utilities that are offered: multicast groups of ids, and the parsers that pick ids out of an
+ * address list.
  *
- * Kept: two families, different on purpose. 234.24.0.0/13 is for a box's own group, 224. with a
- * group index for the entries of a list.
+ * Kept: two families, because switches are set up for either. 234.24.0.0/13 is for a box's own
+ * group, 224. with a group index for the entries of a list.
  */
-#include "common/box/utils.h"
+#include "common/box/utils_offered.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -29,12 +29,6 @@ UInt8 IdByte(const char *i_pId, std::size_t i_u64Byte)
     return static_cast<UInt8>(strtoul(szPair, nullptr, 16));
 }
 
-/* Second octet of a box's own group. */
-int OwnGroupOctet(UInt8 i_u8Byte3)
-{
-    return 24 + (i_u8Byte3 & 7);
-}
-
 /* Cuts the first entry, and the ";" behind it, off the list. */
 std::string_view TakeEntry(std::string_view *io_pList)
 {
@@ -50,29 +44,13 @@ std::string_view WithoutSuffix(std::string_view i_strEntry)
 }
 } // namespace
 
-SInt32 get_multicast_ip(std::string &o_strIp, const std::string &i_strIfName)
-{
-    UInt8 u8Mac[6];
-    if (getMac(u8Mac, i_strIfName.c_str()) != 0) {
-        LOG_ERROR("get_multicast_ip error");
-        return -1;
-    }
-    char szIp[64];
-    snprintf(szIp, sizeof(szIp), "234.%d.%d.%d", OwnGroupOctet(u8Mac[3]), u8Mac[4], u8Mac[5]);
-    o_strIp += szIp;
-    return 0;
-}
-
 SInt32 get_multicast_ip_by_id(std::string &o_strIp, const char *i_pId)
 {
     if (i_pId == nullptr || strlen(i_pId) != kIdLen) {
         LOG_ERROR("input param err");
         return -1;
     }
-    char szIp[64];
-    snprintf(szIp, sizeof(szIp), "234.%d.%d.%d", OwnGroupOctet(IdByte(i_pId, 3)), IdByte(i_pId, 4),
-             IdByte(i_pId, 5));
-    o_strIp += szIp;
+    o_strIp += OwnGroup(IdByte(i_pId, 3), IdByte(i_pId, 4), IdByte(i_pId, 5));
     return 0;
 }
 

@@ -24,9 +24,12 @@ void LogWrite(log4cpp::Priority::Value i_s32Level, const char *i_pFormat, ...)
 
 #define LOG_ERROR(format, ...) LOG_AT(log4cpp::Priority::ERROR, format, __VA_ARGS__)
 #define LOG_WARN(format, ...) LOG_AT(log4cpp::Priority::WARN, format, __VA_ARGS__)
-#define LOG_NOTICE(format, ...) LOG_AT(log4cpp::Priority::NOTICE, format, __VA_ARGS__)
 #define LOG_INFO(format, ...) LOG_AT(log4cpp::Priority::INFO, format, __VA_ARGS__)
 #define LOG_DEBUG(format, ...) LOG_AT(log4cpp::Priority::DEBUG, format, __VA_ARGS__)
 
 /* Logs at INFO "thread info [name:kernel thread id]" for the calling thread. */
 #define LOG_THREAD_INFO(name) LOG_INFO("thread info [%s:%u]", name, static_cast<unsigned>(gettid()))
+
+/* --- Offered: the daemon uses nothing of what follows. --------------------------------------- */
+
+#define LOG_NOTICE(format, ...) LOG_AT(log4cpp::Priority::NOTICE, format, __VA_ARGS__)

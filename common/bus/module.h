@@ -43,15 +43,19 @@ public:
      * for a number that the module does not know. */
     int HandleSyncAsyncMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
-    /* MSG_INIT, MSG_DEINIT and MSG_REINIT; here they do nothing and return 1. */
+    /* MSG_INIT; here it does nothing and returns 1. */
     virtual int HandleInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    virtual int HandleDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
-    virtual int HandleReinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
     /* As CThread's; the thread's waits for messages, the one that goes on and any later one, end at
      * once. Their deadlines are of the wall clock, so one that is set back would prolong them. */
     void SendStopRequest();
     void StopAndWaitForThread();
+
+    /* --- Offered: nothing in the daemon sends the messages of what follows. ------------------ */
+
+    /* MSG_DEINIT and MSG_REINIT; as HandleInitMsg(). */
+    virtual int HandleDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
+    virtual int HandleReinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
 protected:
     /* The first message of a module that sends itself none. */

@@ -30,27 +30,28 @@ constexpr UInt32 MODULE_TIMER = 5;
 constexpr UInt32 MODULE_CAPTURE = 9;
 constexpr UInt32 MODULE_MONITOR = 12;
 
-/* Message numbers */
+/* Message numbers, of which these are sent: */
 constexpr UInt32 MSG_INIT = 0x000;
-constexpr UInt32 MSG_DEINIT = 0x001;
-constexpr UInt32 MSG_REINIT = 0x002;
 constexpr UInt32 MSG_TIMEOUT = 0x003;
 constexpr UInt32 MSG_START = 0x004;
-constexpr UInt32 MSG_STOP = 0x005;
 constexpr UInt32 MSG_READ_CONFIG = 0x100;
 constexpr UInt32 MSG_GET_ADDR_LIST = 0x101;
-constexpr UInt32 MSG_GET_ADDR_URL = 0x102;
 constexpr UInt32 MSG_GET_STREAM_STATUS = 0x103;
-constexpr UInt32 MSG_GET_SRC_DEVICE_ID = 0x104;
 constexpr UInt32 MSG_SET_STREAM_STATUS = 0x201;
+constexpr UInt32 MSG_ENC_VIDEO_CHG = 0x803;
+constexpr UInt32 MSG_ENC_SET_STREAM_STATUS = 0x809;
+constexpr UInt32 MSG_ENC_JPEG_FILE_STATUS = 0x80A;
+/* --- Offered: nothing in the daemon sends these, their receivers know them. ------------------ */
+constexpr UInt32 MSG_DEINIT = 0x001;
+constexpr UInt32 MSG_REINIT = 0x002;
+constexpr UInt32 MSG_STOP = 0x005;
+constexpr UInt32 MSG_GET_ADDR_URL = 0x102;
+constexpr UInt32 MSG_GET_SRC_DEVICE_ID = 0x104;
 constexpr UInt32 MSG_SET_SRC_DEVICE_ID = 0x202;
 constexpr UInt32 MSG_SET_TIMER = 0x400;
 constexpr UInt32 MSG_CANCEL_TIMER = 0x401;
 constexpr UInt32 MSG_ENC_INIT = 0x800;
 constexpr UInt32 MSG_ENC_DEINIT = 0x801;
-constexpr UInt32 MSG_ENC_VIDEO_CHG = 0x803;
-constexpr UInt32 MSG_ENC_SET_STREAM_STATUS = 0x809;
-constexpr UInt32 MSG_ENC_JPEG_FILE_STATUS = 0x80A;
 
 constexpr std::size_t MSG_PAYLOAD_SIZE = 1024;
 

@@ -58,7 +58,8 @@ int CTimer::HandleTimeout()
         TIMER_INFO_S &stTimer = itTimer->second;
         const SInt64 s64Remaining = stTimer.expiry - s64Now;
         if (s64Remaining > 0) {
-            /* Kept: the last pending timer of the list decides, not the nearest. */
+            /* Kept: the last pending timer of the list decides, not the nearest, so that a wait can
+             * be 10 ms where a nearer one is due; no caller may count on less than the 10 ms. */
             s64Next = s64Remaining;
         } else if (stTimer.expiry > 0) {
             /* Not due again while it is being sent: the requester's handler may come back with a

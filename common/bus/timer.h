@@ -1,4 +1,6 @@
 /*
+ * --- Offered: the module runs, but nothing in the daemon asks it for a timer. ---
+ *
  * Timer module: keeps one-shot and periodic timers for the other modules and sends MSG_TIMEOUT
  * back to a timer's requester when it falls due.
  *

@@ -182,7 +182,7 @@ TEST_F(MonitorTest, AReportIsMadeWhilePicturesKeepComing)
     EXPECT_TRUE(WaitUntil([] { return NextReport() == 150; }));
 }
 
-/* A reader of the published path gets a whole picture or none, whenever it looks. */
+/* A reader of the published path gets a whole picture or none, whenever it reads. */
 TEST_F(MonitorTest, EveryPictureReadIsWhole)
 {
     Start();

@@ -8,7 +8,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "common/box/utils.h"
+#include "common/box/utils_offered.h"
 #include "framework/clock.h"
 #include "tests/support/log_capture.h"
 
