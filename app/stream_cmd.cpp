@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstring>
-#include <memory>
 #include <tuple>
 
 #include <strings.h>
@@ -15,18 +14,13 @@
 #include "common/bus/router.h"
 #include "framework/udpsocket.h"
 #include "tlv/stream_settings.h"
-#include "tlv/tlv_box.h"
+#include "tlv/tlv_box_ptr.h"
 
 namespace
 {
 constexpr int kNotGiven = -1;
 constexpr UInt32 kReplyAddress = 0x7F000001;
 constexpr UInt16 kReplyPort = 8365;
-
-struct BoxDeleter {
-    void operator()(tlv_box *i_pBox) const { tlv_box_destroy(i_pBox); }
-};
-using Box = std::unique_ptr<tlv_box, BoxDeleter>;
 
 /* One number per setting, in the table's order. */
 using CSettingInts = std::array<int, STREAM_SETTING_COUNT>;
@@ -113,14 +107,14 @@ void SendReply(const tlv_box *i_pReply)
 
 int EventCallBack(char *i_pReceived, int i_s32Length, char *, int, int &)
 {
-    Box pBoxes(tlv_box_parse(i_pReceived, i_s32Length));
+    CBoxPtr pBoxes(tlv_box_parse(i_pReceived, i_s32Length));
     LOG_INFO("boxes parse success, %d bytes ", tlv_box_get_size(pBoxes.get()));
     tlv_box *pNested = nullptr;
     if (tlv_box_get_object(pBoxes.get(), STREAM_COMMAND_RECORD, &pNested) != 0) {
         LOG_ERROR("tlv_box_get_object h264 tag1 failed");
         return -1;
     }
-    Box pCommand(pNested);
+    CBoxPtr pCommand(pNested);
     std::apply(HandleH264PrevGetCmd, Asked(pNested));
     std::apply(HandleH264PrevSetCmd, Given(pNested));
     return 0;
@@ -134,7 +128,8 @@ int HandleH264PrevSetCmd(int i_s32H264Enable, int i_s32H264Gop, int i_s32H264Mod
              "refreshrate:%d",
              i_s32H264Enable, i_s32H264Gop, i_s32H264Mode, i_s32H264Bitrate, i_s32PrevEnable,
              i_s32PrevHeight, i_s32PrevRefreshrate);
-    /* Kept: the mode alone is no change, and it is not carried to the encoder. */
+    /* Kept: the mode is read and dropped, and alone it is no change. Clients in the field send it
+     * along with other values, and the encoder has always had it from the parameter file. */
     const bool bH264 =
         i_s32H264Enable != kNotGiven || i_s32H264Gop != kNotGiven || i_s32H264Bitrate != kNotGiven;
     const bool bPreview = i_s32PrevEnable != kNotGiven || i_s32PrevHeight != kNotGiven ||
@@ -189,7 +184,7 @@ int HandleH264PrevGetCmd(int i_s32H264Enable, int i_s32H264Gop, int i_s32H264Mod
         return -1;
     }
     const STREAM_STATUS_S stStatus = FetchStreamStatus();
-    Box pReply(tlv_box_create());
+    CBoxPtr pReply(tlv_box_create());
     auto PutInt = [&](int i_s32Asked, StreamSetting i_eSetting, UInt32 i_u32Value) {
         if (i_s32Asked) {
             tlv_box_put_int(pReply.get(), STREAM_SETTINGS[i_eSetting].u32Ask,
@@ -214,7 +209,7 @@ int HandleH264PrevGetCmd(int i_s32H264Enable, int i_s32H264Gop, int i_s32H264Mod
         LOG_ERROR("box serialize failed");
         return -1;
     }
-    Box pOuter(tlv_box_create());
+    CBoxPtr pOuter(tlv_box_create());
     tlv_box_put_object(pOuter.get(), STREAM_COMMAND_RECORD, pReply.get());
     if (tlv_box_serialize(pOuter.get()) != 0) {
         LOG_ERROR("boxes serialize failed");

@@ -15,10 +15,11 @@ _mv3300ctl()
         --mode) mapfile -t COMPREPLY < <(compgen -W "cbr vbr" -- "$cur"); return ;;
         --bitrate) mapfile -t COMPREPLY < <(compgen -W "500k 1M 2M 4M 8M 10M" -- "$cur"); return ;;
         --height) mapfile -t COMPREPLY < <(compgen -W "270 360 540 720 1080" -- "$cur"); return ;;
+        --file) compopt -o default; return ;;
         --gop | --refreshrate | --timeout | --interval | --for) return ;;
     esac
 
-    local candidates="get set watch --help --version"
+    local candidates="get set watch save --help --version"
     if ((cword > 1)); then
         case ${words[1]} in
             get)
@@ -27,8 +28,9 @@ _mv3300ctl()
                 ;;
             set)
                 candidates="--h264 --gop --mode --bitrate --preview --height --refreshrate"
-                candidates+=" --json --timeout --help"
+                candidates+=" --save --json --timeout --help"
                 ;;
+            save) candidates="--dry-run --file --json --timeout --help" ;;
             watch) candidates="--interval --for --json --timeout --help" ;;
             *) candidates="" ;;
         esac

@@ -55,7 +55,7 @@ ANSWER_S AskDaemon(const CONTROL_ENDPOINT_S &i_stEndpoint, const CFieldAsks &i_o
                    const CFieldValues &i_objSets, std::chrono::milliseconds i_objTimeout);
 
 /* The process that holds the flock(2) on the pid file, as every running daemon does; none if
- * nobody does or it cannot be told. Only looks (proc(5), /proc/locks): trying the lock could make
+ * nobody does or it cannot be told. Reads /proc/locks (proc(5)): trying the lock could make
  * a daemon that starts just then believe that another one runs. */
 std::optional<SInt32> FindDaemon(const std::string &i_strPidFile);
 /* The same out of the text of /proc/locks, for a file by device and inode number. */

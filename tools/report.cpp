@@ -125,3 +125,16 @@ std::string FormatChangesJson(const std::string &i_strTime, const CFieldValues &
     }
     return Line({{"time", i_strTime}, {"changes", objChanges}});
 }
+
+std::string FormatSavedJson(const std::string &i_strFile, bool i_bSaved,
+                            const CFieldValues &i_objFile, const CFieldValues &i_objRunning)
+{
+    CJson objChanges = CJson::object();
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        if (i_objFile[i] && i_objRunning[i] && i_objFile[i] != i_objRunning[i]) {
+            objChanges[STREAM_SETTINGS[i].pName] = {{"file", ToJson(*i_objFile[i])},
+                                                    {"running", ToJson(*i_objRunning[i])}};
+        }
+    }
+    return Line({{"file", i_strFile}, {"saved", i_bSaved}, {"changes", objChanges}});
+}

@@ -27,3 +27,7 @@ std::string FormatChanges(const CFieldValues &i_objBefore, const CFieldValues &i
 /* {"time":"...","changes":{"gop":30}} */
 std::string FormatChangesJson(const std::string &i_strTime, const CFieldValues &i_objBefore,
                               const CFieldValues &i_objNow);
+
+/* {"file":"...","saved":true,"changes":{"gop":{"file":60,"running":30}}} */
+std::string FormatSavedJson(const std::string &i_strFile, bool i_bSaved,
+                            const CFieldValues &i_objFile, const CFieldValues &i_objRunning);

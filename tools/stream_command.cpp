@@ -5,18 +5,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <new>
 
-#include "tlv/tlv_box.h"
+#include "tlv/tlv_box_ptr.h"
 
 namespace
 {
-struct CDestroyBox {
-    void operator()(tlv_box *i_pBox) const { tlv_box_destroy(i_pBox); }
-};
-using CBox = std::unique_ptr<tlv_box, CDestroyBox>;
-
 /* Every type is put once and nothing is large, so only memory can be the reason. */
 void Require(int i_s32Result)
 {
@@ -62,8 +56,8 @@ std::optional<CFieldValue> ReadValue(SettingKind i_eKind, const tlv *i_pRecord)
 
 std::string EncodeStreamCommand(const CFieldAsks &i_objAsks, const CFieldValues &i_objSets)
 {
-    const CBox pNested(tlv_box_create());
-    const CBox pOuter(tlv_box_create());
+    const CBoxPtr pNested(tlv_box_create());
+    const CBoxPtr pOuter(tlv_box_create());
     for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objAsks[i]) {
             Require(tlv_box_put_int(pNested.get(), STREAM_SETTINGS[i].u32Ask, 1));
@@ -83,12 +77,12 @@ std::string EncodeStreamCommand(const CFieldAsks &i_objAsks, const CFieldValues 
 
 std::optional<CFieldValues> DecodeStreamReply(const std::string &i_strBytes)
 {
-    const CBox pOuter(tlv_box_parse(i_strBytes.data(), static_cast<int>(i_strBytes.size())));
+    const CBoxPtr pOuter(tlv_box_parse(i_strBytes.data(), static_cast<int>(i_strBytes.size())));
     tlv_box *pObject = nullptr;
     if (tlv_box_get_object(pOuter.get(), STREAM_COMMAND_RECORD, &pObject) != 0) {
         return std::nullopt;
     }
-    const CBox pNested(pObject);
+    const CBoxPtr pNested(pObject);
     CFieldValues objValues;
     for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         const tlv *pRecord = tlv_box_get_node(pNested.get(), STREAM_SETTINGS[i].u32Ask);

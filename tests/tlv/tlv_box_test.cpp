@@ -3,18 +3,14 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include "tlv/key_list.h"
-#include "tlv/tlv_box.h"
+#include "tlv/tlv_box_ptr.h"
 
 namespace
 {
-struct CDestroyBox {
-    void operator()(tlv_box *i_pBox) const { tlv_box_destroy(i_pBox); }
-};
-using CBox = std::unique_ptr<tlv_box, CDestroyBox>;
+using CBox = CBoxPtr;
 using CBytes = std::vector<unsigned char>;
 
 CBox Building()

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -36,8 +37,10 @@ protected:
         }
         std::ostringstream objOut;
         std::ostringstream objErr;
+        const auto objStart = std::chrono::steady_clock::now();
         const int s32Result =
             RunCtl(static_cast<int>(pWords.size()), pWords.data(), i_stEndpoint, objOut, objErr);
+        EXPECT_LT(std::chrono::steady_clock::now() - objStart, std::chrono::seconds(30));
         m_strOut = objOut.str();
         m_strErr = objErr.str();
         return s32Result;
@@ -111,6 +114,33 @@ TEST_F(CtlTest, SetTellsWhatWasRefusedAndWhy)
               "gop          stays 1  refused: the control channel takes 2 to 120 frames\n");
 }
 
+TEST_F(CtlTest, SaveWritesWhatTheFileDoesNotSay)
+{
+    const std::string strFile = testing::TempDir() + "ctl_test." + std::to_string(getpid());
+    std::ofstream(strFile) << "<CONFIGURATION><CHANNEL_1>"
+                              "<PARAM NAME=\"h264_stream_gop\"> 9 </PARAM>"
+                              "</CHANNEL_1></CONFIGURATION>";
+    const std::string strSave = "save --file " + strFile;
+    EXPECT_EQ(Run(strSave + " --dry-run"), 0);
+    EXPECT_EQ(m_strOut, "gop          9 -> 60\nnot saved, would be in " + strFile + "\n");
+    m_objDaemon.SetValue(4, 0);
+    EXPECT_EQ(Run(strSave + " --json"), 0) << m_strErr;
+    const auto objJson = nlohmann::json::parse(m_strOut);
+    EXPECT_EQ(objJson["saved"], true);
+    EXPECT_EQ(objJson["changes"].dump(), "{\"gop\":{\"file\":9,\"running\":60},"
+                                         "\"preview\":{\"file\":true,\"running\":false}}");
+    EXPECT_EQ(Run(strSave), 0);
+    EXPECT_EQ(m_strOut, "nothing to save: the same is in " + strFile + "\n");
+    std::ifstream objFile(strFile);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(objFile), {}),
+              "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"h264_stream_gop\">60</PARAM>\n        "
+              "<PARAM NAME=\"preview_stream_enable\" TYPE=\"string\">false</PARAM>"
+              "</CHANNEL_1></CONFIGURATION>");
+    EXPECT_EQ(Run("save --file /nonexistent/param.xml"), 5);
+    EXPECT_TRUE(Told("No such file")) << m_strErr;
+    std::remove(strFile.c_str());
+}
+
 TEST_F(CtlTest, SetThatDoesNotShowInTimeIsNotTaken)
 {
     m_objDaemon.m_s32Lag = 1000;
@@ -123,7 +153,7 @@ TEST_F(CtlTest, SetThatDoesNotShowInTimeIsNotTaken)
 TEST_F(CtlTest, UsageErrorsSendNothing)
 {
     for (const char *pLine :
-         {"", "put", "get nothing", "get --json=x=y", "set", "set --gop", "set --gop ten",
+         {"", "frob", "get nothing", "get --json=x=y", "set", "set --gop", "set --gop ten",
           "set --gop -1", "set --gop 5 --gop 6", "set --bitrate 2G", "set --mode abr",
           "set --h264 maybe", "set 30", "get --timeout 0", "get --timeout ''",
           "watch --interval never", "watch --for ''"}) {
@@ -132,6 +162,10 @@ TEST_F(CtlTest, UsageErrorsSendNothing)
         EXPECT_EQ(m_strOut, "") << pLine;
     }
     EXPECT_EQ(m_objDaemon.m_s32Requests, 0);
+    Run("wach --for 1s");
+    EXPECT_TRUE(Told("there is no command 'wach'; did you mean 'watch'?")) << m_strErr;
+    Run("frob");
+    EXPECT_TRUE(Told("there is no command 'frob'; there are get, set")) << m_strErr;
     EXPECT_EQ(Run("--help"), 0);
     EXPECT_NE(m_strOut.find("Exit codes"), std::string::npos);
 
@@ -159,7 +193,7 @@ TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
     EXPECT_EQ(objChanges[1].dump(), "{\"gop\":30}");
 }
 
-TEST_F(CtlTest, WatchEndsInTimeWithALastLookThatCounts)
+TEST_F(CtlTest, WatchEndsInTimeWithALastPollThatCounts)
 {
     m_objDaemon.m_s32Answers = 1;
     EXPECT_EQ(Run("watch --interval 60s --for 300ms --timeout 300ms"), 3);
@@ -170,9 +204,7 @@ TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
 {
     CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
     close(BindLoopback(0, &stEndpoint.u16RequestPort));
-    const auto objStart = std::chrono::steady_clock::now();
     EXPECT_EQ(Run("get --timeout 60s", stEndpoint), 3);
-    EXPECT_LT(std::chrono::steady_clock::now() - objStart, std::chrono::seconds(30));
     EXPECT_TRUE(Told("the daemon is not running")) << m_strErr;
     EXPECT_EQ(Run("watch", stEndpoint), 3);
 }

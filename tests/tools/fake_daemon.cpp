@@ -1,12 +1,10 @@
 #include "tests/tools/fake_daemon.h"
 
-#include <memory>
-
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "tests/support/loopback.h"
-#include "tlv/tlv_box.h"
+#include "tlv/tlv_box_ptr.h"
 
 namespace
 {
@@ -22,10 +20,6 @@ bool IsRefused(const std::array<int, STREAM_SETTING_COUNT> &i_objSets)
     return false;
 }
 
-struct CDestroyBox {
-    void operator()(tlv_box *i_pBox) const { tlv_box_destroy(i_pBox); }
-};
-using CBox = std::unique_ptr<tlv_box, CDestroyBox>;
 } // namespace
 
 CFakeDaemon::CFakeDaemon() : m_s32Fd(BindLoopback(0, &m_stEndpoint.u16RequestPort))
@@ -78,17 +72,17 @@ void CFakeDaemon::Run()
 void CFakeDaemon::Handle(const std::string &i_strRequest)
 {
     const std::lock_guard objLock(m_objMutex);
-    const CBox pOuter(tlv_box_parse(i_strRequest.data(), static_cast<int>(i_strRequest.size())));
+    const CBoxPtr pOuter(tlv_box_parse(i_strRequest.data(), static_cast<int>(i_strRequest.size())));
     tlv_box *pObject = nullptr;
     if (m_s32Requests > m_s32Answers || tlv_box_get_object(pOuter.get(), 4, &pObject) != 0) {
         return;
     }
-    const CBox pCommand(pObject);
+    const CBoxPtr pCommand(pObject);
     for (std::size_t i = 0; m_s32PendingLag-- <= 0 && i < STREAM_SETTING_COUNT; i++) {
         m_s32Values[i] = m_s32Pending[i] != -1 ? m_s32Pending[i] : m_s32Values[i];
         m_s32Pending[i] = -1;
     }
-    const CBox pReply(tlv_box_create());
+    const CBoxPtr pReply(tlv_box_create());
     auto s32Sets = kNone;
     for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         const STREAM_SETTING_S &stSetting = STREAM_SETTINGS[i];
@@ -107,7 +101,7 @@ void CFakeDaemon::Handle(const std::string &i_strRequest)
                                                                     : "false");
         }
     }
-    const CBox pReplyOuter(tlv_box_create());
+    const CBoxPtr pReplyOuter(tlv_box_create());
     tlv_box_serialize(pReply.get());
     tlv_box_put_object(pReplyOuter.get(), 4, pReply.get());
     tlv_box_serialize(pReplyOuter.get());

@@ -1,0 +1,115 @@
+/*
+ * save.
+ */
+#include "tools/cmd_save.h"
+
+#include <memory>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "common/box/param_table.h"
+#include "tools/param_save.h"
+#include "tools/report.h"
+
+namespace
+{
+constexpr std::chrono::milliseconds kAnswerTime(5000);
+
+/* Where each setting stands in the parameter table. */
+constexpr std::array<PARAM_ROW, STREAM_SETTING_COUNT> kRows = {
+    PARAM_H264_ENABLE, PARAM_H264_GOP,    PARAM_H264_MODE,       PARAM_H264_BITRATE,
+    PARAM_PREV_ENABLE, PARAM_PREV_HEIGHT, PARAM_PREV_REFRESHRATE};
+
+/* What the daemon takes the file's row for. */
+CFieldValue FromRow(std::size_t i_u64Field, const char *i_pText)
+{
+    const PARAM_VALUE_S stValue = EvaluateParam(g_aParams[kRows[i_u64Field]], i_pText);
+    switch (STREAM_SETTINGS[i_u64Field].eKind) {
+    case SettingKind::Flag:
+        return stValue.s32Number == 1;
+    case SettingKind::Number:
+        return stValue.s32Number;
+    default:
+        return stValue.strText;
+    }
+}
+
+std::string ToText(const CFieldValue &i_xValue)
+{
+    if (const auto *pFlag = std::get_if<Bool>(&i_xValue)) {
+        return *pFlag ? "true" : "false";
+    }
+    const auto *pNumber = std::get_if<SInt32>(&i_xValue);
+    return pNumber != nullptr ? std::to_string(*pNumber) : std::get<std::string>(i_xValue);
+}
+
+/* A file that is missing or damaged says the defaults. */
+CFieldValues ReadFile(const std::string &i_strFile)
+{
+    RQ_XMLParser objParser(i_strFile.c_str());
+    (void)objParser.Load();
+    const PARAM_ELEMENTS pElements = FindParams(objParser);
+    CFieldValues objValues;
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        const auto *pElement = pElements[kRows[i]];
+        objValues[i] = FromRow(i, pElement != nullptr ? pElement->GetText() : nullptr);
+    }
+    return objValues;
+}
+} // namespace
+
+int SaveSettings(const CTL_CONTEXT_S &i_stContext, const CFieldValues &i_objRunning,
+                 const SAVE_OPTIONS_S &i_stOptions)
+{
+    const CFieldValues objFile = ReadFile(i_stOptions.strFile);
+    std::vector<PARAM_CHANGE_S> objChanges;
+    for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
+        if (i_objRunning[i] && i_objRunning[i] != objFile[i]) {
+            const PARAM_S &stRow = g_aParams[kRows[i]];
+            objChanges.push_back({stRow.section, stRow.name, ToText(*i_objRunning[i])});
+            if (FromRow(i, objChanges.back().strValue.c_str()) != *i_objRunning[i]) {
+                return i_stContext.Fail(CTL_NOT_TAKEN, std::string("nothing was saved: the file "
+                                                                   "cannot say the running ") +
+                                                           STREAM_SETTINGS[i].pName);
+            }
+        }
+    }
+    if (!i_stOptions.bJson) {
+        i_stContext.objOut << FormatChanges(objFile, i_objRunning) << std::flush;
+    }
+    const bool bSave = !objChanges.empty() && !i_stOptions.bDryRun;
+    std::string strError;
+    const SaveResult eResult =
+        bSave ? SaveParams(i_stOptions.strFile, objChanges, strError) : SaveResult::Saved;
+    if (eResult != SaveResult::Saved) {
+        return i_stContext.Fail(
+            eResult == SaveResult::SystemError ? CTL_SYSTEM_ERROR : CTL_NOT_TAKEN, strError);
+    }
+    if (i_stOptions.bJson) {
+        i_stContext.objOut << FormatSavedJson(i_stOptions.strFile, bSave, objFile, i_objRunning);
+    } else {
+        i_stContext.objOut << (objChanges.empty() ? "nothing to save: the same is in "
+                               : bSave            ? "saved in "
+                                                  : "not saved, would be in ")
+                           << i_stOptions.strFile << "\n";
+    }
+    return CTL_OK;
+}
+
+CRunCommand DescribeSave(CLI::App &io_objApp, const CTL_CONTEXT_S &i_stContext)
+{
+    const auto pOptions = std::make_shared<SAVE_OPTIONS_S>();
+    const auto pTimeout = std::make_shared<std::string>();
+    io_objApp.add_flag("--dry-run", pOptions->bDryRun, "Show the difference and write nothing");
+    io_objApp.add_option("--file", pOptions->strFile, "Another file than " + pOptions->strFile)
+        ->type_name("FILE");
+    AddJsonOption(io_objApp, pOptions->bJson);
+    AddTimeOption(io_objApp, "--timeout", *pTimeout, "How long to wait for an answer (default 5s)");
+    return [&i_stContext, pOptions, pTimeout] {
+        int s32Code = CTL_OK;
+        const auto objRunning =
+            AskOrFail(i_stContext, ParseDuration(*pTimeout).value_or(kAnswerTime), s32Code);
+        return objRunning ? SaveSettings(i_stContext, *objRunning, *pOptions) : s32Code;
+    };
+}
