@@ -195,6 +195,16 @@ void CGuard::Query()
     SetTiming(stQuery.stTiming, bSame ? m_stState.pOrigin : "query", stQuery.eLink);
 }
 
+/* A stream that is down may be down because the input changed and the driver did not say so. */
+void CGuard::BelieveDevice()
+{
+    const QUERY_S stQuery = QueryCapture(m_stOptions.strDevice);
+    if (stQuery.eLink != Link::Unknown && m_stFacts.stTiming != stQuery.stTiming) {
+        SetTiming(stQuery.stTiming, "query", stQuery.eLink);
+        m_objAnnounce.TellAgain();
+    }
+}
+
 /* --- the daemon --------------------------------------------------------------------------------
  */
 
@@ -273,13 +283,15 @@ void CGuard::GoOnAsking()
         m_stFacts.stSettings->f64Time = WallTime();
         m_stFacts.s64SettingsMs = m_s64NowMs;
     }
+    BelieveDevice();
     if (m_objRestart.Answered(Facts(), stResult->stSettings.has_value())) {
         Restart();
     } else {
         Note("restart", !stResult->bAsked       ? "put off: the answer port was never free"
                         : !stResult->stSettings ? "put off: the daemon does not answer"
-                        : IsDisabled(m_stFacts) ? "none: the settings want no local stream"
-                                                : "none: the stream is back");
+                        : IsDisabled(Facts())
+                            ? "none: the settings want no local stream"
+                            : "none: the stream is back, or the input is another one");
     }
 }
 

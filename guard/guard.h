@@ -50,6 +50,7 @@ private:
     void BindRelay();
     void HearUevents();
     void Query();
+    void BelieveDevice();
     void SetTiming(const TIMING_S &i_stTiming, const char *i_pOrigin, Link i_eLink);
     void AnnounceWhenDue();
     /* True if it was told; else an event says why, once. */
