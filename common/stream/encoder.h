@@ -40,8 +40,8 @@ public:
     /* Payload: JPEG_FILE_STATUS_S. */
     int HandleJpegFileStatusMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
 
-    /* Offered, but sent by nobody in the daemon:
-     * Starts the stream to the address list without a timing. */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
+    /* Starts the stream to the address list without a timing. */
     int HandleEncInitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);
     /* Stops the H.264 pipeline; the result is the worker's. */
     int HandleEncDeinitMsg(const MSG_DESC_INFO_S *i_pMsg, void *o_pResult);

@@ -298,7 +298,8 @@ ENC_PLAN CEncoderRules::OnPreviewReport(const JPEG_FILE_STATUS_S &i_stCurrent,
         m_stJpegFileStatus = i_stCurrent;
     }
     ENC_PLAN objPlan;
-    /* Kept: a preview that any number but 1 has switched on is not watched. */
+    /* Kept: a preview that a number other than 1 has switched on comes but is not restarted; front
+     * ends that want it watched send 1. */
     if (bUnarmed || stLast.count < i_stCurrent.count || m_stStatus.u32PrevEnable != 1 ||
         i_stCurrent.time - stLast.time <= kPreviewStallSecs || i_s32H264Started != 1) {
         return objPlan;

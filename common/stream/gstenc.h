@@ -33,7 +33,6 @@ enum class ENC_START : UInt8 {
 class CGstEnc : public CModule
 {
 public:
-    CGstEnc();
     /* i_strName: names the worker, its thread (15 characters are kept) and its runner. */
     explicit CGstEnc(const std::string &i_strName, UInt32 i_u32Module = MODULE_GST_H264);
     /* Stops the pipeline and joins the thread; started or not, joined or not. */
@@ -57,10 +56,14 @@ public:
      * there was no loop. Both arguments may be null. */
     int HandleStopMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
 
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
+    CGstEnc(); /* named "gst-enc" */
+    /* The handlers of MSG_INIT, MSG_DEINIT and MSG_REINIT. */
     int HandleInitMsgEnc(const MSG_DESC_INFO_S *, void *) { return 1; }
     int HandleDeinitMsgEnc(const MSG_DESC_INFO_S *, void *) { return 1; }
     int HandleReinitMsgEnc(const MSG_DESC_INFO_S *, void *) { return 1; }
-    /* Runs the description in the payload and returns when the run is over: 0. */
+    /* Runs the description in the payload in the calling thread, as the worker does with one that
+     * was queued, and returns when the run is over: 0. */
     int HandleStartMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *i_pArg);
 
 private:

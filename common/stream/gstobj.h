@@ -36,7 +36,6 @@ struct GST_OBJ_ST {
 class CGstObj
 {
 public:
-    CGstObj();
     /* i_strName: names the runner in its log lines. */
     explicit CGstObj(const std::string &i_strName);
     CGstObj(const CGstObj &) = delete;
@@ -65,6 +64,9 @@ public:
     /* Takes back the announcement of this number if no run has used it up; does not touch a run or
      * an announcement of another number. */
     void CancelStart(UInt64 i_u64Number);
+
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
+    CGstObj(); /* named "gst-obj" */
 
 private:
     static gboolean on_source_message(GstBus *i_pBus, GstMessage *i_pMsg, gpointer i_pObj);

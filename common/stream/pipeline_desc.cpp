@@ -10,8 +10,9 @@ namespace
 constexpr std::size_t kCmdSize = 1024;
 constexpr std::size_t kClientsSize = 768;
 
-/* Kept: the stream's local copy goes to one port and the preview listens on another; a relay on
- * the box carries the packets across. */
+/* Kept: the stream's local copy goes to one port and the preview listens on another, so that no
+ * preview comes by itself; a relay on the box, which knows both ports, carries the packets across.
+ */
 constexpr char kLocalHop[] = "127.0.0.1:12350";
 constexpr char kPreviewSource[] = "127.0.0.1:12345";
 } // namespace

@@ -29,5 +29,6 @@ std::string BuildH264Cmd(const INPUT_TIMING_S &i_stTiming, const STREAM_STATUS_S
 /* Receive the local hop, decode, scale and write JPEG files; at most 1023 characters. */
 std::string BuildJpegCmd(const INPUT_TIMING_S &i_stTiming, const STREAM_STATUS_S &i_stStatus);
 
+/* --- Offered: nothing in the daemon asks for what follows. ------------------------------------ */
 /* Capture and send to the address list without a timing; at most 1023 characters. */
 std::string BuildPlainCmd(const std::string &i_strAddrList);
