@@ -2,15 +2,14 @@
 
 #include <climits>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include <signal.h>
-#include <unistd.h>
 
 #include "common/box/utils_offered.h"
 #include "framework/clock.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 
 namespace
 {
@@ -20,15 +19,10 @@ TEST(UtilsInterfaceTest, LoopbackIsFoundAndAnAbsentInterfaceIsAnswered)
 {
     CLogCapture objLog;
     char szIp[16];
-    ASSERT_TRUE(GetLocalIPStr("lo", szIp));
-    EXPECT_STREQ(szIp, "127.0.0.1");
     EXPECT_EQ(GetLocalIP("lo"), 0x7F000001U);
     ASSERT_TRUE(GetLocalIPStr(kAbsent, szIp));
     EXPECT_STREQ(szIp, "0.0.0.0");
-    testing::internal::CaptureStdout();
     EXPECT_EQ(GetLocalBcastIP(kAbsent), 0xFFFFFFFFU);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Get Local Bcast IP failed\n");
-    memset(szIp, 'x', sizeof(szIp));
     ASSERT_TRUE(GetLocalBcastIPStr("lo", szIp)); /* 0.0.0.0: shorter than what stood there before */
     EXPECT_EQ(memcmp(szIp, "0.0.0.0\0\0\0\0\0\0\0\0", 16), 0);
 
@@ -36,15 +30,13 @@ TEST(UtilsInterfaceTest, LoopbackIsFoundAndAnAbsentInterfaceIsAnswered)
     EXPECT_EQ(getMac(u8Mac, "lo"), 0);
     EXPECT_EQ(memcmp(u8Mac, "\0\0\0\0\0\0\t", 7), 0);
     EXPECT_EQ(getMac(nullptr, "lo"), -1);
-    EXPECT_EQ(getMac(u8Mac, nullptr), -1);
-    EXPECT_EQ(objLog.Lines().size(), 0U);
     EXPECT_EQ(getMac(u8Mac, std::string(5000, 'l').c_str()), -1);
     std::string strIp = "x";
     EXPECT_EQ(get_multicast_ip(strIp, "lo"), 0);
     EXPECT_EQ(get_multicast_ip(strIp, kAbsent), -1);
     EXPECT_EQ(strIp, "x234.24.0.0");
     EXPECT_EQ(objLog.Count("ERROR getMac ioctl error --["), 2);
-    EXPECT_TRUE(objLog.Has("ERROR get_multicast_ip error --["));
+    EXPECT_EQ(objLog.Count("ERROR get_multicast_ip error --["), 1);
 }
 
 TEST(UtilsMulticastTest, GroupsFromIds)
@@ -66,10 +58,8 @@ TEST(UtilsMulticastTest, GroupsFromIds)
         EXPECT_STREQ(MakeMulticastIP(stRow.pId, stRow.u8Index, szIp), stRow.pIndexed);
     }
     std::string strIp;
-    EXPECT_EQ(get_multicast_ip_by_id(strIp, "0a1b2c3d4e5"), -1);
-    EXPECT_EQ(get_multicast_ip_by_id(strIp, "0a1b2c3d4e5f0"), -1);
-    EXPECT_EQ(strIp, "");
     char szIp[16];
+    EXPECT_EQ(get_multicast_ip_by_id(strIp, "0a1b2c3d4e5f0"), -1);
     EXPECT_DEATH(MakeMulticastIP("0a1b2c3d4e5", 1, szIp), "Assertion");
 }
 
@@ -87,8 +77,6 @@ TEST(UtilsMulticastTest, AddressLists)
         {"abc:0a1b2c3d4e5f", 4, 0, ""},
         {";;0a1b2c3d4e5;name-0a1b2c3d4e5f", 4, 0, "0a1b2c3d4e5f=224.29.78.95 "},
         {"a:b:0a1b2c3d4e5f:x:0a1b2c3d4e60:", 4, 0, "0a1b2c3d4e60=224.29.78.96 "},
-        {kTwo, 0, 0, ""},
-        {nullptr, 4, 0, ""},
     };
     for (const auto &stRow : stRows) {
         char szAddrs[4][32];
@@ -106,39 +94,34 @@ TEST(UtilsMulticastTest, AddressLists)
 TEST(UtilsTextTest, OnlyRunsOfExactlyTwelveDigitsAreIds)
 {
     EXPECT_EQ(get_num_mac("0a1b2c3d4e5f;0a1b2c3d4e5"), 1);
-    EXPECT_EQ(get_num_mac("0a1b2c3d4e5f0"), 0);
     EXPECT_EQ(get_num_mac("\xff\x80g0A1B2C3D4E5Fg 0a1b2c3d4e6100 aabbccddeeff"), 2);
-    char szRows[2][32] = {"", "############"};
-    EXPECT_EQ(get_mac_addr("0a1b2c3d4e5f;0a1b2c3d4e60", 1, szRows), 1);
-    EXPECT_STREQ(szRows[1], "############");
+    char szRows[2][32];
     memset(szRows, '#', sizeof(szRows));
+    EXPECT_EQ(get_mac_addr("x0a1b2c3d4e5f;0a1b2c3d4e60", 1, szRows), 1);
+    EXPECT_EQ(szRows[1][0], '#');
     EXPECT_EQ(get_mac_addr("x0a1b2c3d4e5f;0a1b2c3d4e60", 3, szRows), 2);
     EXPECT_EQ(std::string(szRows[1], 13), "0a1b2c3d4e60#");
-    EXPECT_EQ(get_num_mac(nullptr), -1);
-    EXPECT_EQ(get_mac_addr(nullptr, 3, szRows), -1);
-    EXPECT_EQ(get_mac_addr("0a1b2c3d4e5f", 0, szRows), 0);
 }
 
 TEST(UtilsFileTest, TextsAreBoundToTheBuffer)
 {
-    const std::string strPath = testing::TempDir() + "version." + std::to_string(getpid());
-    auto Version = [&](const char *i_pContents, int i_s32Len) {
-        std::ofstream(strPath) << i_pContents;
+    const CTempDir objDir;
+    const std::string strPath = objDir.Path("version");
+    auto Version = [&](int i_s32Len) {
         char szVersion[16] = "before";
         EXPECT_EQ(GetLocalDevVersion(szVersion, i_s32Len, strPath.c_str()), 1);
-        unlink(strPath.c_str());
         return std::string(szVersion);
     };
-    EXPECT_EQ(Version("1.2.3\nsecond\n", 16), "1.2.3");
-    EXPECT_EQ(Version("1.2.3", 4), "1.2");
-    EXPECT_EQ(Version("", 16), "");
-    char szText[12] = "before";
-    EXPECT_EQ(GetLocalDevVersion(szText, 12, strPath.c_str()), 1);
-    EXPECT_STREQ(szText, "before");
-    EXPECT_EQ(GetLocalDevVersion(szText, 0), 0);
+    EXPECT_EQ(Version(16), "before") << "no file";
+    WriteFile(strPath, "1.2.3\nsecond\n");
+    EXPECT_EQ(Version(16), "1.2.3");
+    EXPECT_EQ(Version(4), "1.2");
+    WriteFile(strPath, "");
+    EXPECT_EQ(Version(16), "");
 
-    EXPECT_EQ(GetRecordDir(szText, 12), 1);
-    EXPECT_EQ(memcmp(szText, "/mnt/REC/\0\0", 12), 0);
+    char szText[5] = "####";
+    EXPECT_EQ(GetRecordDir(szText, 5), 1);
+    EXPECT_STREQ(szText, "/mnt");
     EXPECT_EQ(GetRecordDir(szText, 1), 0);
 }
 
@@ -158,10 +141,9 @@ TEST(UtilsDelayTest, NeverShorterThanAskedAndAtOnceOutOfRange)
 TEST(UtilsShellTest, StatusIsTheRawWaitStatus)
 {
     EXPECT_EQ(system_vfork("exit 3"), 768);
-    EXPECT_EQ(system_vfork("kill -9 $$"), 9);
     /* The daemon's sockets ignore it; the shell has it as it was. */
     signal(SIGPIPE, SIG_IGN);
-    EXPECT_EQ(system_vfork("kill -13 $$"), 13);
+    EXPECT_EQ(system_vfork("kill -PIPE $$"), SIGPIPE);
     EXPECT_EQ(system_vfork(nullptr), 1);
 }
 } // namespace
