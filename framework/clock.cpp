@@ -17,6 +17,14 @@ SInt64 GetTimeInMs()
     return static_cast<SInt64>(stNow.tv_sec) * 1000 + stNow.tv_nsec / 1000000;
 }
 
+SInt64 GetDeadlineInMs(SInt64 i_s64Milliseconds)
+{
+    SInt64 s64Now = GetTimeInMs();
+    constexpr SInt64 kMax = std::numeric_limits<SInt64>::max();
+    return i_s64Milliseconds > 0 && s64Now > kMax - i_s64Milliseconds ? kMax
+                                                                      : s64Now + i_s64Milliseconds;
+}
+
 SInt64 GetTimeInMcros()
 {
     struct timespec stNow;
@@ -24,14 +32,6 @@ SInt64 GetTimeInMcros()
         return -1;
     }
     return static_cast<SInt64>(stNow.tv_sec) * 1000000 + stNow.tv_nsec / 1000;
-}
-
-SInt64 GetDeadlineInMs(SInt64 i_s64Milliseconds)
-{
-    SInt64 s64Now = GetTimeInMs();
-    constexpr SInt64 kMax = std::numeric_limits<SInt64>::max();
-    return i_s64Milliseconds > 0 && s64Now > kMax - i_s64Milliseconds ? kMax
-                                                                      : s64Now + i_s64Milliseconds;
 }
 
 SInt64 GetMsTimeSince1970()

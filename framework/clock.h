@@ -1,5 +1,5 @@
 /*
- * Clocks. The monotonic pair is for intervals and deadlines, the wall-clock pair for time stamps.
+ * Clocks. The monotonic ones are for intervals and deadlines, the wall-clock ones for time stamps.
  *
  * May be called from any thread.
  */
@@ -7,13 +7,17 @@
 
 #include "framework/types.h"
 
-/* CLOCK_MONOTONIC (clock_gettime(2)) in milliseconds and microseconds; -1 if the clock fails. */
+/* CLOCK_MONOTONIC (clock_gettime(2)) in milliseconds; -1 if the clock fails. */
 SInt64 GetTimeInMs();
-SInt64 GetTimeInMcros();
 /* The monotonic time that is so many milliseconds ahead; the end of time where the sum would not
  * fit. */
 SInt64 GetDeadlineInMs(SInt64 i_s64Milliseconds);
 
+/*
+ * Offered, not used by the daemon itself.
+ */
+/* CLOCK_MONOTONIC in microseconds; -1 if the clock fails. */
+SInt64 GetTimeInMcros();
 /* Wall clock (gettimeofday(2)) since 1970-01-01 UTC in milliseconds and microseconds. */
 SInt64 GetMsTimeSince1970();
 SInt64 GetMcrosecTimeSince1970();

@@ -51,6 +51,10 @@ public:
      * registration. The context can then be used again. Asserts that a watched context is still
      * what it was when it was registered: not on its way through its base's destructor. */
     void Cleanup();
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
     /* Takes the descriptor and the registration of another, watched context, which is empty
      * afterwards; what this context held before is cleaned up. Asserts that there is
      * an event thread and that the other is registered. */

@@ -39,7 +39,7 @@ public:
         return pEntry;
     }
 
-    /* Does not look for an entry with an equal key. Asserts that no other entry is chained
+    /* Does not search for an entry with an equal key. Asserts that no other entry is chained
      * behind this one. */
     void Add(T *i_pEntry)
     {
@@ -70,6 +70,9 @@ public:
         return m_u32Mask != 0 ? i_u32Hash & m_u32Mask : i_u32Hash % m_u32Size;
     }
 
+    /*
+     * Offered, not used by the daemon itself.
+     */
     UInt32 GetNumEntries() const { return m_u32NumEntries; }
 
 private:

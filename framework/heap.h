@@ -32,6 +32,10 @@ public:
     void SetValue(SInt64 i_s64Value) { m_s64Value = i_s64Value; }
     SInt64 GetValue() const { return m_s64Value; }
     void *GetEnclosingObject() const { return m_pEnclosingObject; }
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
     void SetEnclosingObject(void *i_pEnclosingObject) { m_pEnclosingObject = i_pEnclosingObject; }
     Bool IsMemberOfAnyHeap() const { return m_pCurrentHeap != nullptr; }
 
@@ -58,7 +62,7 @@ public:
     /* The element with the smallest key; null when empty. */
     CHeapElem *ExtractMin() { return Extract(1); }
     CHeapElem *PeekMin() const { return CurrentHeapSize() > 0 ? m_pHeap[1] : nullptr; }
-    /* Takes the element out, looking through all of them; null if it is not here. */
+    /* Takes the element out, by a linear search; null if it is not here. */
     CHeapElem *Remove(CHeapElem *i_pElem);
     UInt32 CurrentHeapSize() const { return m_u32FreeIndex - 1; }
 

@@ -26,6 +26,9 @@ public:
     /* Cancels a pending timer. Asserts that Initialize() was called. */
     ~CIdleTask() override;
 
+    /*
+     * Offered, not used by the daemon itself.
+     */
     /* kIdleEvent after so many milliseconds; a timer that is pending already stays as it is.
      * Asserts that Initialize() was called. */
     void SetIdleTimer(SInt64 i_s64Milliseconds);
@@ -49,9 +52,12 @@ public:
     ~CIdleTaskThread() override;
 
     void Entry() override;
-
-    void SetIdleTimer(CIdleTask *i_pIdleObj, SInt64 i_s64Milliseconds);
     void CancelTimeout(CIdleTask *i_pIdleObj);
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    void SetIdleTimer(CIdleTask *i_pIdleObj, SInt64 i_s64Milliseconds);
 
 private:
     friend class CIdleTask;

@@ -21,12 +21,8 @@ public:
     void LockWrite();
     /* Gives up one reader or the writer and wakes who may go next. */
     void Unlock();
-    /* 0 acquired, 16 (EBUSY) not. */
-    SInt32 TryLockRead();
-    SInt32 TryLockWrite();
 
-    /* The predicates and adjusters below are for use under the internal mutex only. */
-    Bool Active() const { return m_s32State != 0; }
+    /* The predicates and adjusters are for use under the internal mutex only. */
     Bool ActiveReaders() const { return m_s32State > 0; }
     Bool ActiveWriter() const { return m_s32State < 0; }
     Bool WaitingWriters() const { return m_s32WriteWaiters > 0; }
@@ -41,6 +37,14 @@ public:
     void AdjustReadWaiters(int i_s32By) { m_s32ReadWaiters += i_s32By; }
     void AdjustWriteWaiters(int i_s32By) { m_s32WriteWaiters += i_s32By; }
 
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    /* 0 acquired, 16 (EBUSY) not. */
+    SInt32 TryLockRead();
+    SInt32 TryLockWrite();
+    Bool Active() const { return m_s32State != 0; }
+
 private:
     CMutex m_objMutex;
     CCond m_objReadCond;
@@ -51,6 +55,9 @@ private:
     SInt32 m_s32LastState; /* kept for inspection in a debugger only */
 };
 
+/*
+ * Offered, not used by the daemon itself: the scoped lockers.
+ */
 /* Unlocks a CMutexRW at the end of its own life. A null lock is allowed and does nothing. */
 class CMutexReadWriteLocker
 {

@@ -201,7 +201,7 @@ void CPLString::PrintStrEOL(const char *i_pStopStr, const char *i_pSuffix) const
 {
     std::unique_ptr<char[]> pCopy(GetAsCString());
     pCopy[PrintableLen()] = '\0';
-    /* Kept: looks one byte ahead only, so of a pair of percent signs the second is replaced. */
+    /* Kept: tests one byte ahead only, so of a pair of percent signs the second is replaced. */
     for (char *pChar = pCopy.get(); *pChar != '\0'; pChar++) {
         if (pChar[0] == '%' && pChar[1] != '%') {
             *pChar = '$';

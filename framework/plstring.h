@@ -16,20 +16,9 @@ class CPLString
 public:
     CPLString() : m_pPtr(nullptr), m_u32Len(0) {}
     CPLString(char *i_pPtr, UInt32 i_u32Len) : m_pPtr(i_pPtr), m_u32Len(i_u32Len) {}
-    /* i_pPtr: NUL-terminated, or null. */
-    explicit CPLString(char *i_pPtr);
     CPLString(const CPLString &) = default;
     CPLString &operator=(const CPLString &) = default;
     virtual ~CPLString() = default;
-
-    void Set(char *i_pPtr, UInt32 i_u32Len)
-    {
-        m_pPtr = i_pPtr;
-        m_u32Len = i_u32Len;
-    }
-
-    /* A NUL-terminated copy for the caller to delete[]. */
-    char *GetAsCString() const;
 
     /* Null equals null only. */
     Bool Equal(const CPLString &i_refCompare) const
@@ -40,6 +29,25 @@ public:
         return m_u32Len == i_refCompare.m_u32Len &&
                memcmp(m_pPtr, i_refCompare.m_pPtr, m_u32Len) == 0;
     }
+
+    char *m_pPtr;
+    UInt32 m_u32Len;
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    /* i_pPtr: NUL-terminated, or null. */
+    explicit CPLString(char *i_pPtr);
+    void Set(char *i_pPtr, UInt32 i_u32Len)
+    {
+        m_pPtr = i_pPtr;
+        m_u32Len = i_u32Len;
+    }
+
+    /* A NUL-terminated copy for the caller to delete[]. */
+    char *GetAsCString() const;
+
+    /* i_pCompare: NUL-terminated, or null. */
     Bool Equal(const char *i_pCompare) const;
     /* Letters A to Z equal a to z; i_u32Len bytes of i_pCompare, which must not be null, against
      * the whole string or against its beginning. */
@@ -67,9 +75,6 @@ public:
     /* To standard output for a log: line ends made visible, lone percent signs replaced by dollar
      * signs, nothing after the stop text. Stop text and suffix may be null. */
     void PrintStrEOL(const char *i_pStopStr, const char *i_pSuffix) const;
-
-    char *m_pPtr;
-    UInt32 m_u32Len;
 
     /* Lower case of the bytes 0 to 129; every other byte is its own. */
     static const std::array<UInt8, 130> s_aCaseInsensitiveMask;

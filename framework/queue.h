@@ -32,9 +32,13 @@ public:
     CQueueElem &operator=(const CQueueElem &) = delete;
 
     void *GetEnclosingObject() const { return m_pEnclosingObject; }
-    void SetEnclosingObject(void *i_pEnclosingObject) { m_pEnclosingObject = i_pEnclosingObject; }
     /* The element queued next after this one; the newest element's is the queue's sentinel. */
     CQueueElem *Prev() const { return m_pPrev; }
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    void SetEnclosingObject(void *i_pEnclosingObject) { m_pEnclosingObject = i_pEnclosingObject; }
 
 private:
     friend class CQueue;
@@ -104,6 +108,9 @@ public:
     /* Ends every wait; from then on none begins. The elements stay, and more may come. */
     void Stop();
 
+    /*
+     * Offered, not used by the daemon itself.
+     */
     /* Signalled once per element; signal it to end somebody's wait early. */
     CCond *GetCond() { return &m_objCond; }
 

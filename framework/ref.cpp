@@ -41,18 +41,6 @@ OS_Error CRefTable::Register(CRef *i_pRef)
     return 0;
 }
 
-CRef *CRefTable::RegisterOrResolve(CRef *i_pRef)
-{
-    assert(i_pRef != NULL);
-    CMutexLocker objLocker(&m_objMutex);
-    assert(i_pRef->m_u32RefCount == 0);
-    CRef *pFound = Resolve(&i_pRef->m_objString);
-    if (pFound == nullptr) {
-        m_objTable.Add(i_pRef);
-    }
-    return pFound;
-}
-
 CRef *CRefTable::Resolve(const CPLString *i_refPLString)
 {
     assert(i_refPLString != NULL);
@@ -85,6 +73,18 @@ void CRefTable::UnRegister(CRef *i_pRef, UInt32 i_u32RefCount)
         i_pRef->m_objCond.Wait(&m_objMutex, 0);
     }
     m_objTable.Remove(i_pRef);
+}
+
+CRef *CRefTable::RegisterOrResolve(CRef *i_pRef)
+{
+    assert(i_pRef != NULL);
+    CMutexLocker objLocker(&m_objMutex);
+    assert(i_pRef->m_u32RefCount == 0);
+    CRef *pFound = Resolve(&i_pRef->m_objString);
+    if (pFound == nullptr) {
+        m_objTable.Add(i_pRef);
+    }
+    return pFound;
 }
 
 Bool CRefTable::TryUnRegister(CRef *i_pRef, UInt32 i_u32RefCount)

@@ -25,7 +25,6 @@ class CRef
 {
 public:
     CRef() : m_pObject(nullptr), m_u32RefCount(0), m_u32HashValue(0), m_pNextHashEntry(nullptr) {}
-    CRef(const CPLString &i_refString, void *i_pObject) : CRef() { Set(i_refString, i_pObject); }
     CRef(const CRef &) = delete;
     CRef &operator=(const CRef &) = delete;
 
@@ -33,6 +32,11 @@ public:
      * to be called while a table holds the entry. */
     void Set(const CPLString &i_refString, void *i_pObject);
     void *GetObject() const { return m_pObject; }
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    CRef(const CPLString &i_refString, void *i_pObject) : CRef() { Set(i_refString, i_pObject); }
     const CPLString *GetString() const { return &m_objString; }
 
 private:
@@ -76,9 +80,6 @@ public:
 
     /* 0, or 1 if an entry with this name is in the table already. */
     OS_Error Register(CRef *i_pRef);
-    /* Adds the entry and returns null, or returns the one that has its name already, to be
-     * released by the caller. */
-    CRef *RegisterOrResolve(CRef *i_pRef);
     /* The entry with this name, to be released by the caller; null if there is none. */
     CRef *Resolve(const CPLString *i_refPLString);
     /* Gives back what Resolve() returned. The entry may be gone when this returns. */
@@ -86,6 +87,13 @@ public:
     /* Waits without limit until at most i_u32RefCount resolvers hold the entry, then takes it out
      * of the table; it may be resolved anew meanwhile. */
     void UnRegister(CRef *i_pRef, UInt32 i_u32RefCount = 0);
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    /* Adds the entry and returns null, or returns the one that has its name already, to be
+     * released by the caller. */
+    CRef *RegisterOrResolve(CRef *i_pRef);
     /* False, at once, where UnRegister() would wait. */
     Bool TryUnRegister(CRef *i_pRef, UInt32 i_u32RefCount = 0);
     /* Puts the entry in the place of the one that has its name; asserts that there is one. */

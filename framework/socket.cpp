@@ -69,14 +69,6 @@ OS_Error CSocket::Open(int i_s32Type)
     return 0;
 }
 
-void CSocket::SetSocketType(unsigned int i_u32Flags)
-{
-    m_u32Flags |= i_u32Flags;
-    if ((m_u32Flags & kNonBlocking) != 0) {
-        InitNonBlocking(m_s32FileDesc);
-    }
-}
-
 void CSocket::SetOption(int i_s32Level, int i_s32Option, int i_s32Value)
 {
     [[maybe_unused]] SInt32 s32Err =
@@ -87,6 +79,32 @@ void CSocket::SetOption(int i_s32Level, int i_s32Option, int i_s32Value)
 void CSocket::ReuseAddr()
 {
     SetOption(SOL_SOCKET, SO_REUSEADDR, 1);
+}
+
+OS_Error CSocket::Bind(unsigned int i_u32Addr, unsigned short i_u16Port)
+{
+    m_stLocalAddr = {};
+    m_stLocalAddr.sin_family = AF_INET;
+    m_stLocalAddr.sin_port = htons(i_u16Port);
+    m_stLocalAddr.sin_addr.s_addr = htonl(i_u32Addr);
+    socklen_t u32Len = sizeof(m_stLocalAddr);
+    if (bind(m_s32FileDesc, reinterpret_cast<struct sockaddr *>(&m_stLocalAddr), u32Len) != 0) {
+        OS_Error s32Err = errno;
+        m_stLocalAddr.sin_port = 0;
+        m_stLocalAddr.sin_addr.s_addr = 0;
+        return s32Err;
+    }
+    (void)getsockname(m_s32FileDesc, reinterpret_cast<struct sockaddr *>(&m_stLocalAddr), &u32Len);
+    m_u32Flags |= kBound;
+    return 0;
+}
+
+void CSocket::SetSocketType(unsigned int i_u32Flags)
+{
+    m_u32Flags |= i_u32Flags;
+    if ((m_u32Flags & kNonBlocking) != 0) {
+        InitNonBlocking(m_s32FileDesc);
+    }
 }
 
 void CSocket::BroadCast()
@@ -115,24 +133,6 @@ OS_Error CSocket::SetSocketRcvBufSize(unsigned int i_u32Bytes)
     if (setsockopt(m_s32FileDesc, SOL_SOCKET, SO_RCVBUF, &s32Size, sizeof(s32Size)) != 0) {
         return errno;
     }
-    return 0;
-}
-
-OS_Error CSocket::Bind(unsigned int i_u32Addr, unsigned short i_u16Port)
-{
-    m_stLocalAddr = {};
-    m_stLocalAddr.sin_family = AF_INET;
-    m_stLocalAddr.sin_port = htons(i_u16Port);
-    m_stLocalAddr.sin_addr.s_addr = htonl(i_u32Addr);
-    socklen_t u32Len = sizeof(m_stLocalAddr);
-    if (bind(m_s32FileDesc, reinterpret_cast<struct sockaddr *>(&m_stLocalAddr), u32Len) != 0) {
-        OS_Error s32Err = errno;
-        m_stLocalAddr.sin_port = 0;
-        m_stLocalAddr.sin_addr.s_addr = 0;
-        return s32Err;
-    }
-    (void)getsockname(m_s32FileDesc, reinterpret_cast<struct sockaddr *>(&m_stLocalAddr), &u32Len);
-    m_u32Flags |= kBound;
     return 0;
 }
 

@@ -38,20 +38,24 @@ public:
     /* socket(2). 0 or errno; asserts that the socket is not open. What the socket knew of a
      * descriptor that it had before is forgotten. */
     OS_Error Open(int i_s32Type);
+    /* SO_REUSEADDR (socket(7)); asserts that the system accepts it. */
+    void ReuseAddr();
+    /* Address and port in host order; 0 lets the system choose. 0 or errno. */
+    OS_Error Bind(unsigned int i_u32Addr, unsigned short i_u16Port);
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
     /* Adds flags. With kNonBlocking set, the open descriptor is made non-blocking. */
     void SetSocketType(unsigned int i_u32Flags);
 
     /* Options (socket(7), tcp(7)): assert that the system accepts them. */
-    void ReuseAddr();
     void BroadCast();
     void NoDelay();
     void KeepAlive();
     void SetSocketBufSize(unsigned int i_u32Bytes);
     /* Kept: this one returns 0 or errno. */
     OS_Error SetSocketRcvBufSize(unsigned int i_u32Bytes);
-
-    /* Address and port in host order; 0 lets the system choose. 0 or errno. */
-    OS_Error Bind(unsigned int i_u32Addr, unsigned short i_u16Port);
 
     /* Texts of the local address, its host name and port; they belong to the socket or to the
      * table of CSocketUtils, where the first two assert that the address is found. */

@@ -133,11 +133,6 @@ Bool CSocketUtils::IsLocalIPAddr(UInt32 i_u32Addr)
     return false;
 }
 
-Bool CSocketUtils::IsMulticastIPAddr(UInt32 i_u32Addr)
-{
-    return (i_u32Addr >> 28) == 0xE;
-}
-
 void CSocketUtils::ConvertAddrToString(const struct in_addr &i_stAddr, CPLString *o_pString)
 {
     CMutexLocker objLocker(&s_objMutex);
@@ -145,6 +140,11 @@ void CSocketUtils::ConvertAddrToString(const struct in_addr &i_stAddr, CPLString
     std::size_t u64Len = strlen(pText);
     memcpy(o_pString->m_pPtr, pText, u64Len + 1);
     o_pString->m_u32Len = static_cast<UInt32>(u64Len);
+}
+
+Bool CSocketUtils::IsMulticastIPAddr(UInt32 i_u32Addr)
+{
+    return (i_u32Addr >> 28) == 0xE;
 }
 
 UInt32 CSocketUtils::ConvertStringToAddr(const char *i_pAddrStr)

@@ -18,6 +18,14 @@ class CMutex;
 class CSocketUtils
 {
 public:
+    /* True in 224.0.0.0/4 (RFC 5771). */
+    static Bool IsMulticastIPAddr(UInt32 i_u32Addr);
+    /* The address of a dotted text (inet_addr(3)); 0 for null, 0xFFFFFFFF for what is none. */
+    static UInt32 ConvertStringToAddr(const char *i_pAddrStr);
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
     /* Bytes of interface records asked of the system (SIOCGIFCONF, netdevice(7)); interfaces
      * beyond them are left out. */
     static constexpr UInt32 kMaxAddrBufferSize = 2048;
@@ -36,14 +44,10 @@ public:
 
     /* True if the table has the address. */
     static Bool IsLocalIPAddr(UInt32 i_u32Addr);
-    /* True in 224.0.0.0/4 (RFC 5771). */
-    static Bool IsMulticastIPAddr(UInt32 i_u32Addr);
 
     /* Writes the dotted text and a terminating zero into the string's buffer, which has room for
      * 16 characters, and sets its length. Any thread. */
     static void ConvertAddrToString(const struct in_addr &i_stAddr, CPLString *o_pString);
-    /* The address of a dotted text (inet_addr(3)); 0 for null, 0xFFFFFFFF for what is none. */
-    static UInt32 ConvertStringToAddr(const char *i_pAddrStr);
 
 private:
     struct CIPAddrInfo {

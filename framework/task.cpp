@@ -47,7 +47,7 @@ void CTask::SetTaskName(const char *i_pName)
     char szName[sizeof(m_szTaskName)];
     snprintf(szName, sizeof(szName), "%s%s", LIVE_TASK_STATE_STR, i_pName);
     szName[sizeof(szName) - 1] = '\0';
-    /* The prefix stands already, and other threads may be looking at it. */
+    /* The prefix stands already, and other threads may be reading it. */
     memcpy(m_szTaskName + kLiveLen, szName + kLiveLen, sizeof(szName) - kLiveLen);
 }
 
@@ -197,7 +197,7 @@ CMutexRW &CTaskThreadPool::s_objMutexRW = *new CMutexRW;
 Bool CTaskThreadPool::AddThreadPools(UInt32 i_u32Num)
 {
     assert(s_pTaskThreadArray == NULL);
-    /* RemoveThreads() left these two; nobody looks at them while there are no pools. */
+    /* RemoveThreads() left these two; nobody reads them while there are no pools. */
     delete[] s_pNumTaskThreads.exchange(new std::atomic<UInt32>[i_u32Num]());
     delete[] s_pTaskThreadPicker;
     s_pTaskThreadArray = new CTaskThread **[i_u32Num]();

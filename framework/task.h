@@ -48,8 +48,6 @@ public:
     /* i_pName: 42 characters are kept, null leaves the name as it is. The owner's call, before
      * the task is first signalled or from Run(). */
     void SetTaskName(const char *i_pName);
-    /* With the prefix that marks a living task. */
-    const char *GetTaskName() const { return m_szTaskName; }
     /* False once the task is about to be deleted, and for a null pointer. */
     Bool Valid() const;
     static Bool Valid(const CTask *i_pTask) { return i_pTask != nullptr && i_pTask->Valid(); }
@@ -67,6 +65,11 @@ public:
     /* For Run() only: takes the pending events; what is signalled later stays pending. */
     EventFlags GetEvents();
 
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    /* With the prefix that marks a living task. */
+    const char *GetTaskName() const { return m_szTaskName; }
     /* The next run holds the pools' lock for writing: no other task runs beside it, unless that
      * one asked for the same. The end of such a run takes back what was asked during it. */
     void SetGlobalLock() { m_bGlobalLock.store(true); }
@@ -127,12 +130,16 @@ public:
      * there is no such pool. */
     static Bool AddThreads(UInt32 i_u32PoolID, UInt32 i_u32NumToAdd, int i_s32Policy,
                            int i_s32Priority);
-    /* Null if there is no such thread. The pointer is good until RemoveThreads(). */
-    static CTaskThread *GetThread(UInt32 i_u32PoolID, UInt32 i_u32Index);
     /* Ends and deletes every thread. Tasks that are ready are run before, and so are those that
      * these signal, but not for a delay that they ask for then. Not to be called on a task thread.
      * Other threads may go on signalling: it no longer has an effect. */
     static void RemoveThreads();
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    /* Null if there is no such thread. The pointer is good until RemoveThreads(). */
+    static CTaskThread *GetThread(UInt32 i_u32PoolID, UInt32 i_u32Index);
 
 private:
     friend class CTask;

@@ -39,15 +39,10 @@ public:
     void Join();
     void StopAndWaitForThread();
 
-    /* The stop request: any thread may set, read or clear it. It orders nothing else: what must be
-     * seen together with it is guarded by a lock of its own. */
+    /* The stop request: any thread may set or read it. It orders nothing else: what must be seen
+     * together with it is guarded by a lock of its own. */
     void SendStopRequest() { m_bStopRequested.store(true, std::memory_order_relaxed); }
     Bool IsStopRequested() const { return m_bStopRequested.load(std::memory_order_relaxed); }
-    Bool ResetStopRequest()
-    {
-        m_bStopRequested.store(false, std::memory_order_relaxed);
-        return true;
-    }
 
     /* The CThread whose Entry() runs on the calling thread; null on any other thread. */
     static CThread *GetCurrent();
@@ -60,6 +55,16 @@ public:
 
     /* Names the calling thread (15 characters are kept, prctl(2)); null is ignored. */
     static void SetName(const char *i_pName);
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    /* Clears the stop request; true. */
+    Bool ResetStopRequest()
+    {
+        m_bStopRequested.store(false, std::memory_order_relaxed);
+        return true;
+    }
     /* Binds the calling thread to one processor and prints where it may run. i_pName may be
      * null. */
     static void SetAffinity(int i_s32Cpu, char *i_pName);

@@ -1,5 +1,5 @@
 /*
- * Timeout records and the task that looks at them.
+ * Timeout records and the task that scans them.
  */
 #include "framework/timeouttask.h"
 
@@ -11,7 +11,7 @@
 namespace
 {
 constexpr SInt64 kDefaultIntervalMs = 100;
-/* The delay to the next look when no deadline is closer. */
+/* The delay to the next scan when no deadline is closer. */
 constexpr SInt64 kLongestDelayMs = 1000;
 } // namespace
 
@@ -79,7 +79,8 @@ SInt64 CTimeoutTaskThread::Run()
         if (s64Remaining <= 0) {
             CTask::Signal(pRecord->m_pTask, pRecord->m_u32Flags);
         } else if (pRecord->m_s64Timeout.load() > 0 && s64Next > s64Remaining) {
-            /* Kept: the full second on top makes looks a matter of seconds. */
+            /* Kept: with the full second on top the scans are one to two seconds apart, however
+             * close a deadline is. */
             s64Next = s64Remaining + 1000;
         }
     }

@@ -2,8 +2,8 @@
  * Timeout records: each signals a task a chosen event when its deadline has passed.
  *
  * A record is not a task; it is owned by whoever wants to be woken, usually as a member. All
- * records are looked at about once a second by one task of the pool, which lives until the
- * process ends. A record whose deadline has passed signals at every look until it is set anew.
+ * records are scanned about once a second by one task of the pool, which lives until the process
+ * ends. A record whose deadline has passed signals at every scan until it is set anew.
  */
 #pragma once
 
@@ -20,7 +20,7 @@ class CTimeoutTaskThread;
 class CTimeoutTask
 {
 public:
-    /* Starts the looking task; further calls do nothing. Before the first record.
+    /* Starts the scanning task; further calls do nothing. Before the first record.
      * i_s64Interval: milliseconds, as of CTimeoutTaskThread::SetIntervalMilli(). */
     static void Initialize(SInt64 i_s64Interval);
 
@@ -33,6 +33,10 @@ public:
 
     /* Sets the deadline so many milliseconds from now; 0 disarms. Any thread. */
     void SetTimeout(SInt64 i_s64Timeout);
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
     /* Milliseconds, negative once the deadline has passed; meaningless while disarmed. */
     SInt64 GetTimeRemaining() const;
 
@@ -40,7 +44,7 @@ private:
     friend class CTimeoutTaskThread;
 
     CTask *m_pTask;
-    /* Set by the owner while the looking task reads them. */
+    /* Set by the owner while the scanning task reads them. */
     std::atomic<SInt64> m_s64Deadline; /* monotonic ms; 0: disarmed */
     std::atomic<SInt64> m_s64Timeout;
     CQueueElem m_objQueueElem;
@@ -57,14 +61,18 @@ public:
 
     SInt64 Run() override;
 
-    /* Kept for those who set it; the looks follow the deadlines instead. */
+    /* Kept: set and told, but without effect, since the scans follow the deadlines. */
     void SetIntervalMilli(SInt64 i_s64Interval) { m_s64Interval.store(i_s64Interval); }
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
     SInt64 GetIntervalMilli() const { return m_s64Interval.load(); }
 
 private:
     friend class CTimeoutTask;
 
-    CMutex m_objMutex; /* guards the queue; held for a whole look */
+    CMutex m_objMutex; /* guards the queue; held for a whole scan */
     CQueue m_objQueue;
     std::atomic<SInt64> m_s64Interval;
 };

@@ -75,6 +75,15 @@ OS_Error CUDPSocket::JoinMulticast(unsigned int i_u32Group)
     return ChangeMembership(IP_ADD_MEMBERSHIP, i_u32Group, m_stLocalAddr.sin_addr.s_addr);
 }
 
+void CUDPSocket::SetMulticastInterface(unsigned int i_u32Addr)
+{
+    m_stLocalAddr.sin_addr.s_addr = htonl(i_u32Addr);
+    [[maybe_unused]] SInt32 s32Err =
+        setsockopt(m_s32FileDesc, IPPROTO_IP, IP_MULTICAST_IF, &m_stLocalAddr.sin_addr,
+                   sizeof(m_stLocalAddr.sin_addr));
+    assert(s32Err == 0);
+}
+
 OS_Error CUDPSocket::LeaveMulticast(unsigned int i_u32Group)
 {
     /* Kept: unlike joining, leaving converts the stored address once more. */
@@ -88,15 +97,6 @@ OS_Error CUDPSocket::SetTtl(unsigned short i_u16Ttl)
         return errno;
     }
     return 0;
-}
-
-void CUDPSocket::SetMulticastInterface(unsigned int i_u32Addr)
-{
-    m_stLocalAddr.sin_addr.s_addr = htonl(i_u32Addr);
-    [[maybe_unused]] SInt32 s32Err =
-        setsockopt(m_s32FileDesc, IPPROTO_IP, IP_MULTICAST_IF, &m_stLocalAddr.sin_addr,
-                   sizeof(m_stLocalAddr.sin_addr));
-    assert(s32Err == 0);
 }
 
 void CUDPSocket::SetMulticastLoop(unsigned char i_u8Loop)

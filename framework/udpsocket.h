@@ -63,16 +63,23 @@ public:
     OS_Error RecvFrom(unsigned int *o_pRemoteAddr, unsigned short *o_pRemotePort, void *o_pBuffer,
                       unsigned int i_u32Len, unsigned int *o_pRecvLen);
 
-    /* Membership of a group on the interface with the socket's local address (ip(7)). 0 or errno.
-     * Leaving names the interface by the bytes of that address in reverse order. */
+    /* Membership of a group on the interface with the socket's local address (ip(7)). 0 or
+     * errno. */
     OS_Error JoinMulticast(unsigned int i_u32Group);
-    OS_Error LeaveMulticast(unsigned int i_u32Group);
-    /* Hops that multicast datagrams may take; the low byte counts. 0 or errno. */
-    OS_Error SetTtl(unsigned short i_u16Ttl);
     /* Makes the address the local one and sends multicast from its interface. Asserts that the
      * system accepts it. */
     void SetMulticastInterface(unsigned int i_u32Addr);
-    /* 1: the host's own members receive what the socket sends. Asserts likewise. */
+
+    /*
+     * Offered, not used by the daemon itself.
+     */
+    /* Leaves a group; the interface is named by the bytes of the local address in reverse order.
+     * 0 or errno. */
+    OS_Error LeaveMulticast(unsigned int i_u32Group);
+    /* Hops that multicast datagrams may take; the low byte counts. 0 or errno. */
+    OS_Error SetTtl(unsigned short i_u16Ttl);
+    /* 1: the host's own members receive what the socket sends. Asserts that the system accepts
+     * it. */
     void SetMulticastLoop(unsigned char i_u8Loop);
 
 private:
