@@ -19,9 +19,21 @@
 
 namespace
 {
-std::vector<CQueueElem *> Walk(CQueue &i_objQueue)
+using Random = std::mt19937;
+
+template <typename Step> void Repeat(int i_s32Times, Step i_objStep)
 {
-    std::vector<CQueueElem *> pElems;
+    const unsigned u32Seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(u32Seed));
+    Random objRandom(u32Seed);
+    for (int i = 0; i < i_s32Times && !testing::Test::HasFatalFailure(); i++) {
+        i_objStep(objRandom);
+    }
+}
+
+std::deque<CQueueElem *> Walk(CQueue &i_objQueue)
+{
+    std::deque<CQueueElem *> pElems;
     for (CQueueIter objIter(&i_objQueue); !objIter.IsDone(); objIter.Next()) {
         pElems.push_back(objIter.GetCurrent());
     }
@@ -77,54 +89,30 @@ CPLString View(std::string &i_strText)
 
 TEST(Queue, FollowsADequeUnderRandomOperations)
 {
-    const unsigned u32Seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(u32Seed));
-    std::mt19937 objRandom(u32Seed);
-    std::vector<std::unique_ptr<CQueueElem>> pPool;
-    for (int i = 0; i < 20; i++) {
-        pPool.push_back(std::make_unique<CQueueElem>(&pPool));
-    }
-    CQueue objQueue;
+    CQueueElem aPool[20];
+    CQueue objQueue; /* goes before its elements, and must let go of them */
     std::deque<CQueueElem *> objModel;
-    for (int i = 0; i < 20000; i++) {
-        CQueueElem *pElem = pPool[objRandom() % pPool.size()].get();
-        auto objPlace = std::find(objModel.begin(), objModel.end(), pElem);
-        switch (objRandom() % 3) {
+    Repeat(20000, [&](Random &io_objRandom) {
+        CQueueElem *pElem = &aPool[io_objRandom() % std::size(aPool)];
+        switch (io_objRandom() % 3) {
         case 0:
             objQueue.EnQueue(pElem);
-            if (objPlace == objModel.end()) {
+            if (std::find(objModel.begin(), objModel.end(), pElem) == objModel.end()) {
                 objModel.push_back(pElem);
             }
             break;
         case 1:
             ASSERT_EQ(objQueue.DeQueue(), objModel.empty() ? nullptr : objModel.front());
-            if (!objModel.empty()) {
-                objModel.pop_front();
-            }
+            objModel.erase(objModel.begin(), objModel.begin() + !objModel.empty());
             break;
         default:
             objQueue.Remove(pElem);
-            if (objPlace != objModel.end()) {
-                objModel.erase(objPlace);
-            }
+            std::erase(objModel, pElem);
         }
+        ASSERT_EQ(Walk(objQueue), objModel);
         ASSERT_EQ(objQueue.GetLength(), objModel.size());
-        ASSERT_EQ(Walk(objQueue), std::vector<CQueueElem *>(objModel.begin(), objModel.end()));
-        ASSERT_EQ(objQueue.GetHead(), objModel.empty() ? nullptr : objModel.front());
-        ASSERT_EQ(objQueue.GetTail(), objModel.empty() ? nullptr : objModel.back());
-    }
-}
-
-TEST(Queue, LetsGoOfItsElementsWhenItIsDestroyedFirst)
-{
-    CQueueElem objElem;
-    {
-        CQueue objQueue;
-        objQueue.EnQueue(&objElem);
-    }
-    CQueue objNext;
-    objNext.EnQueue(&objElem);
-    EXPECT_EQ(objNext.DeQueue(), &objElem);
+    });
+    objQueue.EnQueue(&aPool[0]);
 }
 
 TEST(QueueDeathTest, ForeignAndNullElementsAndEarlyDestructionAreFatal)
@@ -162,19 +150,17 @@ TEST(BlockingQueue, AnEarlyWakeUpEndsTheOneWaitWithNothing)
 
 TEST(Heap, FollowsItsRulesUnderRandomOperations)
 {
-    const unsigned u32Seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(u32Seed));
-    std::mt19937 objRandom(u32Seed);
     std::vector<CHeapElem> objPool(300);
     CHeap objHeap(0);
     CHeapModel objModel;
-    for (int i = 0; i < 60000; i++) {
-        CHeapElem *pElem = &objPool[objRandom() % objPool.size()];
-        auto objPlace = std::find(objModel.m_pSlots.begin() + 1, objModel.m_pSlots.end(), pElem);
-        bool bInside = objPlace != objModel.m_pSlots.end();
+    Repeat(60000, [&](Random &io_objRandom) {
+        CHeapElem *pElem = &objPool[io_objRandom() % objPool.size()];
+        auto &pSlots = objModel.m_pSlots;
+        const size_t u64Place = std::find(pSlots.begin() + 1, pSlots.end(), pElem) - pSlots.begin();
+        const bool bInside = u64Place < pSlots.size();
+        const size_t u64Index = io_objRandom() % 320;
         ASSERT_EQ(pElem->IsMemberOfAnyHeap(), bInside);
-        size_t u64Index = objRandom() % 320;
-        switch (objRandom() % 5) {
+        switch (io_objRandom() % 5) {
         case 0:
             ASSERT_EQ(objHeap.ExtractMin(), objModel.Extract(1));
             break;
@@ -182,29 +168,29 @@ TEST(Heap, FollowsItsRulesUnderRandomOperations)
             ASSERT_EQ(objHeap.Extract(static_cast<UInt32>(u64Index)), objModel.Extract(u64Index));
             break;
         case 2:
-            ASSERT_EQ(objHeap.Remove(pElem), bInside ? pElem : nullptr);
-            objModel.Extract(bInside ? objPlace - objModel.m_pSlots.begin() : 0);
+            ASSERT_EQ(objHeap.Remove(pElem), objModel.Extract(u64Place));
             break;
         default:
             if (!bInside) {
-                pElem->SetValue(static_cast<SInt64>(objRandom() % 50) - 25);
+                pElem->SetValue(static_cast<SInt64>(io_objRandom() % 50) - 25);
                 objHeap.Insert(pElem);
                 objModel.Insert(pElem);
             }
         }
-        ASSERT_EQ(objHeap.CurrentHeapSize(), objModel.m_pSlots.size() - 1);
-        ASSERT_EQ(objHeap.PeekMin(), objModel.m_pSlots.size() > 1 ? objModel.m_pSlots[1] : nullptr);
-    }
+        ASSERT_EQ(objHeap.CurrentHeapSize(), pSlots.size() - 1);
+        ASSERT_EQ(objHeap.PeekMin(), pSlots.size() > 1 ? pSlots[1] : nullptr);
+    });
 }
 
 TEST(RefTable, HashTakesFiveBytesAsUnsignedTimesTheLength)
 {
-    std::string strText = "abcd", strOne = "a", strHigh(8, '\xFF');
-    CPLString objText = View(strText), objOne = View(strOne), objHigh = View(strHigh);
-    EXPECT_EQ(CRefTableUtils::HashString(&objText), 1976u);
-    EXPECT_EQ(CRefTableUtils::HashString(&objOne), 485u);
-    EXPECT_EQ(CRefTableUtils::HashString(&objHigh), 10200u);
-    CPLString objNull, objEmpty(strText.data(), 0);
+    for (auto [strText, u32Hash] : std::vector<std::pair<std::string, UInt32>>{
+             {"abcd", 1976}, {"a", 485}, {std::string(8, '\xFF'), 10200}}) {
+        CPLString objText = View(strText);
+        EXPECT_EQ(CRefTableUtils::HashString(&objText), u32Hash);
+    }
+    char szText[] = "x";
+    CPLString objNull, objEmpty(szText, 0);
     EXPECT_DEATH(CRefTableUtils::HashString(nullptr), "`i_pPLString != NULL'");
     EXPECT_DEATH(CRefTableUtils::HashString(&objNull), "`i_pPLString->m_pPtr != NULL'");
     EXPECT_DEATH(CRefTableUtils::HashString(&objEmpty), "`i_pPLString->m_u32Len > 0'");
@@ -212,11 +198,11 @@ TEST(RefTable, HashTakesFiveBytesAsUnsignedTimesTheLength)
 
 TEST(RefTable, RegistersNamesOnceAndSwapsInPlace)
 {
-    std::string strName = "one", strOther = "two";
+    std::string strName = "one";
     int s32First = 0, s32Second = 0;
     CRef objFirst(View(strName), &s32First), objTwin(View(strName), &s32Second);
     CRefTable objTable(7);
-    CPLString objName = View(strName), objOther = View(strOther);
+    CPLString objName = View(strName);
     EXPECT_EQ(objTable.Resolve(&objName), nullptr);
     EXPECT_EQ(objTable.RegisterOrResolve(&objFirst), nullptr);
     EXPECT_EQ(objTable.Register(&objTwin), 1);

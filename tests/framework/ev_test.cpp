@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <deque>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -14,13 +15,14 @@
 #include <unistd.h>
 
 #include "framework/eventcontext.h"
+#include "framework/unique_fd.h"
 #include "tests/framework/net_support.h"
 
 namespace
 {
 /* errno of the next selects; 0 lets one through to the system. */
-std::vector<int> g_s32SelectErrors;
-int g_s32SelectNum = 0; /* how many descriptors the last select looked at */
+std::deque<int> g_s32SelectErrors;
+int g_s32SelectNum = 0; /* the first argument of the last select */
 } // namespace
 
 extern "C" int __real_select(int, fd_set *, fd_set *, fd_set *, struct timeval *);
@@ -32,7 +34,7 @@ extern "C" int __wrap_select(int i_s32Num, fd_set *io_pRead, fd_set *io_pWrite, 
     g_s32SelectNum = i_s32Num;
     if (!g_s32SelectErrors.empty()) {
         int s32Err = g_s32SelectErrors.front();
-        g_s32SelectErrors.erase(g_s32SelectErrors.begin());
+        g_s32SelectErrors.pop_front();
         if (s32Err != 0) {
             errno = s32Err;
             return -1;
@@ -43,6 +45,8 @@ extern "C" int __wrap_select(int i_s32Num, fd_set *io_pRead, fd_set *io_pWrite, 
 
 namespace
 {
+using Event = std::pair<int, int>; /* descriptor and bits */
+
 class CEvTest : public testing::Test
 {
 protected:
@@ -50,15 +54,16 @@ protected:
     {
         AllowManyDescriptors();
         EXPECT_EQ(select_startevents(), 0);
+        SocketAt(kMarker, false);
     }
 
-    /* A socket at the given number that is writable, and readable if asked. */
+    /* A socket at the given number that is writable, and readable if asked; returns its peer. */
     static int SocketAt(int i_s32Number, bool i_bReadable)
     {
         int aPair[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, aPair), 0);
-        EXPECT_EQ(dup2(aPair[0], i_s32Number), i_s32Number);
-        close(aPair[0]);
+        UniqueFd objOriginal(aPair[0]);
+        EXPECT_EQ(dup2(objOriginal.Get(), i_s32Number), i_s32Number);
         if (i_bReadable) {
             EXPECT_EQ(write(aPair[1], "x", 1), 1);
         }
@@ -68,7 +73,7 @@ protected:
     static int Watch(int i_s32FileDesc, int i_s32Mask)
     {
         eventreq stReq = {};
-        stReq.er_type = 1;
+        stReq.er_type = EV_TYPE_FD;
         stReq.er_handle = i_s32FileDesc;
         stReq.er_data = CookieOf(i_s32FileDesc);
         return select_watchevent(&stReq, i_s32Mask);
@@ -79,148 +84,139 @@ protected:
         return reinterpret_cast<void *>(0x700000000L + i_s32FileDesc);
     }
 
-    /* Descriptor and bits of the next event. */
-    static std::pair<int, int> Next()
+    static void ExpectEvents(const std::vector<Event> &i_objExpected)
     {
-        eventreq stReq = {};
-        int s32Err = 4;
-        while (4 == s32Err) {
-            s32Err = select_waitevent(&stReq, nullptr);
+        for (const Event &objExpected : i_objExpected) {
+            eventreq stReq = {};
+            int s32Err = EINTR;
+            while (EINTR == s32Err) {
+                s32Err = select_waitevent(&stReq, nullptr);
+            }
+            ASSERT_EQ(s32Err, 0);
+            ASSERT_EQ(Event(stReq.er_handle, stReq.er_eventbits), objExpected);
+            EXPECT_EQ(stReq.er_data, CookieOf(stReq.er_handle));
         }
-        EXPECT_EQ(s32Err, 0);
-        EXPECT_EQ(stReq.er_data, CookieOf(stReq.er_handle));
-        return {stReq.er_handle, stReq.er_eventbits};
     }
 
     /* Arms a descriptor that is ready, to show that nothing else is: its event comes next. */
-    static void ExpectNothingBut(int i_s32Marker)
+    static void ExpectNothing()
     {
-        EXPECT_EQ(Watch(i_s32Marker, 2), 0);
-        EXPECT_EQ(Next(), std::make_pair(i_s32Marker, 2));
+        EXPECT_EQ(Watch(kMarker, EV_WRITE), 0);
+        ExpectEvents({{kMarker, EV_WRITE}});
     }
+
+    static constexpr int kMarker = 100;
 };
 using CEvDeathTest = CEvTest;
 
 TEST_F(CEvTest, ReadableBeforeWritableAndAscendingAndOnce)
 {
     /* 1023 is the last descriptor of the sets, 63 and 64 lie on a word's border. */
-    SocketAt(1023, true);
-    SocketAt(64, false);
-    SocketAt(63, true);
-    SocketAt(200, true);
-    SocketAt(100, false);
     for (int s32FileDesc : {1023, 64, 63, 200}) {
-        EXPECT_EQ(Watch(s32FileDesc, 3), 0);
+        SocketAt(s32FileDesc, s32FileDesc != 64);
+        EXPECT_EQ(Watch(s32FileDesc, EV_READ | EV_WRITE), 0);
     }
-    for (int s32FileDesc : {63, 200, 1023}) {
-        EXPECT_EQ(Next(), std::make_pair(s32FileDesc, 1));
-    }
-    for (int s32FileDesc : {63, 64, 200, 1023}) {
-        EXPECT_EQ(Next(), std::make_pair(s32FileDesc, 2));
-    }
-    ExpectNothingBut(100);
+    ExpectEvents({{63, EV_READ}, {200, EV_READ}, {1023, EV_READ}});
+    ExpectEvents({{63, EV_WRITE}, {64, EV_WRITE}, {200, EV_WRITE}, {1023, EV_WRITE}});
+    ExpectNothing();
 
     /* Asking again for less replaces what was asked for. */
-    EXPECT_EQ(Watch(1023, 3), 0);
-    EXPECT_EQ(Watch(1023, 1), 0);
-    EXPECT_EQ(Watch(64, 1), 0);
+    EXPECT_EQ(Watch(1023, EV_READ | EV_WRITE), 0);
+    EXPECT_EQ(Watch(1023, EV_READ), 0);
+    EXPECT_EQ(Watch(64, EV_READ), 0);
     EXPECT_EQ(Watch(200, 0), 0);
-    EXPECT_EQ(Next(), std::make_pair(1023, 1));
-    ExpectNothingBut(100);
+    ExpectEvents({{1023, EV_READ}});
+    ExpectNothing();
 }
 
 TEST_F(CEvTest, ARemovedDescriptorIsClosedByTheWaitAndItsResultsAreDropped)
 {
     int s32FarEnd = SocketAt(300, true);
     SocketAt(150, true);
-    SocketAt(100, false);
     SocketAt(500, false);
-    EXPECT_EQ(Watch(150, 1), 0);
-    EXPECT_EQ(Watch(300, 3), 0);
-    EXPECT_EQ(Watch(500, 1), 0);
-    EXPECT_EQ(Next(), std::make_pair(150, 1));
+    EXPECT_EQ(Watch(150, EV_READ), 0);
+    EXPECT_EQ(Watch(300, EV_READ | EV_WRITE), 0);
+    EXPECT_EQ(Watch(500, EV_READ), 0);
+    ExpectEvents({{150, EV_READ}});
     EXPECT_EQ(select_removeevent(300), 0);
     EXPECT_TRUE(IsOpen(300));
-    ExpectNothingBut(100);
+    ExpectNothing();
     EXPECT_EQ(g_s32SelectNum, 501);
     EXPECT_FALSE(IsOpen(300));
     EXPECT_EQ(send(s32FarEnd, "x", 1, MSG_NOSIGNAL), -1);
 
     /* The highest descriptor goes; lower ones are still found, and so is a new highest. */
     EXPECT_EQ(select_removeevent(500), 0);
-    ExpectNothingBut(100);
-    EXPECT_EQ(g_s32SelectNum, 101);
+    ExpectNothing();
+    EXPECT_EQ(g_s32SelectNum, kMarker + 1);
     SocketAt(301, true);
-    EXPECT_EQ(Watch(150, 1), 0);
-    EXPECT_EQ(Next(), std::make_pair(150, 1));
-    EXPECT_EQ(Watch(301, 1), 0);
-    EXPECT_EQ(Next(), std::make_pair(301, 1));
+    for (int s32FileDesc : {150, 301}) {
+        EXPECT_EQ(Watch(s32FileDesc, EV_READ), 0);
+        ExpectEvents({{s32FileDesc, EV_READ}});
+    }
 }
 
 TEST_F(CEvTest, AWaitingSelectSeesWhatOthersArmAndRemove)
 {
-    SocketAt(100, false);
     SocketAt(400, false);
-    EXPECT_EQ(Watch(400, 1), 0);
+    EXPECT_EQ(Watch(400, EV_READ), 0);
     std::thread objOther([] {
         usleep(50000);
         EXPECT_EQ(select_removeevent(400), 0);
-        while (IsOpen(400)) {
-            usleep(1000);
-        }
-        EXPECT_EQ(Watch(100, 2), 0);
+        EXPECT_TRUE(WaitUntil([] { return !IsOpen(400); }));
+        EXPECT_EQ(Watch(kMarker, EV_WRITE), 0);
     });
-    EXPECT_EQ(Next(), std::make_pair(100, 2));
+    ExpectEvents({{kMarker, EV_WRITE}});
     objOther.join();
 }
 
 /* More wake-ups than the pipe holds: who arms waits for the event thread, without its lock. */
 TEST_F(CEvTest, AFullPipeHoldsUpTheCallerOnly)
 {
-    SocketAt(100, false);
     std::atomic<int> s32Armed{0};
     std::thread objOther([&] {
         for (; s32Armed < 70000; s32Armed++) {
-            EXPECT_EQ(Watch(100, 0), 0);
+            EXPECT_EQ(Watch(kMarker, 0), 0);
         }
-        EXPECT_EQ(Watch(100, 2), 0);
+        EXPECT_EQ(Watch(kMarker, EV_WRITE), 0);
     });
     for (int s32Before = -1; s32Before != s32Armed;) {
         s32Before = s32Armed;
         usleep(50000);
     }
     EXPECT_LT(s32Armed, 70000);
-    EXPECT_EQ(Next(), std::make_pair(100, 2));
+    ExpectEvents({{kMarker, EV_WRITE}});
     objOther.join();
 }
 
-TEST_F(CEvTest, SelectErrors)
+TEST_F(CEvDeathTest, SelectErrors)
 {
-    SocketAt(100, false);
     g_s32SelectErrors = {EINTR, EBADF, EINTR, 0};
-    ExpectNothingBut(100);
+    ExpectNothing();
     EXPECT_TRUE(g_s32SelectErrors.empty());
 
     g_s32SelectErrors = {ENOMEM};
     eventreq stReq = {};
     EXPECT_LT(select_waitevent(&stReq, nullptr), 0);
     EXPECT_EQ(errno, ENOMEM);
+    g_s32SelectErrors = {EINTR, EBADF, ENOMEM};
+    EXPECT_DEATH(CEventThread().Entry(), "CEventThread::Entry.*s32Err == 0");
 }
 
 TEST_F(CEvDeathTest, DescriptorsOutsideTheSets)
 {
-    EXPECT_EQ(Watch(-1, 1), EBADF);
-    EXPECT_EQ(Watch(INT32_MIN, 3), EBADF);
+    EXPECT_EQ(Watch(-1, EV_READ), EBADF);
+    EXPECT_EQ(Watch(INT32_MIN, EV_READ | EV_WRITE), EBADF);
     EXPECT_EQ(select_removeevent(-1), EBADF);
-    const char *pText = "i_pReq->er_handle < \\(SInt32\\)\\(sizeof\\(fd_set\\) \\* 8\\)";
-    EXPECT_DEATH(Watch(1024, 3), pText);
-    EXPECT_DEATH(Watch(INT32_MAX, 3), pText);
+    for (int s32FileDesc : {1024, INT32_MAX}) {
+        EXPECT_DEATH(Watch(s32FileDesc, EV_READ | EV_WRITE),
+                     "i_pReq->er_handle < \\(SInt32\\)\\(sizeof\\(fd_set\\) \\* 8\\)");
+    }
 
     /* It was never armed, but it is closed all the same. */
     SocketAt(1500, false);
-    SocketAt(100, false);
     EXPECT_EQ(select_removeevent(1500), 0);
-    ExpectNothingBut(100);
+    ExpectNothing();
     EXPECT_FALSE(IsOpen(1500));
 }
 
@@ -230,22 +226,7 @@ TEST_F(CEvDeathTest, ThousandAndTwentyFourWaitToBeClosed)
         ASSERT_EQ(select_removeevent(1900), 0);
     }
     EXPECT_DEATH(select_removeevent(1900), "g_pFDsToCloseArray\\[u32Index\\] == -1");
-    SocketAt(100, false);
-    ExpectNothingBut(100);
+    ExpectNothing();
     EXPECT_EQ(select_removeevent(1900), 0);
-}
-
-void RunIntoSelectErrors()
-{
-    select_startevents();
-    g_s32SelectErrors = {EINTR, EBADF, ENOMEM};
-    (new CEventThread)->Start();
-    sleep(20);
-    exit(0);
-}
-
-TEST(CEvStartDeathTest, OtherSelectErrorsEndTheEventThread)
-{
-    EXPECT_DEATH(RunIntoSelectErrors(), "CEventThread::Entry.*s32Err == 0");
 }
 } // namespace

@@ -1,6 +1,6 @@
 /*
  * Idle timers and timeout records, mostly by moved time: after a leap of the clock a thread that
- * waits looks again when something else wakes it.
+ * waits tests its deadlines again when something else wakes it.
  */
 #include <atomic>
 #include <limits>
@@ -16,14 +16,14 @@
 namespace
 {
 constexpr SInt64 kHourMs = 3600000;
+constexpr SInt64 kNeverMs = std::numeric_limits<SInt64>::max();
 
 class CCountingTask : public CIdleTask
 {
 public:
     SInt64 Run() override
     {
-        UInt32 u32Events = GetEvents();
-        m_u32Events |= u32Events;
+        m_u32Events |= GetEvents();
         m_s32Runs++;
         return 0;
     }
@@ -36,23 +36,25 @@ public:
     std::atomic<UInt32> m_u32Events{0};
 };
 
-/* Gives the looking task away, so that a test can look itself. */
-class CLookedAt : public CTimeoutTask
-{
-public:
-    using CTimeoutTask::CTimeoutTask;
-    static CTimeoutTaskThread *Looker() { return s_pThread; }
+/* Gives the scanning task away, so that a test can scan. */
+struct CScanned : CTimeoutTask {
+    static CTimeoutTaskThread *Scanner() { return s_pThread; }
 };
 
 class CTimersTest : public testing::Test
 {
 protected:
-    CTimersTest() { CIdleTask::Initialize(); }
+    CTimersTest()
+    {
+        CIdleTask::Initialize();
+        CIdleTask::Initialize();
+    }
     ~CTimersTest() override { CTaskThreadPool::RemoveThreads(); }
 
-    /* Has the idle thread look at its timers, and waits for what it signals to have run. */
-    static void PokeIdleThread()
+    /* Has the idle thread test its timers, and waits for what it signals to have run. */
+    static void AdvanceAndPoke(SInt64 i_s64Milliseconds)
     {
+        moved_time::Advance(i_s64Milliseconds);
         CCountingTask objPoke;
         objPoke.SetIdleTimer(-1);
         objPoke.WaitForRuns(1);
@@ -65,7 +67,6 @@ protected:
 TEST_F(CTimersTest, AnIdleTimerKeepsItsFirstDeadlineAndFiresOnce)
 {
     CTaskThreadPool::AddThreads(1);
-    CIdleTask::Initialize();
     CCountingTask objEarly, objLate, objCancelled, objNever;
     objEarly.SetIdleTimer(1000);
     objEarly.SetIdleTimer(kHourMs);
@@ -74,20 +75,14 @@ TEST_F(CTimersTest, AnIdleTimerKeepsItsFirstDeadlineAndFiresOnce)
     objCancelled.SetIdleTimer(1000);
     objCancelled.CancelTimeout();
     objNever.CancelTimeout();
-    objNever.SetIdleTimer(std::numeric_limits<SInt64>::max());
-
-    moved_time::Advance(1001);
-    PokeIdleThread();
-    EXPECT_EQ(objEarly.m_s32Runs, 1);
-    EXPECT_EQ(objEarly.m_u32Events, 2u);
-    EXPECT_EQ(objLate.m_s32Runs, 0);
-
-    moved_time::Advance(kHourMs);
-    PokeIdleThread();
-    EXPECT_EQ(objLate.m_s32Runs, 1);
-    EXPECT_EQ(objEarly.m_s32Runs, 1);
-    EXPECT_EQ(objCancelled.m_s32Runs, 0);
-    EXPECT_EQ(objNever.m_s32Runs, 0);
+    objNever.SetIdleTimer(kNeverMs);
+    for (int s32Late : {0, 1}) {
+        AdvanceAndPoke(s32Late == 0 ? 1001 : kHourMs);
+        EXPECT_EQ(objEarly.m_s32Runs, 1);
+        EXPECT_EQ(objLate.m_s32Runs, s32Late);
+        EXPECT_EQ(objCancelled.m_s32Runs + objNever.m_s32Runs, 0);
+    }
+    EXPECT_EQ(objEarly.m_u32Events, CTask::kIdleEvent);
 }
 
 TEST_F(CTimersTest, AnEarlierTimerShortensTheIdleThreadsWait)
@@ -130,7 +125,7 @@ TEST_F(CTimersTest, ARecordWakesItsTaskThroughThePool)
     CTaskThreadPool::AddThreads(1);
     CTimeoutTask::Initialize(100);
     CCountingTask objTask, objPoke;
-    CTimeoutTask objRecord(&objTask, 60000, CTask::kTimeoutEvent | 0x40);
+    CTimeoutTask objRecord(&objTask, 60000, CTask::kTimeoutEvent | CTask::kReadEvent);
     objPoke.Signal(CTask::kStartEvent);
     objPoke.WaitForRuns(1);
     EXPECT_EQ(objTask.m_s32Runs, 0);
@@ -139,34 +134,34 @@ TEST_F(CTimersTest, ARecordWakesItsTaskThroughThePool)
         objPoke.Signal(CTask::kStartEvent);
         objTask.WaitForRuns(i);
     }
-    EXPECT_EQ(objTask.m_u32Events, 0x48u);
+    EXPECT_EQ(objTask.m_u32Events, CTask::kTimeoutEvent | CTask::kReadEvent);
     CTaskThreadPool::RemoveThreads();
 }
 
-TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
+TEST_F(CTimersTest, AScanSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
 {
-    CTaskThreadPool::AddThreadPools(1); /* without threads nobody looks but this test */
+    CTaskThreadPool::AddThreadPools(1); /* without threads nobody scans but this test */
     CTimeoutTask::Initialize(100);
     CTimeoutTask::Initialize(500);
-    CTimeoutTaskThread &objLooker = *CLookedAt::Looker();
-    EXPECT_STREQ(objLooker.GetTaskName(), "live_CTimeoutTask");
-    EXPECT_EQ(objLooker.GetIntervalMilli(), 100);
-    EXPECT_EQ(objLooker.Run(), 1000);
+    CTimeoutTaskThread &objScanner = *CScanned::Scanner();
+    EXPECT_STREQ(objScanner.GetTaskName(), "live_CTimeoutTask");
+    EXPECT_EQ(objScanner.GetIntervalMilli(), 100);
+    EXPECT_EQ(objScanner.Run(), 1000);
 
     CCountingTask objTask;
-    CTimeoutTask objDue(&objTask, 2000, CTask::kTimeoutEvent), objOff(&objTask, 0, 0x100);
-    CTimeoutTask objNobody(nullptr, 3000, 0x200);
-    EXPECT_EQ(objLooker.Run(), 1000);
+    CTimeoutTask objDue(&objTask, 2000, CTask::kTimeoutEvent);
+    CTimeoutTask objOff(&objTask, 0, CTask::kReadEvent), objNobody(nullptr, 3000, 1);
+    EXPECT_EQ(objScanner.Run(), 1000);
     moved_time::Advance(5000);
     EXPECT_LE(objDue.GetTimeRemaining(), -3000);
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(objTask.GetEvents(), 0u);
-        EXPECT_EQ(objLooker.Run(), 1000);
-        EXPECT_EQ(objTask.GetEvents(), 8u);
+        EXPECT_EQ(objScanner.Run(), 1000);
+        EXPECT_EQ(objTask.GetEvents(), CTask::kTimeoutEvent);
     }
     objDue.SetTimeout(500);
     SInt64 s64Before = objDue.GetTimeRemaining();
-    SInt64 s64Next = objLooker.Run();
+    SInt64 s64Next = objScanner.Run();
     EXPECT_LE(s64Next, 1000 + s64Before);
     EXPECT_GE(s64Next, 1000 + objDue.GetTimeRemaining());
     EXPECT_GT(s64Next, 1000);
@@ -174,22 +169,18 @@ TEST_F(CTimersTest, ALookSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
 
     /* The younger record counts although the older is due sooner. */
     CTimeoutTask objYounger(&objTask, 1000, CTask::kTimeoutEvent);
-    EXPECT_GT(objLooker.Run(), 1500);
+    EXPECT_GT(objScanner.Run(), 1500);
     objDue.SetTimeout(0);
-    objYounger.SetTimeout(std::numeric_limits<SInt64>::max());
-    EXPECT_EQ(objLooker.Run(), 1000);
+    objYounger.SetTimeout(kNeverMs);
+    EXPECT_EQ(objScanner.Run(), 1000);
 }
 
 TEST(TimersDeathTest, NothingWorksBeforeTheServicesAre)
 {
     EXPECT_DEATH({ CCountingTask objTask; }, "`s_pIdleThread != NULL'");
     EXPECT_DEATH(CTimeoutTask(nullptr, 0, 0), "`s_pThread != NULL'");
-    EXPECT_DEATH(
-        {
-            CIdleTask::Initialize();
-            CCountingTask objTask;
-            CIdleTaskThread objOther;
-            objOther.SetIdleTimer(&objTask, 1000);
-        },
-        "`m_objIdleHeap.CurrentHeapSize.. == 0'");
+    CIdleTask::Initialize();
+    CCountingTask objTask;
+    EXPECT_DEATH(CIdleTaskThread().SetIdleTimer(&objTask, 1000),
+                 "`m_objIdleHeap.CurrentHeapSize.. == 0'");
 }
