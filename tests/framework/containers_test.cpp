@@ -49,7 +49,7 @@ public:
     void Insert(CHeapElem *i_pElem)
     {
         m_pSlots.push_back(i_pElem);
-        for (size_t i = m_pSlots.size() - 1; i > 1 && At(i) < At(i / 2); i /= 2) {
+        for (size_t i = m_pSlots.size() - 1; i > 1 && Less(i, i / 2); i /= 2) {
             std::swap(m_pSlots[i], m_pSlots[i / 2]);
         }
     }
@@ -59,26 +59,23 @@ public:
         if (i_u64Index < 1 || i_u64Index >= m_pSlots.size()) {
             return nullptr;
         }
-        CHeapElem *pVictim = m_pSlots[i_u64Index];
-        m_pSlots[i_u64Index] = m_pSlots.back();
+        CHeapElem *pVictim = std::exchange(m_pSlots[i_u64Index], m_pSlots.back());
         m_pSlots.pop_back();
-        for (size_t i = i_u64Index;;) {
-            size_t u64Smallest = i;
-            for (size_t u64Child : {2 * i, 2 * i + 1}) {
-                if (u64Child < m_pSlots.size() && At(u64Child) < At(u64Smallest)) {
-                    u64Smallest = u64Child;
-                }
-            }
+        for (size_t i = i_u64Index, u64Smallest = i;; i = u64Smallest) {
+            u64Smallest = Less(2 * i, u64Smallest) ? 2 * i : u64Smallest;
+            u64Smallest = Less(2 * i + 1, u64Smallest) ? 2 * i + 1 : u64Smallest;
             if (u64Smallest == i) {
                 return pVictim;
             }
             std::swap(m_pSlots[i], m_pSlots[u64Smallest]);
-            i = u64Smallest;
         }
     }
 
 private:
-    SInt64 At(size_t i_u64Index) const { return m_pSlots[i_u64Index]->GetValue(); }
+    bool Less(size_t i, size_t j) const
+    {
+        return i < m_pSlots.size() && m_pSlots[i]->GetValue() < m_pSlots[j]->GetValue();
+    }
 };
 
 CPLString View(std::string &i_strText)
@@ -133,6 +130,9 @@ TEST(QueueDeathTest, ForeignAndNullElementsAndEarlyDestructionAreFatal)
 TEST(BlockingQueue, AnEarlyWakeUpEndsTheOneWaitWithNothing)
 {
     CQueue_Blocking objQueue;
+    SInt64 s64Before = GetTimeInMs();
+    EXPECT_EQ(objQueue.DeQueueBlocking(nullptr, 30), nullptr);
+    EXPECT_GE(GetTimeInMs() - s64Before, 27);
     std::atomic<bool> bDone{false};
     std::thread objWaiter([&] {
         EXPECT_EQ(objQueue.DeQueueBlocking(nullptr, 0), nullptr);
@@ -143,9 +143,6 @@ TEST(BlockingQueue, AnEarlyWakeUpEndsTheOneWaitWithNothing)
         std::this_thread::yield();
     }
     objWaiter.join();
-    SInt64 s64Before = GetTimeInMs();
-    EXPECT_EQ(objQueue.DeQueueBlocking(nullptr, 30), nullptr);
-    EXPECT_GE(GetTimeInMs() - s64Before, 27);
 }
 
 TEST(Heap, FollowsItsRulesUnderRandomOperations)

@@ -23,6 +23,7 @@ namespace
 /* errno of the next selects; 0 lets one through to the system. */
 std::deque<int> g_s32SelectErrors;
 int g_s32SelectNum = 0; /* the first argument of the last select */
+int g_s32Removed = -1;  /* removed when the next select has its result */
 } // namespace
 
 extern "C" int __real_select(int, fd_set *, fd_set *, fd_set *, struct timeval *);
@@ -40,7 +41,9 @@ extern "C" int __wrap_select(int i_s32Num, fd_set *io_pRead, fd_set *io_pWrite, 
             return -1;
         }
     }
-    return __real_select(i_s32Num, io_pRead, io_pWrite, io_pExcept, io_pTimeout);
+    const int s32Result = __real_select(i_s32Num, io_pRead, io_pWrite, io_pExcept, io_pTimeout);
+    (void)select_removeevent(std::exchange(g_s32Removed, -1));
+    return s32Result;
 }
 
 namespace
@@ -144,6 +147,13 @@ TEST_F(CEvTest, ARemovedDescriptorIsClosedByTheWaitAndItsResultsAreDropped)
     EXPECT_EQ(g_s32SelectNum, 501);
     EXPECT_FALSE(IsOpen(300));
     EXPECT_EQ(send(s32FarEnd, "x", 1, MSG_NOSIGNAL), -1);
+
+    SocketAt(300, true);
+    g_s32Removed = 300;
+    EXPECT_EQ(Watch(300, EV_READ | EV_WRITE), 0);
+    ExpectNothing();
+    ExpectNothing();
+    EXPECT_FALSE(IsOpen(300));
 
     /* The highest descriptor goes; lower ones are still found, and so is a new highest. */
     EXPECT_EQ(select_removeevent(500), 0);

@@ -93,10 +93,9 @@ TEST(EventContextTest, OneEventForOneRequest)
 
 TEST(EventContextTest, TheTaskIsSignalledReadWhateverTheBits)
 {
-    /* Without a pool it is marked and does not run. */
     struct CReader : CTask {
         SInt64 Run() override { return 0; }
-    } objTask;
+    } objTask; /* without a pool it is marked and does not run */
     CProbe objProbe(Counter(false));
     objProbe.SetTask(&objTask);
     objProbe.RequestEvent(EV_WRITE);

@@ -6,26 +6,27 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/eventfd.h>
+
 #include "framework/clock.h"
-#include "framework/ev.h"
 #include "framework/idletask.h"
-#include "framework/task.h"
 #include "framework/timeouttask.h"
-#include "framework/udpsocket.h"
+#include "tests/framework/net_support.h"
 
 namespace
 {
-/* Always busy: runs again soon, sets its idle timer, wakes its neighbour, talks to itself. */
+/* Ready whenever it is asked. */
+class CReadySocket : public CSocket
+{
+public:
+    explicit CReadySocket(CTask *i_pTask) : CSocket(i_pTask, 0) { m_s32FileDesc = eventfd(1, 0); }
+    ~CReadySocket() override { CleanupIfWanted(); }
+};
+
+/* Always busy: runs again soon, sets its idle timer, wakes its neighbour and itself. */
 class CBusyTask : public CIdleTask
 {
 public:
-    CBusyTask() : m_objSocket(this, CSocket::kNonBlocking), m_objRecord(this, 0, kTimeoutEvent)
-    {
-        if (m_objSocket.Open() != 0 || m_objSocket.Bind(INADDR_LOOPBACK, 0) != 0) {
-            exit(1);
-        }
-    }
-
     SInt64 Run() override
     {
         if ((GetEvents() & kKillEvent) != 0) {
@@ -33,30 +34,21 @@ public:
         }
         m_objRecord.SetTimeout(1); /* not before: the task may be signalled from here on */
         KeepEveryThreadBusy();
-        if (m_pNeighbour != nullptr) {
-            m_pNeighbour->Signal(kReadEvent);
-        }
+        CTask::Signal(m_pNeighbour, kReadEvent);
         return GetTimeInMcros() % 2;
     }
 
     void KeepEveryThreadBusy()
     {
-        unsigned u32Addr, u32Len;
-        unsigned short u16Port;
-        char aBytes[8];
-        while (m_objSocket.RecvFrom(&u32Addr, &u16Port, aBytes, sizeof(aBytes), &u32Len) == 0) {
-        }
-        m_objSocket.RequestEvent(1);
-        u16Port = static_cast<unsigned short>(atoi(m_objSocket.GetLocalPortStr()->m_pPtr));
-        m_objSocket.SendTo(INADDR_LOOPBACK, u16Port, "again", 5);
+        m_objSocket.RequestEvent(EV_READ);
         SetIdleTimer(1);
     }
 
     CTask *m_pNeighbour = nullptr;
 
 private:
-    CUDPSocket m_objSocket;
-    CTimeoutTask m_objRecord;
+    CReadySocket m_objSocket{this};
+    CTimeoutTask m_objRecord{this, 0, kTimeoutEvent};
 };
 
 /* Made before every other static object, so destroyed after them: gives the threads time to meet
@@ -79,9 +71,7 @@ void ExitWhileBusy(bool i_bStop, int i_s32Milliseconds)
     }
     CTaskThreadPool::AddThreads(2);
     CTimeoutTask::Initialize(100);
-    select_startevents();
-    CSocket::Initialize();
-    CSocket::StartThread();
+    StartEvents();
     CIdleTask::Initialize();
     for (int i = 0; i < kTasks; i++) {
         g_aTasks[i] = new CBusyTask;
@@ -104,9 +94,7 @@ void ExitWhileBusy(bool i_bStop, int i_s32Milliseconds)
 }
 } // namespace
 
-class CExitDeathTest : public testing::TestWithParam<bool>
-{
-};
+using CExitDeathTest = testing::TestWithParam<bool>;
 
 TEST_P(CExitDeathTest, IsCleanWhileThreadsThatNeverEndAreBusy)
 {

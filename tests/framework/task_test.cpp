@@ -4,7 +4,6 @@
 #include <atomic>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
@@ -68,31 +67,6 @@ SInt64 DoNothing(CTestTask &)
     return 0;
 }
 
-/* Keeps the threads of pool 0 from running anything until it is released. */
-class CBlockedPool
-{
-public:
-    explicit CBlockedPool(int i_s32Threads)
-    {
-        for (int i = 0; i < i_s32Threads; i++) {
-            (new CTestTask([pState = m_pState](CTestTask &) {
-                pState->s32Inside++;
-                EXPECT_TRUE(WaitUntil([&] { return pState->bReleased.load(); }));
-                return -1;
-            }))->Signal(CTask::kStartEvent);
-        }
-        EXPECT_TRUE(WaitUntil([&] { return m_pState->s32Inside == i_s32Threads; }));
-    }
-    void Release() { m_pState->bReleased = true; }
-
-private:
-    struct CState {
-        std::atomic<bool> bReleased{false};
-        std::atomic<int> s32Inside{0};
-    };
-    std::shared_ptr<CState> m_pState = std::make_shared<CState>();
-};
-
 /* Tells its end, and whether it was marked as dead by then. */
 struct CMortalTask : CTask {
     ~CMortalTask() override
@@ -132,37 +106,26 @@ TEST(TaskName, KeepsThePrefixOfTheLiving)
     CTask::Signal(nullptr, CTask::kStartEvent);
 }
 
-TEST_F(CTaskTest, EventsMergeBeforeARunAndCauseOneMoreDuringIt)
+TEST_F(CTaskTest, EventsMergeAndADelayedRunKeepsItsTimeAndItsThread)
 {
     CTaskThreadPool::AddThreads(2);
-    CBlockedPool objBlocked(2);
     CTestTask objTask([](CTestTask &i_refTask) {
         EXPECT_EQ(i_refTask.GetEvents(), 0u);
         if (i_refTask.m_s32Runs == 0) {
-            std::thread([&] { i_refTask.Signal(CTask::kReadEvent); }).join();
+            std::thread([&] {
+                i_refTask.Signal(CTask::kReadEvent);
+                i_refTask.Signal(CTask::kTimeoutEvent);
+            }).join();
         }
-        return 0;
+        return i_refTask.m_s32Runs == 1 ? 250 : 0;
     });
     objTask.Signal(CTask::kStartEvent);
-    objTask.Signal(CTask::kTimeoutEvent);
-    objBlocked.Release();
     objTask.WaitForRuns(2);
-    CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(objTask.m_u32Seen, (std::vector<UInt32>{4 | 8, 16}));
-    EXPECT_EQ(objTask.m_pThreads.size(), 1u);
-}
-
-TEST_F(CTaskTest, ADelayedRunKeepsItsTimeAndItsThread)
-{
-    CTaskThreadPool::AddThreads(2);
-    CTestTask objTask([](CTestTask &i_refTask) { return i_refTask.m_s32Runs == 0 ? 250 : 0; });
-    objTask.Signal(CTask::kStartEvent);
-    objTask.WaitForRuns(1);
     objTask.Signal(CTask::kReadEvent); /* adds its bit, and no run of its own */
-    objTask.WaitForRuns(2);
+    objTask.WaitForRuns(3);
     CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(objTask.m_u32Seen, (std::vector<UInt32>{4, 2 | 16}));
-    EXPECT_GE(objTask.m_s64Times[1] - objTask.m_s64Times[0], 250);
+    EXPECT_EQ(objTask.m_u32Seen, (std::vector<UInt32>{4, 8 | 16, 2 | 16}));
+    EXPECT_GE(objTask.m_s64Times[2] - objTask.m_s64Times[1], 250);
     EXPECT_EQ(objTask.m_pThreads.size(), 1u);
 }
 
@@ -206,14 +169,13 @@ TEST_F(CTaskTest, PoolsKeepTheirTasksAndBoundTasksTheirThread)
     EXPECT_EQ(objEarly.m_s32Runs + objLost.m_s32Runs, 0);
 }
 
-TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
+TEST_F(CTaskTest, OneRunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
 {
     CTaskThreadPool::AddThreads(3);
     std::atomic<bool> bInside{false}, bMayGo{false};
     CTestTask objOther([&](CTestTask &) {
         bInside = true;
         EXPECT_TRUE(WaitUntil([&] { return bMayGo.load(); }));
-        bInside = false;
         return 0;
     });
     CTestTask objAlone([&](CTestTask &i_refTask) {
@@ -223,27 +185,17 @@ TEST_F(CTaskTest, ARunUnderTheGlobalLockIsAloneUntilItGivesTheLockUp)
             EXPECT_FALSE(bInside);
             i_refTask.GlobalUnlock();
             EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
-        } else {
-            /* Not before the other has left; the last run, without the lock, beside it. */
-            EXPECT_EQ(bInside, i_refTask.m_s32Runs == 2);
         }
         return 0;
     });
-    objAlone.SetGlobalLock();
-    objAlone.Signal(CTask::kStartEvent);
-    objAlone.WaitForRuns(1);
-    CThread::Sleep(5);
-    objAlone.SetGlobalLock();
-    objAlone.Signal(CTask::kStartEvent);
-    CThread::Sleep(20);
-    bMayGo = true;
-    objAlone.WaitForRuns(2);
-
-    bMayGo = false;
-    objOther.Signal(CTask::kStartEvent);
-    EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
-    objAlone.Signal(CTask::kStartEvent);
-    objAlone.WaitForRuns(3);
+    CTestTask objOnce(DoNothing);
+    for (CTestTask *pTask : {&objOnce, &objAlone}) {
+        pTask->SetGlobalLock();
+        pTask->Signal(CTask::kStartEvent);
+        pTask->WaitForRuns(1);
+    }
+    objOnce.Signal(CTask::kStartEvent); /* beside the other, which is still inside */
+    objOnce.WaitForRuns(2);
     bMayGo = true;
     CTaskThreadPool::RemoveThreads();
 }

@@ -87,11 +87,17 @@ TEST(MutexRWTest, ReadersShareAndWaitingWritersGoFirst)
         objLock.Unlock();
         CThread::ThreadYield();
     }
+    CRunner objReader([&] {
+        CMutexReadLocker objLocker(&objLock);
+        EXPECT_TRUE(bWritten);
+    });
+    objReader.Start();
+    CThread::Sleep(20);
     EXPECT_FALSE(bWritten);
     objLock.Unlock();
     objLock.Unlock();
     objWriter.Join();
-    EXPECT_TRUE(bWritten);
+    objReader.Join();
     EXPECT_EQ(objLock.TryLockWrite(), 0);
     EXPECT_EQ(objLock.TryLockRead(), EBUSY);
     /* A second writer enters beside the first; both leave with one unlock. */

@@ -17,15 +17,12 @@ namespace
 /* Ends as it is told, the first time; a second child, where there is one, ends with 0. */
 [[noreturn]] void BeChild(int i_s32Signal, int i_s32Exit, int i_s32Number)
 {
-    if (i_s32Number > 1) {
-        _exit(0);
-    }
-    if (i_s32Signal != 0) {
+    if (i_s32Signal != 0 && i_s32Number == 1) {
         /* The sanitizers' own handlers would turn the signal into an exit. */
         signal(i_s32Signal, SIG_DFL);
         raise(i_s32Signal);
     }
-    _exit(i_s32Exit);
+    _exit(i_s32Number == 1 ? i_s32Exit : 0);
 }
 
 TEST(WatchdogTest, CrashesAndErrorExitsRestartAndOtherEndsEnd)
