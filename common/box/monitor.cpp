@@ -103,7 +103,9 @@ void CMonitor::ReadEvents(int i_s32Fd, int i_s32Watch)
             return;
         }
         for (ssize_t s64At = 0; s64At < s64Len;) {
-            const auto *pEvent = reinterpret_cast<const struct inotify_event *>(szEvents + s64At);
+            /* The kernel pads names, so that every record is aligned (inotify(7)). */
+            const void *pRecord = szEvents + s64At;
+            const auto *pEvent = static_cast<const struct inotify_event *>(pRecord);
             /* A full kernel queue and a removed watch report themselves as events, too. */
             if ((pEvent->mask & IN_MOVED_TO) != 0 && pEvent->wd == i_s32Watch && pEvent->len > 0 &&
                 pEvent->name[0] != '\0') {
