@@ -15,11 +15,15 @@ _mv3300ctl()
         --mode) mapfile -t COMPREPLY < <(compgen -W "cbr vbr" -- "$cur"); return ;;
         --bitrate) mapfile -t COMPREPLY < <(compgen -W "500k 1M 2M 4M 8M 10M" -- "$cur"); return ;;
         --height) mapfile -t COMPREPLY < <(compgen -W "270 360 540 720 1080" -- "$cur"); return ;;
-        --file) compopt -o default; return ;;
+        --file | --log-config) compopt -o default; return ;;
+        --timing)
+            mapfile -t COMPREPLY < <(compgen -W "1920x1080@60-0 1280x720@60-0" -- "$cur")
+            return
+            ;;
         --gop | --refreshrate | --timeout | --interval | --for) return ;;
     esac
 
-    local candidates="get set watch save --help --version"
+    local candidates="get set watch save check --help --version"
     if ((cword > 1)); then
         case ${words[1]} in
             get)
@@ -31,6 +35,10 @@ _mv3300ctl()
                 candidates+=" --save --json --timeout --help"
                 ;;
             save) candidates="--dry-run --file --json --timeout --help" ;;
+            check)
+                candidates="--timing --dry-run --log-config --json --help"
+                [[ $cur == -* ]] || compopt -o default
+                ;;
             watch) candidates="--interval --for --json --timeout --help" ;;
             *) candidates="" ;;
         esac

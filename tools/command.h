@@ -2,7 +2,7 @@
  * What the commands of mv3300ctl have in common: exit codes, where results go, and how a command
  * joins the table in ctl_main.cpp.
  *
- * A command is a source pair cmd_NAME with a Describe function: it adds the command's options to
+ * A command is a source pair ctl_NAME with a Describe function: it adds the command's options to
  * its part of the command line and returns what runs it. The returned function is called once at
  * most, after the command line was read, by the one thread there is; it may throw CLI::ParseError
  * for what only shows then.

@@ -9,8 +9,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include "tools/cmd_save.h"
-#include "tools/cmd_settings.h"
+#include "tools/ctl_check.h"
+#include "tools/ctl_save.h"
+#include "tools/ctl_settings.h"
 #include "tools/nearest.h"
 
 namespace
@@ -20,6 +21,7 @@ constexpr CTL_COMMAND_S kCommands[] = {
     {"set", "Change settings and tell what took effect", DescribeSet},
     {"watch", "Show the settings and every change", DescribeWatch},
     {"save", "Write the running settings into the parameter file", DescribeSave},
+    {"check", "Tell what the daemon makes of a parameter file", DescribeCheck},
 };
 
 const char *const kFooter =

@@ -264,6 +264,28 @@ bool IsHeard(Category &i_objCategory)
     Category *pParent = i_objCategory.getParent();
     return i_objCategory.getAdditivity() && pParent != nullptr && IsHeard(*pParent);
 }
+
+/* Takes over what can be used of the configuration. True if that was all of it. */
+bool TakeOver(const char *i_pPath, const Lines &i_strLines, Names *o_pProblems)
+{
+    const Names strAppenders = AppendersIn(i_strLines);
+    const std::string strRefusal = Refusal(std::string(i_pPath));
+    if (strRefusal.empty() && AllOpen(strAppenders)) {
+        return true;
+    }
+    Forget(strAppenders);
+    if (i_strLines.empty()) {
+        o_pProblems->push_back(strRefusal);
+        LogUntilConfigured();
+        Category::getRoot().removeAllAppenders();
+        return false;
+    }
+    const std::string strStill = Refusal(Usable(i_strLines, o_pProblems));
+    if (!strStill.empty()) {
+        o_pProblems->push_back(strStill);
+    }
+    return false;
+}
 } // namespace
 
 void LogUntilConfigured()
@@ -280,23 +302,9 @@ void LogUntilConfigured()
 
 void ConfigureLog(const char *i_pPath, const char *i_pFallback)
 {
-    const Lines strLines = ReadLines(i_pPath);
-    const Names strAppenders = AppendersIn(strLines);
-    const std::string strRefusal = Refusal(std::string(i_pPath));
-    if (strRefusal.empty() && AllOpen(strAppenders)) {
-        return;
-    }
-    Forget(strAppenders);
     Names strProblems;
-    if (strLines.empty()) {
-        strProblems.push_back(strRefusal);
-        LogUntilConfigured();
-        Category::getRoot().removeAllAppenders();
-    } else {
-        const std::string strStill = Refusal(Usable(strLines, &strProblems));
-        if (!strStill.empty()) {
-            strProblems.push_back(strStill);
-        }
+    if (TakeOver(i_pPath, ReadLines(i_pPath), &strProblems)) {
+        return;
     }
     Category &objCategory = Category::getInstance(kCategory);
     if (!IsHeard(objCategory)) {
@@ -305,4 +313,22 @@ void ConfigureLog(const char *i_pPath, const char *i_pFallback)
     for (const std::string &strProblem : strProblems) {
         LOG_ERROR("log configuration %s: %s", i_pPath, strProblem.c_str());
     }
+}
+
+std::vector<std::string> CheckLogConfig(const char *i_pPath)
+{
+    const Lines strLines = ReadLines(i_pPath);
+    Names strNewFiles;
+    for (const auto &[strKey, strValue] : strLines) {
+        if (strKey.ends_with(".fileName") && access(strValue.c_str(), F_OK) != 0) {
+            strNewFiles.push_back(strValue);
+        }
+    }
+    Names strProblems;
+    (void)TakeOver(i_pPath, strLines, &strProblems);
+    Forget(AppendersIn(strLines));
+    for (const std::string &strFile : strNewFiles) {
+        unlink(strFile.c_str());
+    }
+    return strProblems;
 }

@@ -5,6 +5,9 @@
  */
 #pragma once
 
+#include <string>
+#include <vector>
+
 /* Until a configuration is read, and undoing one that was: lines from INFO on go to the standard
  * error stream, or to syslog(3) where that is the null device. */
 void LogUntilConfigured();
@@ -15,3 +18,7 @@ void LogUntilConfigured();
  * error stream, or where that is the null device to a file that i_pFallback names, which is rolled
  * over at a megabyte, or at last to syslog(3). */
 void ConfigureLog(const char *i_pPath, const char *i_pFallback);
+
+/* What of a log configuration ConfigureLog() would leave out, for a process that does not log. Its
+ * files are opened for that as the calling user; one that was not there is removed again. */
+std::vector<std::string> CheckLogConfig(const char *i_pPath);

@@ -1,7 +1,7 @@
 /*
  * get, set and watch.
  */
-#include "tools/cmd_settings.h"
+#include "tools/ctl_settings.h"
 
 #include <algorithm>
 #include <ctime>
@@ -13,7 +13,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/apply_settings.h"
-#include "tools/cmd_save.h"
+#include "tools/ctl_save.h"
 #include "tools/report.h"
 
 namespace

@@ -1,7 +1,7 @@
 /*
  * save.
  */
-#include "tools/cmd_save.h"
+#include "tools/ctl_save.h"
 
 #include <memory>
 #include <vector>
