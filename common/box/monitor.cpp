@@ -109,6 +109,9 @@ void CMonitor::ReadEvents(int i_s32Fd, int i_s32Watch)
             /* A full kernel queue and a removed watch report themselves as events, too. */
             if ((pEvent->mask & IN_MOVED_TO) != 0 && pEvent->wd == i_s32Watch && pEvent->len > 0 &&
                 pEvent->name[0] != '\0') {
+                /* Pictures that keep coming keep the loop from its poll, and one read holds up to
+                 * two seconds of them. Before the picture, which would be removed again else. */
+                ReportWhenDue();
                 Publish(pEvent->name);
             }
             s64At += static_cast<ssize_t>(sizeof(*pEvent) + pEvent->len);
@@ -129,7 +132,4 @@ void CMonitor::Publish(const char *i_pName)
     Sleep(kWriterPauseMs); /* the writer may still be at work on the file */
     (void)rename(szPath, m_strPicture.c_str());
     m_u32Count++;
-    /* Pictures that keep coming keep the loop from its poll, and a read holds up to two seconds of
-     * them. */
-    ReportWhenDue();
 }

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <log4cpp/Category.hh>
+#include <log4cpp/Appender.hh>
 
 #include "common/bus/log.h"
 #include "common/bus/log_config.h"
@@ -13,12 +13,12 @@
 
 namespace
 {
-/* Lines of the configurations below: FILE and LOST are appenders with a file that can be opened
+/* Lines of the configurations below: FILE and BAD are appenders with a file that can be opened
  * and one that cannot. */
 const std::string kFile = "appender.FILE=FileAppender\nappender.FILE.fileName=%/file\n"
                           "appender.FILE.layout=BasicLayout\n";
-const std::string kLost = "appender.LOST=FileAppender\nappender.LOST.fileName=%/no/where\n"
-                          "appender.LOST.layout=BasicLayout\n";
+const std::string kBad = "appender.BAD=FileAppender\nappender.BAD.fileName=%/no/where\n"
+                         "appender.BAD.layout=BasicLayout\n";
 const std::string kAlone = "additivity.CATEGORY=false\n";
 
 class LogConfigTest : public testing::Test
@@ -40,6 +40,9 @@ protected:
         LOG_WARN("one warning");
         LOG_INFO("one info");
         LogUntilConfigured();
+        for (const char *pName : {"FILE", "BAD", "C"}) { /* the library keeps them */
+            delete log4cpp::Appender::getAppender(pName);
+        }
     }
 
     static int Count(const std::string &i_strText, const std::string &i_strPart)
@@ -65,9 +68,9 @@ TEST_F(LogConfigTest, WhatWorksOfTheConfigurationIsKept)
     } stCases[] = {
         {"rootCategory=INFO, FILE\n" + kFile, 2, 0, nullptr},
         {"rootCategory=WARN, FILE\n" + kFile, 1, 0, nullptr},
-        {"rootCategory=WARN, LOST, FILE\n" + kLost + kFile, 1, 0,
-         "the file of appender <LOST> cannot be opened"},
-        {"rootCategory=WARN, LOST\n" + kLost, 0, 1, "the file of appender <LOST> cannot be"},
+        {"rootCategory=WARN, BAD, FILE\n" + kBad + kFile, 1, 0,
+         "the file of appender <BAD> cannot be opened"},
+        {"rootCategory=WARN, BAD\n" + kBad, 0, 1, "the file of appender <BAD> cannot be"},
         {"rootCategory=INFO, FILE\ncategory.CATEGORY=WARN, FIL\n" + kAlone + kFile, 0, 1,
          "appender <FIL> of category.CATEGORY is not defined"},
         {"rootCategory=LOUD, FILE\n" + kFile, 2, 0, "level <LOUD> of rootCategory is unknown"},
@@ -100,11 +103,11 @@ TEST_F(LogConfigTest, WithoutStandardStreamsTheLinesGoToAFile)
     const std::string strConsole = "appender.C=ConsoleAppender\nappender.C.layout=BasicLayout\n";
     std::string strLogs;
     for (const std::string &strText :
-         {std::string(), "rootCategory=INFO, LOST, C\n" + kLost + strConsole}) {
+         {std::string(), "rootCategory=INFO, BAD, C\n" + kBad + strConsole}) {
         Configure(strText);
         strLogs += ReadFile(m_objDir.Path("fallback"));
     }
-    Configure("rootCategory=INFO, FILE, LOST\n" + kFile + kLost);
+    Configure("rootCategory=INFO, FILE, BAD\n" + kFile + kBad);
     EXPECT_EQ(Count(ReadFile(m_objDir.Path("file")), "one "), 2);
     EXPECT_FALSE(std::filesystem::exists(m_objDir.Path("fallback")));
     dup2(s32Out, STDOUT_FILENO);
