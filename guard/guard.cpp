@@ -445,7 +445,8 @@ void CGuard::Run(int i_s32StopFd)
         if (stFds[0].revents != 0) {
             const std::optional<SInt64> s64BeforeMs = m_objRelay.Stream().s64LastPacketMs;
             m_objRelay.Serve(m_s64NowMs);
-            if (!s64BeforeMs || m_s64NowMs - *s64BeforeMs >= kQuietMs) {
+            if (m_objRelay.Stream().s64LastPacketMs == m_s64NowMs &&
+                (!s64BeforeMs || m_s64NowMs - *s64BeforeMs >= kQuietMs)) {
                 m_stFacts.s64FlowingMs = m_s64NowMs;
             }
         }

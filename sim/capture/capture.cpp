@@ -72,13 +72,16 @@ int Refuse(int i_s32Error)
 
 int TellTiming(const char *i_pText, v4l2_dv_timings *o_pTimings)
 {
-    v4l2_bt_timings stBt = {};
+    unsigned u32Width = 0;
+    unsigned u32Height = 0;
     unsigned u32Fps = 0;
     unsigned u32Interlaced = 0;
-    if (sscanf(i_pText, "%5ux%5u@%3u-%1u", &stBt.width, &stBt.height, &u32Fps, &u32Interlaced) <
-        3) {
+    if (sscanf(i_pText, "%5ux%5u@%3u-%1u", &u32Width, &u32Height, &u32Fps, &u32Interlaced) < 3) {
         return Refuse(ENOTTY);
     }
+    v4l2_bt_timings stBt = {};
+    stBt.width = u32Width;
+    stBt.height = u32Height;
     /* The blanking of a usual 1080p: nobody may take the picture for the whole frame. */
     stBt.interlaced = u32Interlaced;
     stBt.hfrontporch = 88;

@@ -82,6 +82,11 @@ TEST(SpsTest, SizeProfileAndLevel)
     EXPECT_EQ(stSps->u32Height, 1080U);
     EXPECT_EQ(stSps->strProfile, "high");
     EXPECT_EQ(stSps->strLevel, "4.1");
+    const Packet objEscaped = {0x67, 0x42, 0, 0, 3, 0xDA, 2, 0x80, 0xBF, 0xE5, 0x40};
+    const auto stSmall = ParseSps(objEscaped);
+    ASSERT_TRUE(stSmall);
+    EXPECT_EQ(stSmall->u32Width, 640U);
+    EXPECT_EQ(stSmall->u32Height, 360U);
     for (std::size_t i = 0; i < 9; i++) {
         EXPECT_FALSE(ParseSps(Bytes(SPS_1080).first(i))) << i;
     }
