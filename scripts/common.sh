@@ -87,7 +87,7 @@ readonly DAEMON_LIBRARIES=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev 
 readonly TOOL_LIBRARIES=(libcli11-dev nlohmann-json3-dev)
 readonly ELEMENTS=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
     gstreamer1.0-plugins-ugly gstreamer1.0-libav)
-readonly BOX_TOOLS=(iproute2 socat util-linux procps)
+readonly BOX_TOOLS=(iproute2 socat util-linux procps python3)
 
 want_build() {
     want "compiler and build tools" "${BUILD_TOOLS[@]}"
