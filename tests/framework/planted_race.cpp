@@ -29,6 +29,8 @@ int main()
     CTaskThreadPool::AddThreads(1);
     (new CRacingTask)->Signal(CTask::kStartEvent);
     g_s32Planted++;
+    /* A task that runs after the stop runs after what came before it: that would be no race. */
+    CThread::Sleep(100);
     CTaskThreadPool::RemoveThreads();
     printf("%d\n", g_s32Planted);
     return 0;
