@@ -211,6 +211,26 @@ std::string UsableCategory(const std::string &i_strKey, const std::string &i_str
     return strUsable;
 }
 
+bool IsCategory(const std::string &i_strKey)
+{
+    return i_strKey == kRootKey || i_strKey.starts_with(kCategoryPrefix);
+}
+
+/* Whether every level is known and every appender that is named is defined. Where
+ * there are no appenders at all the library attaches what is none, and crashes at the first line.
+ */
+bool NamesOnlyWhatIsDefined(const Lines &i_strLines)
+{
+    const Names strDefined = AppendersIn(i_strLines);
+    Names strProblems;
+    for (const auto &[strKey, strValue] : i_strLines) {
+        if (IsCategory(strKey)) {
+            (void)UsableCategory(strKey, strValue, strDefined, strDefined, &strProblems);
+        }
+    }
+    return strProblems.empty();
+}
+
 /* What of the configuration can be used. */
 Lines Usable(const Lines &i_strLines, Names *o_pProblems)
 {
@@ -238,7 +258,7 @@ Lines Usable(const Lines &i_strLines, Names *o_pProblems)
     for (const auto &[strKey, strValue] : i_strLines) {
         const std::string strName = AppenderOf(strKey);
         bRoot = bRoot || strKey == kRootKey;
-        if (strKey == kRootKey || strKey.starts_with(kCategoryPrefix)) {
+        if (IsCategory(strKey)) {
             strResult.emplace_back(
                 strKey, UsableCategory(strKey, strValue, strDefined, strUsable, o_pProblems));
         } else if (strName.empty() || Has(strUsable, strName)) {
@@ -269,9 +289,12 @@ bool IsHeard(Category &i_objCategory)
 bool TakeOver(const char *i_pPath, const Lines &i_strLines, Names *o_pProblems)
 {
     const Names strAppenders = AppendersIn(i_strLines);
-    const std::string strRefusal = Refusal(std::string(i_pPath));
-    if (strRefusal.empty() && AllOpen(strAppenders)) {
-        return true;
+    std::string strRefusal;
+    if (NamesOnlyWhatIsDefined(i_strLines)) {
+        strRefusal = Refusal(std::string(i_pPath));
+        if (strRefusal.empty() && AllOpen(strAppenders)) {
+            return true;
+        }
     }
     Forget(strAppenders);
     if (i_strLines.empty()) {

@@ -73,6 +73,7 @@ TEST_F(LogConfigTest, WhatWorksOfTheConfigurationIsKept)
         {"rootCategory=WARN, BAD\n" + kBad, 0, 1, "the file of appender <BAD> cannot be"},
         {"rootCategory=INFO, FILE\ncategory.CATEGORY=WARN, FIL\n" + kAlone + kFile, 0, 1,
          "appender <FIL> of category.CATEGORY is not defined"},
+        {"rootCategory=WARN, GONE\n", 0, 1, "appender <GONE> of rootCategory is not defined"},
         {"rootCategory=LOUD, FILE\n" + kFile, 2, 0, "level <LOUD> of rootCategory is unknown"},
         {"rootCategory=WARN, FILE\ncategory.CATEGORY=LOUD\n" + kFile, 1, 0, "level <LOUD> of cat"},
         {"rootCategory=WARN, FILE\nappender.ODD=Unknown\n" + kFile, 1, 0, "unknown type 'Unknown'"},
