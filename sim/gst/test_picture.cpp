@@ -47,7 +47,7 @@ void CTestPicture::SetFormat(UInt32 u32Width, UInt32 u32Height, UInt32 u32Stride
     }
 }
 
-void CTestPicture::Paint(UInt64 i_u64Number, UInt8 *o_pData)
+void CTestPicture::Paint(UInt64 i_u64Number, UInt64 i_u64Time, UInt8 *o_pData)
 {
     memcpy(o_pData, m_u8Bars.data(), m_u8Bars.size());
 
@@ -66,5 +66,18 @@ void CTestPicture::Paint(UInt64 i_u64Number, UInt8 *o_pData)
     const UInt32 u32Left = static_cast<UInt32>(i_u64Number * 2 % (u32Pairs - u32Wide + 1));
     for (UInt32 y = m_u32Height / 8; y < std::min(m_u32Height, m_u32Height / 8 + u32Side); y++) {
         PaintRun(o_pData + static_cast<size_t>(y) * m_u32Stride + 4 * u32Left, u32Wide, kBox);
+    }
+
+    /* One line of cells, then copies of it. */
+    const UInt32 u32Top = m_u32Height - std::max(1U, m_u32Height / 16);
+    UInt8 *pStrip = o_pData + static_cast<size_t>(u32Top) * m_u32Stride;
+    for (UInt32 i = 0; i < STAMP_BITS; i++) {
+        const UInt32 u32Begin = u32Pairs * i / STAMP_BITS;
+        const bool bSet = (i_u64Time >> (STAMP_BITS - 1 - i) & 1) != 0;
+        PaintRun(pStrip + 4 * u32Begin, u32Pairs * (i + 1) / STAMP_BITS - u32Begin,
+                 bSet ? kBox : kBars[7]);
+    }
+    for (UInt32 y = u32Top + 1; y < m_u32Height; y++) {
+        memcpy(o_pData + static_cast<size_t>(y) * m_u32Stride, pStrip, m_u32Stride);
     }
 }

@@ -236,7 +236,7 @@ GstFlowReturn Fill(GstPushSrc *i_pSrc, GstBuffer *o_pBuffer)
         GST_ELEMENT_ERROR(i_pSrc, RESOURCE, NO_SPACE_LEFT, ("No room for a picture."), (nullptr));
         return GST_FLOW_ERROR;
     }
-    pState->objPicture.Paint(u64Frame, stMap.data);
+    pState->objPicture.Paint(u64Frame, static_cast<UInt64>(g_get_real_time()) / 1000, stMap.data);
     gst_buffer_unmap(o_pBuffer, &stMap);
 
     const GstVideoInfo &stInfo = pState->stInfo;
