@@ -183,6 +183,7 @@ void SetSocketOptions(socket_t i_s32Socket)
 
 /* What waits in the system for a slow viewer is old when it arrives. */
 constexpr int kSendBuffer = 128 * 1024;
+constexpr int kBacklog = 256;
 constexpr UInt32 kSpareThreads = 32;
 constexpr UInt32 kMostRequests = 1000; /* of a connection */
 } // namespace
@@ -227,6 +228,12 @@ std::string CHttpServer::UseTls(const std::string &i_strCertificate, const std::
     const char *pReason = ERR_reason_error_string(ERR_peek_last_error());
     return pWrong == nullptr ? std::string()
                              : std::string(pWrong) + (pReason == nullptr ? "?" : pReason);
+}
+
+Bool CHttpServer::Open(const std::string &i_strAddress, UInt16 i_u16Port)
+{
+    /* The library lets five connections wait, and a burst of more takes seconds of retries. */
+    return bind_to_port(i_strAddress, i_u16Port) && ::listen(svr_sock_, kBacklog) == 0;
 }
 
 void CHttpServer::End()

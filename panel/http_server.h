@@ -58,6 +58,8 @@ public:
      * empty. Before the server listens. */
     std::string UseTls(const std::string &i_strCertificate, const std::string &i_strKey);
     bool IsTls() const { return m_pTls != nullptr; }
+    /* False with errno if the address cannot be had. */
+    Bool Open(const std::string &i_strAddress, UInt16 i_u16Port);
     /* Ends listening and every connection. Any thread but a connection's. */
     void End();
     bool IsEnding() const { return m_bEnding; }

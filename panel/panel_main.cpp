@@ -43,7 +43,7 @@ int Serve(const PANEL_OPTIONS_S &i_stOptions)
             return 1;
         }
     }
-    if (!objServer.bind_to_port(i_stOptions.strAddress, i_stOptions.u16Port)) {
+    if (!objServer.Open(i_stOptions.strAddress, i_stOptions.u16Port)) {
         fprintf(stderr, "mv3300-panel: cannot listen on %s port %u: %s\n",
                 i_stOptions.strAddress.c_str(), i_stOptions.u16Port, strerror(errno));
         return 1;

@@ -3,7 +3,11 @@
  */
 #include "panel/settings.h"
 
+#include <cstring>
+#include <sstream>
+
 #include "tools/apply_settings.h"
+#include "tools/cmd_save.h"
 
 using nlohmann::json;
 
@@ -113,6 +117,16 @@ json ResultJson(const SET_RESULT_S &i_stResult)
 }
 } // namespace
 
+void CSettings::Save(const CFieldValues &i_objValues, json &io_objReply) const
+{
+    std::ostringstream objOut, objErr;
+    SAVE_OPTIONS_S stOptions;
+    stOptions.strFile = m_strParamFile;
+    const bool bSaved = SaveSettings({{}, objOut, objErr}, i_objValues, stOptions) == CTL_OK;
+    io_objReply["saved"] = bSaved;
+    io_objReply["save_error"] = bSaved ? "" : objErr.str();
+}
+
 CSettings::REPLY_S CSettings::Get()
 {
     const std::lock_guard objLock(m_objMutex);
@@ -149,6 +163,8 @@ CSettings::REPLY_S CSettings::Put(const std::string &i_strBody, Bool i_bSave)
     json objReply = {{"done", stApplied.IsDone()},
                      {"results", objResults},
                      {"settings", Describe(stApplied.stAnswer.objValues)}};
-    (void)i_bSave;
+    if (i_bSave) {
+        Save(stApplied.stAnswer.objValues, objReply);
+    }
     return {200, objReply};
 }

@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "framework/types.h"
+#include "tools/stream_fields.h"
 
 class CSettings
 {
@@ -32,6 +33,8 @@ public:
     REPLY_S Put(const std::string &i_strBody, Bool i_bSave);
 
 private:
+    void Save(const CFieldValues &i_objValues, nlohmann::json &io_objReply) const;
+
     const std::string m_strParamFile;
     std::mutex m_objMutex; /* one question at a time: the others share its answer */
     std::chrono::steady_clock::time_point m_objAsked;
