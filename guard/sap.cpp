@@ -22,7 +22,6 @@ constexpr char kInterface[] = "eth0";
 constexpr char kSapGroup[] = "224.2.127.254"; /* of sessions in the global scope */
 constexpr UInt16 kSapPort = 9875;
 constexpr int kSapTtl = 255;
-constexpr UInt16 kStreamPort = 59202;
 constexpr SInt64 kEveryMs = 300000; /* RFC 2974, 3.1; give or take a third */
 constexpr SInt64 kGoneMs = 60000;   /* a restart of the stream is no end of the session */
 constexpr UInt8 kAnnounce = 0x20;   /* version 1, IPv4, neither encrypted nor compressed */
@@ -63,17 +62,22 @@ std::string SdpText(const SESSION_S &i_stSession)
 {
     std::string strName = i_stSession.strName;
     std::erase_if(strName, [](char i_cByte) { return static_cast<UInt8>(i_cByte) < ' '; });
-    char szProfile[8];
-    snprintf(szProfile, sizeof(szProfile), "%02x%02x%02x", i_stSession.objSps[1],
-             i_stSession.objSps[2], i_stSession.objSps[3]);
+    std::string strSets;
+    if (i_stSession.objSps.size() >= 4 && !i_stSession.objPps.empty()) {
+        char szProfile[8];
+        snprintf(szProfile, sizeof(szProfile), "%02x%02x%02x", i_stSession.objSps[1],
+                 i_stSession.objSps[2], i_stSession.objSps[3]);
+        strSets = std::string(";profile-level-id=") + szProfile +
+                  ";sprop-parameter-sets=" + Base64(i_stSession.objSps) + "," +
+                  Base64(i_stSession.objPps);
+    }
+    const bool bGroup = (i_stSession.u8Group[0] & 0xF0) == 0xE0;
     const std::string strType = std::to_string(i_stSession.u8PayloadType);
     return "v=0\r\n" + OriginLine(i_stSession) + "s=" + (strName.empty() ? "-" : strName) +
-           "\r\nc=IN IP4 " + Dotted(i_stSession.u8Group) + "/1\r\nt=0 0\r\na=type:broadcast\r\n" +
-           "m=video " + std::to_string(kStreamPort) + " RTP/AVP " + strType +
-           "\r\na=rtpmap:" + strType + " H264/90000\r\na=fmtp:" + strType +
-           " packetization-mode=1;profile-level-id=" + szProfile +
-           ";sprop-parameter-sets=" + Base64(i_stSession.objSps) + "," +
-           Base64(i_stSession.objPps) + "\r\n";
+           "\r\nc=IN IP4 " + Dotted(i_stSession.u8Group) + (bGroup ? "/1" : "") +
+           "\r\nt=0 0\r\na=type:broadcast\r\nm=video " + std::to_string(i_stSession.u16Port) +
+           " RTP/AVP " + strType + "\r\na=rtpmap:" + strType + " H264/90000\r\na=fmtp:" + strType +
+           " packetization-mode=1" + strSets + "\r\n";
 }
 
 std::string SapDatagram(const SESSION_S &i_stSession, Bool i_bDelete)

@@ -20,11 +20,12 @@ using Mac = std::array<UInt8, 6>;
 struct SESSION_S {
     std::string strName; /* of the box; what would break a line is left out */
     Ipv4 u8Origin = {};  /* address of eth0 */
-    Ipv4 u8Group = {};
+    Ipv4 u8Group = {};   /* where it is sent to; a single receiver's address, too */
+    UInt16 u16Port = 59202;
     UInt64 u64Id = 0; /* of the session, and of its version */
     UInt64 u64Version = 0;
     UInt8 u8PayloadType = 96;
-    std::vector<UInt8> objSps; /* NAL units; at least four bytes */
+    std::vector<UInt8> objSps; /* NAL units; left out unless of four bytes or more */
     std::vector<UInt8> objPps;
 };
 

@@ -20,10 +20,10 @@ _mv3300ctl()
             mapfile -t COMPREPLY < <(compgen -W "1920x1080@60-0 1280x720@60-0" -- "$cur")
             return
             ;;
-        --gop | --refreshrate | --timeout | --interval | --for) return ;;
+        --gop | --refreshrate | --timeout | --interval | --for | --to) return ;;
     esac
 
-    local candidates="get set watch save check --help --version"
+    local candidates="get set watch save check announce receive-kit --help --version"
     if ((cword > 1)); then
         case ${words[1]} in
             get)
@@ -39,6 +39,8 @@ _mv3300ctl()
                 candidates="--timing --dry-run --log-config --json --help"
                 [[ $cur == -* ]] || compopt -o default
                 ;;
+            announce) candidates="--timing --none --query --json --help" ;;
+            receive-kit) candidates="--sdp --mediamtx --players --to --file --json --help" ;;
             watch) candidates="--interval --for --json --timeout --help" ;;
             *) candidates="" ;;
         esac

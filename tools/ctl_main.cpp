@@ -9,7 +9,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/ctl_announce.h"
 #include "tools/ctl_check.h"
+#include "tools/ctl_receive_kit.h"
 #include "tools/ctl_save.h"
 #include "tools/ctl_settings.h"
 #include "tools/nearest.h"
@@ -22,6 +24,8 @@ constexpr CTL_COMMAND_S kCommands[] = {
     {"watch", "Show the settings and every change", DescribeWatch},
     {"save", "Write the running settings into the parameter file", DescribeSave},
     {"check", "Tell what the daemon makes of a parameter file", DescribeCheck},
+    {"announce", "Tell the daemon the timing of its input", DescribeAnnounce},
+    {"receive-kit", "Show what receivers of the stream need", DescribeReceiveKit},
 };
 
 const char *const kFooter =

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include "guard/base64.h"
 #include "guard/files.h"
 #include "guard/relay.h"
 #include "guard/sap.h"
@@ -166,6 +167,13 @@ TEST(SapTest, AnnouncementAndDeletion)
         "a=fmtp:96 packetization-mode=1;profile-level-id=640029;sprop-parameter-sets="
         "Z2QAKazZQHgCJ+XARAAAAwAEAAADAPA8YMZY,aOvjyyLA\r\n";
     EXPECT_EQ(SdpText(stSession), strSdp);
+    for (const std::size_t u64Size : {0, 1, 2, 3, 4}) {
+        const std::vector<UInt8> objBytes(SPS_1080.begin(), SPS_1080.begin() + u64Size);
+        EXPECT_EQ(FromBase64(Base64(objBytes)), objBytes);
+    }
+    for (const char *pBad : {"Zm9v\r\nm=", "Zg", "Zg===", "Z===", "Zh=="}) {
+        EXPECT_TRUE(FromBase64(pBad).empty()) << pBad;
+    }
     const std::string strAnnounced = SapDatagram(stSession, false);
     const std::string strDeleted = SapDatagram(stSession, true);
     EXPECT_EQ(strAnnounced.substr(0, 2), std::string("\x20\0", 2));

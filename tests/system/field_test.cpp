@@ -1,0 +1,81 @@
+/* The commands for a box in the field, beside the running daemon and guard. */
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include "tests/system/box.h"
+
+namespace
+{
+struct ANSWER_TEXT_S {
+    int s32Exit;
+    std::string strText;
+};
+
+ANSWER_TEXT_S Ctl(const std::string &i_strArgs)
+{
+    CProgram objCtl({"/bin/sh", "-c", "exec " MV3300_CTL " " + i_strArgs});
+    const int s32Status = objCtl.Wait();
+    return {WIFEXITED(s32Status) ? WEXITSTATUS(s32Status) : -1, objCtl.Output()};
+}
+
+bool Holds(const std::string &i_strText, const std::string &i_strPart)
+{
+    return i_strText.find(i_strPart) != std::string::npos;
+}
+
+TEST(FieldTest, TheKitOfAnAnnouncedStreamIsTakenByRealReceivers)
+{
+    WriteParams({{"h264_stream_gop", "10"}});
+    const CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp()) << objDaemon.Output();
+    EXPECT_EQ(Ctl("announce --timing 320x240").s32Exit, 2);
+    EXPECT_EQ(Ctl("announce --timing 320x240@30-0").s32Exit, 0);
+    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --["));
+    ASSERT_TRUE(WaitUntil([] { return Holds(Ctl("receive-kit --sdp").strText, "sprop-"); }));
+    RunToEnd({"/bin/sh", "-c", MV3300_CTL " receive-kit --sdp >/tmp/kit.sdp"});
+    const std::string strPictures = "/tmp/kit.gray";
+    const auto Pictures = [&strPictures] {
+        std::ifstream objFile(strPictures, std::ios::binary | std::ios::ate);
+        return static_cast<long>(objFile.tellg()) / (320 * 240);
+    };
+    RunToEnd({"/bin/sh", "-c",
+              "timeout 30 gst-launch-1.0 filesrc location=/tmp/kit.sdp ! sdpdemux ! rtph264depay ! "
+              "avdec_h264 ! videoconvert ! video/x-raw,format=GRAY8 ! identity eos-after=11 ! "
+              "filesink location=" +
+                  strPictures});
+    EXPECT_GE(Pictures(), 10);
+    EXPECT_EQ(Ctl("announce --none").s32Exit, 0);
+    EXPECT_TRUE(objDaemon.WaitFor("input timing width:0"));
+    EXPECT_EQ(Ctl("announce --query").s32Exit, 1);
+    EXPECT_EQ(Ctl("announce --timing 320x240@30-0").s32Exit, 0);
+    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", 2));
+    if (access("/usr/bin/ffmpeg", X_OK) != 0) {
+        GTEST_SKIP() << "ffmpeg is not installed: the kit was tried with sdpdemux alone";
+    }
+    RunToEnd({"/bin/sh", "-c",
+              "timeout 30 ffmpeg -v error -y -protocol_whitelist file,udp,rtp -i /tmp/kit.sdp "
+              "-frames:v 10 -pix_fmt gray -f rawvideo " +
+                  strPictures + " </dev/null"});
+    EXPECT_EQ(Pictures(), 10);
+}
+
+TEST(FieldTest, TheKitFollowsTheReceivers)
+{
+    WriteParams({{"addr_list", "192.0.2.7:5000,127.0.0.1:5001"}});
+    const ANSWER_TEXT_S stFirst = Ctl("receive-kit --json");
+    const nlohmann::json objFirst = nlohmann::json::parse(stFirst.strText);
+    EXPECT_EQ(objFirst["address"], "192.0.2.7");
+    EXPECT_TRUE(Holds(objFirst["sdp"], "c=IN IP4 192.0.2.7\r\n")) << objFirst["sdp"];
+    EXPECT_TRUE(Holds(objFirst["sdp"], "m=video 5000 RTP/AVP 96\r\n")) << objFirst["sdp"];
+    EXPECT_TRUE(
+        Holds(objFirst["mediamtx"], "udp+rtp://192.0.2.7:5000\n    rtpSDP: |\n      v=0\n"));
+    EXPECT_TRUE(Holds(Ctl("receive-kit --to 127.0.0.1:5001 --sdp").strText, "m=video 5001 "));
+    EXPECT_EQ(Ctl("receive-kit --to no.such.host.invalid:1").s32Exit, 1);
+    EXPECT_EQ(Ctl("announce --none").s32Exit, 3); /* nobody there to hear it */
+}
+} // namespace
