@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "tools/apply_settings.h"
-#include "tools/cmd_save.h"
+#include "tools/ctl_save.h"
 
 using nlohmann::json;
 
