@@ -96,7 +96,6 @@ CHECKED_S Check(const OPTIONS_S &i_stOptions, const std::optional<INPUT_TIMING_S
 {
     CHECKED_S stChecked;
     stChecked.stFile = CheckParamFile(i_stOptions.strFile);
-    stChecked.objReceivers = CheckReceivers(stChecked.stFile.strAddrList);
     (void)get_multicast_ip(stChecked.strGroup, kGroupInterface);
     if (i_objTiming) {
         PlanPipelines(*i_objTiming, &stChecked);
@@ -105,6 +104,8 @@ CHECKED_S Check(const OPTIONS_S &i_stOptions, const std::optional<INPUT_TIMING_S
         stPipeline.strProblem = TryPipeline(
             stPipeline.strText, i_stOptions.bDryRun ? kDryRun : std::chrono::milliseconds(0));
     }
+    /* Behind the pipelines, which are tried by a fork: resolving leaves threads. */
+    stChecked.objReceivers = CheckReceivers(stChecked.stFile.strAddrList);
     stChecked.strLogProblems = CheckLogConfig(i_stOptions.strLogFile.c_str());
     return stChecked;
 }
