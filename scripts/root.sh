@@ -10,13 +10,28 @@ debian_sources() {
         'Created-By: Packages' 'Component: main' 'Origin: Debian' | sort -u
 }
 
+# unpack_debootstrap DIR: as it comes in its package, with apt in the place of wget, so that nothing
+# has to be installed on the machine.
+unpack_debootstrap() {
+    mkdir -p "$1/bin"
+    (cd "$1" && apt-get -qq -o APT::Sandbox::User=root download debootstrap && dpkg-deb -x debootstrap_*.deb .)
+    cat >"$1/bin/wget" <<'TEXT'
+#!/bin/bash
+while (($# > 1)); do
+    [[ $1 != -O ]] || file=$2
+    shift
+done
+/usr/lib/apt/apt-helper -qq -o APT::Sandbox::User=root download-file "$1" "$file"
+TEXT
+    chmod +x "$1/bin/wget"
+}
+
 # make_root DIR [PACKAGE...]: a minimal Debian with those packages in it. Made under another name
 # first, so that DIR is a whole one or none.
 make_root() {
     local root=$1 uri suite packages
     shift
     [[ ! -d $root ]] || return 0
-    need "Debian roots" debootstrap ca-certificates
     [[ -n $(debian_sources) ]] || as_root apt-get update -q
     read -r _ uri suite _ < <(debian_sources | grep -v -e -security -e -updates) ||
         die "apt knows no source of Debian packages"
@@ -24,11 +39,14 @@ make_root() {
     rm -rf "$root.new"
     mkdir -p "${root%/*}"
     packages="$*"
-    debootstrap --variant=minbase ${packages:+--include="${packages// /,}"} "$suite" "$root.new" "$uri" \
+    unpack_debootstrap "$root.tools"
+    PATH=$root.tools/bin:$root.tools/usr/sbin:$PATH DEBOOTSTRAP_DIR=$root.tools/usr/share/debootstrap \
+        debootstrap --variant=minbase ${packages:+--include="${packages// /,}"} "$suite" "$root.new" "$uri" \
         >"$root.log" 2>&1 || {
         tail -n 5 "$root.log" >&2
         die "no Debian root could be made"
     }
+    rm -rf "$root.tools"
     debian_sources >"$root.new/etc/apt/sources.list"
     apt-config dump | grep -iE '^Acquire::(Check-|[a-z]+::Proxy)' >"$root.new/etc/apt/apt.conf.d/90machine" ||
         true
