@@ -4,6 +4,8 @@
 # manager. Sourced by sim/boot, beside the switch.
 
 readonly KEPT="/config/logconf/mvx3300.conf /config/mv3300 /config/mv3300/param.xml "
+# What dpkg keeps until the purge.
+readonly CONFFILES="/etc/avahi/services/mv3300-panel.service /etc/mv3300 "
 readonly GROUP=234.29.78.95 LOG=/run/mv3300d/mv3300.log PICTURE=/tmp/image.jpeg
 FAILED=0 SAW='' BEGAN=$SECONDS
 
@@ -27,9 +29,12 @@ put_stand_ins() {
     box apt-get install -y -q --no-download --no-install-recommends gstreamer1.0-plugins-ugly >"$WORK/apt.log" 2>&1 &&
         box mkdir -p /opt/stand-ins $units/mv3300{d,-guard}.service.d /debs /new &&
         tar -C "$BOOT_BUILD/sim" -c gst/libgstvideo4linux2.so libsim_capture.so | box tar -x -C /opt/stand-ins &&
-        put "[Service]"$'\n'"Environment=GST_PLUGIN_PATH_1_0=/opt/stand-ins/gst" $units/mv3300d.service.d/bench.conf &&
+        put "[Service]"$'\n'"Environment=GST_PLUGIN_PATH_1_0=/opt/stand-ins/gst"$'\n'"ReadWritePaths=-/run/mv3300-sim" \
+            $units/mv3300d.service.d/bench.conf &&
         put "[Service]"$'\n'"Environment=LD_PRELOAD=/opt/stand-ins/libsim_capture.so" \
             $units/mv3300-guard.service.d/bench.conf &&
+        put "d /run/mv3300-sim 0777"$'\n'"f /run/mv3300-sim/video0 0666 - - - run\ninput 1280x720@30-0" /etc/tmpfiles.d/bench.conf &&
+        box systemd-tmpfiles --create bench.conf &&
         tar -C "$BOOT_DEBS" --exclude='*-dbgsym_*' -c . | box tar -x -C /debs --wildcards './mv3300*.deb'
 }
 
@@ -60,7 +65,9 @@ installed() {
     local user
     box test -s /config/mv3300/param.xml -a -s /config/logconf/mvx3300.conf || return 1
     [[ $(box systemctl is-enabled mv3300d) == enabled ]] || return 1
-    [[ $(box systemctl is-active mv3300-guard) == active ]] || return 1
+    until_true 10 box sh -c 'for deb in /debs/*.deb; do
+        unit=$(dpkg-deb -f "$deb" Package | sed s/mv3300d/mv3300-guard/)
+        [ "$unit" = mv3300ctl ] || systemctl -q is-active "$unit" || exit; done' || return 1
     user=$(box stat -c %U "/proc/$(pid_of)")
     SAW="runs as $user; $(box mv3300ctl --version); package $(box dpkg-query -W -f '${Version}' mv3300d)"
     [[ $user == mv3300 && $SAW == "runs as mv3300; mv3300ctl ${SAW##* }; package ${SAW##* }" ]] &&
@@ -135,14 +142,9 @@ stopped() {
         box_for 200 systemctl start mv3300d && is_up
 }
 
-# source ORDER: what the capture device does, and that it has a signal of 1280x720 when it is asked.
-source_does() {
-    box mkdir -p /run/mv3300-sim && put "$1"$'\n'"input 1280x720@30-0" /run/mv3300-sim/video0 &&
-        box chmod -R a+rwX /run/mv3300-sim
-}
 # The pipeline ends with an error, and stays down until somebody does something.
 failed_once() {
-    source_does fail
+    box sed -i '1s/.*/fail/' /run/mv3300-sim/video0 && box chmod 0666 /run/mv3300-sim/video0
     until_true 10 log_has "Received error in [gst-h264]" && sleep 8 && decoded 1280x720
 }
 
@@ -179,8 +181,8 @@ upgraded() {
 
 rebooted() {
     box systemctl reboot >/dev/null 2>&1 || true
-    until_true 200 gone || return 1
-    wait "$UNSHARE" 2>/dev/null || true
+    { until_true 200 gone && wait "$UNSHARE"; } 2>/dev/null || true
+    gone || return 1
     boot && is_up
 }
 
@@ -196,12 +198,14 @@ left() {
     [[ $SAW == "$1" ]]
 }
 removed() {
+    local files=$KEPT
+    ! compgen -G "$BOOT_DEBS/mv3300-panel_*" >/dev/null || files+=$CONFFILES
     box_for 250 apt-get remove -y -q 'mv3300*' >"$WORK/apt.log" 2>&1 &&
-        left "$KEPT"
+        left "$files"
 }
 purged() { # ANSWER LEFT
     box sh -c "echo mv3300d mv3300d/remove-config boolean $1 | debconf-set-selections" &&
-        box_for 250 apt-get purge -y -q mv3300d mv3300ctl >"$WORK/apt.log" 2>&1 && left "$2"
+        box_for 250 apt-get purge -y -q 'mv3300*' >"$WORK/apt.log" 2>&1 && left "$2"
 }
 
 # --- the plans -------------------------------------------------------------------------------------
@@ -246,14 +250,34 @@ day() {
     step "an upgrade under a running stream" upgraded
     step "ends in a picture" decoded 1280x720
     step "a reboot brings the service" rebooted
-    step "which is told of the cable that is in" source_does run
-    step "and ends in a picture" decoded 1280x720
+    step "and, with the cable in, a picture" decoded 1280x720
     step "a removal leaves /config alone" removed
     step "an installation finds it" apt_install /debs
     step "and starts" is_up
     step "a purge that nobody answers keeps it" purged false "$KEPT"
     step "an installation once more" apt_install /debs
     step "a purge that is told to takes it" purged true ""
+    end_of_day
+}
+
+# The programs of the tests at the paths that they were built with, and in the daemon's place one
+# that starts it confined.
+suite() {
+    begin
+    # The guard only relays, as in the bench box.
+    put "[Service]"$'\n'"Environment=\"GUARD_OPTIONS=--no-restart --no-announce\"" \
+        /etc/systemd/system/mv3300-guard.service.d/suite.conf
+    box systemctl daemon-reload
+    box systemctl restart mv3300-guard
+    box systemctl stop mv3300d
+    box mkdir -p "$BOOT_BUILD" /run/mv3300-sim
+    tar -C "$BOOT_BUILD" -c tests/system_tests mv3300ctl mv3300-guard sim/sim-receive sim/sim-uevent \
+        sim/libsim_capture.so | box tar -x -C "$BOOT_BUILD"
+    box tee "$BOOT_BUILD/mv3300d" <"$REPO/sim/confined" >/dev/null
+    box chmod +x "$BOOT_BUILD/mv3300d"
+    echo 1 | box tee /run/mv3300-sim/box.pid >/dev/null
+    box_for 3000 env GST_PLUGIN_PATH_1_0=/opt/stand-ins/gst BOX_CAPTURE=/opt/stand-ins/libsim_capture.so \
+        "$BOOT_BUILD/tests/system_tests" || FAILED=$?
     end_of_day
 }
 
