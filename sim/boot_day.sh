@@ -26,7 +26,7 @@ put() { box tee "$2" <<<"$1" >/dev/null; } # TEXT FILE
 # Stand-ins for the board's capture device and encoder: the bench's, no part of the packages.
 put_stand_ins() {
     local units=/etc/systemd/system
-    box apt-get install -y -q --no-download --no-install-recommends gstreamer1.0-plugins-ugly >"$WORK/apt.log" 2>&1 &&
+    box apt-get install -y -q --no-download --no-install-recommends "${BENCH[@]}" >"$WORK/apt.log" 2>&1 &&
         box mkdir -p /opt/stand-ins $units/mv3300{d,-guard}.service.d /debs /new &&
         tar -C "$BOOT_BUILD/sim" -c gst/libgstvideo4linux2.so libsim_capture.so | box tar -x -C /opt/stand-ins &&
         put "[Service]"$'\n'"Environment=GST_PLUGIN_PATH_1_0=/opt/stand-ins/gst"$'\n'"ReadWritePaths=-/run/mv3300-sim" \

@@ -68,6 +68,14 @@ CProgram::~CProgram()
     }
 }
 
+/* Where sim/confined is in the daemon's place, it says whose place that is. */
+pid_t CProgram::Pid() const
+{
+    const int s32Confined =
+        std::atoi(ReadFile("/run/suite/" + std::to_string(m_s32Pid) + ".pid").c_str());
+    return s32Confined > 0 ? s32Confined : m_s32Pid;
+}
+
 void CProgram::Signal(int i_s32Signal) const
 {
     kill(m_s32Pid, i_s32Signal);

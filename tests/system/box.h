@@ -27,7 +27,7 @@ public:
     CProgram(const CProgram &) = delete;
     CProgram &operator=(const CProgram &) = delete;
 
-    pid_t Pid() const { return m_s32Pid; }
+    pid_t Pid() const;
     void Signal(int i_s32Signal) const;
     /* The raw wait status; -1 when the program did not end within the limit. */
     int Wait(std::chrono::milliseconds i_objLimit = Seconds(60));
