@@ -143,10 +143,10 @@ Condition Judge(const FACTS_S &i_stFacts)
     return IsRefused(i_stFacts) ? Condition::RelayRefused : Condition::Streaming;
 }
 
-std::string Describe(Condition i_eCondition, const FACTS_S &i_stFacts, double i_f64Pictures)
+std::string Describe(const FACTS_S &i_stFacts, double i_f64Pictures)
 {
     const TIMING_S stTiming = i_stFacts.stTiming.value_or(TIMING_S{});
-    switch (i_eCondition) {
+    switch (Judge(i_stFacts)) {
     case Condition::NoDaemon:
         return "The encoder's daemon does not run.";
     case Condition::InputUnknown:

@@ -60,8 +60,8 @@ const char *ConditionWord(Condition i_eCondition);
 
 /* The first condition that holds. */
 Condition Judge(const FACTS_S &i_stFacts);
-/* A sentence for people about it. */
-std::string Describe(Condition i_eCondition, const FACTS_S &i_stFacts, double i_f64Pictures);
+/* A sentence for people about it; i_f64Pictures: those a second of the stream. */
+std::string Describe(const FACTS_S &i_stFacts, double i_f64Pictures);
 
 /* Packets come: the last one is younger than two seconds. */
 Bool IsFlowing(const FACTS_S &i_stFacts);

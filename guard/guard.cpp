@@ -369,9 +369,8 @@ void CGuard::Conclude()
     m_bJudged = true;
     m_stState.eCondition = eCondition;
     m_stState.f64Since = WallTime();
-    const FACTS_S stFacts = Facts();
     Note("condition", std::string(ConditionWord(eCondition)) + ": " +
-                          Describe(eCondition, stFacts, m_objRelay.Stream().f64PicturesPerSecond));
+                          Describe(Facts(), m_objRelay.Stream().f64PicturesPerSecond));
 }
 
 void CGuard::Publish()
@@ -383,8 +382,7 @@ void CGuard::Publish()
     m_stState.f64TimingTime =
         stFacts.stTiming ? std::optional(Wall(stFacts.s64TimingMs)) : std::nullopt;
     m_stState.stStream = m_objRelay.Stream();
-    m_stState.strText =
-        Describe(m_stState.eCondition, stFacts, m_stState.stStream.f64PicturesPerSecond);
+    m_stState.strText = Describe(stFacts, m_stState.stStream.f64PicturesPerSecond);
     const auto objAge = [&stFacts](const std::optional<SInt64> &i_s64Ms) {
         return i_s64Ms ? std::optional(Seconds(stFacts.s64NowMs - *i_s64Ms)) : std::nullopt;
     };
@@ -465,6 +463,7 @@ void CGuard::Run(int i_s32StopFd)
             Conclude();
         }
         if (m_bChanged || m_s64NowMs - m_s64PublishedMs >= kPublishMs) {
+            Conclude(); /* what came since the last tick may have changed it */
             Publish();
         }
     }

@@ -141,7 +141,7 @@ TEST(ConditionTest, TheFirstThatHolds)
         stRow.pChange(stFacts, objSettings);
         const Condition eCondition = Judge(stFacts);
         EXPECT_STREQ(ConditionWord(eCondition), stRow.pWord) << &stRow - kRows;
-        EXPECT_FALSE(Describe(eCondition, stFacts, 0).empty());
+        EXPECT_FALSE(Describe(stFacts, 0).empty());
     }
 }
 
