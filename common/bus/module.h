@@ -32,8 +32,8 @@ public:
     void Entry() override;
 
     /* Queues a copy; any thread. 1 queued; 0 for a null message or a full queue, with an ERROR line
-     * that names the module. */
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
+     * that names the module. Virtual: a worker counts what is pushed, whoever pushes it. */
+    virtual int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
     /* As CMsgQueue::PopMsg: 1 taken, 0 none within i_s32Timeout milliseconds. */
     int PopMsg(int i_s32Timeout, MSG_DESC_INFO_S *o_pMsg);
     /* Handles the message in the calling thread, under the module mutex, and returns the handler's

@@ -39,7 +39,7 @@ public:
     ~CGstEnc() override;
 
     /* As CModule::PushMsg; a start supersedes those that are still queued. */
-    int PushMsg(const MSG_DESC_INFO_S *i_pMsg);
+    int PushMsg(const MSG_DESC_INFO_S *i_pMsg) override;
     /* Queues the start of the description, of which 1023 characters are kept. Its number, counted
      * from 1; 0 if the queue is full. */
     UInt64 PushStart(const std::string &i_strCmd);

@@ -30,7 +30,7 @@ class GstEncTest : public testing::Test
 protected:
     void SetUp() override { moved_time::DivideSleeps(100); }
 
-    static void SendStart(CGstEnc *i_pWorker, const char *i_pText)
+    static void SendStart(CModule *i_pWorker, const char *i_pText)
     {
         MSG_DESC_INFO_S stMsg = StartMsg(i_pText);
         EXPECT_EQ(i_pWorker->PushMsg(&stMsg), 1);
