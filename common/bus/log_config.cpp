@@ -112,6 +112,17 @@ void Forget(const Names &i_strAppenders)
     }
 }
 
+/* The library's older prefixes before a key mean nothing. */
+std::string WithoutPrefix(const std::string &i_strKey)
+{
+    for (const std::string_view strPrefix : {"log4cpp.", "log4j."}) {
+        if (i_strKey.starts_with(strPrefix)) {
+            return i_strKey.substr(strPrefix.size());
+        }
+    }
+    return i_strKey;
+}
+
 Lines ReadLines(const char *i_pPath)
 {
     Lines strLines;
@@ -120,7 +131,7 @@ Lines ReadLines(const char *i_pPath)
         strLine.resize(std::min(strLine.size(), strLine.find('#')));
         const std::size_t u64Equals = strLine.find('=');
         if (u64Equals != strLine.npos) {
-            strLines.emplace_back(Trimmed(strLine.substr(0, u64Equals)),
+            strLines.emplace_back(WithoutPrefix(Trimmed(strLine.substr(0, u64Equals))),
                                   Trimmed(strLine.substr(u64Equals + 1)));
         }
     }
@@ -170,7 +181,7 @@ std::string Refusal(const Lines &i_strLines)
     UniqueFd objFile(memfd_create("log", MFD_CLOEXEC));
     if (write(objFile.Get(), strText.data(), strText.size()) !=
         static_cast<ssize_t>(strText.size())) {
-        return "no memory";
+        return "allocation failed";
     }
     return Refusal("/proc/self/fd/" + std::to_string(objFile.Get()));
 }
@@ -216,9 +227,8 @@ bool IsCategory(const std::string &i_strKey)
     return i_strKey == kRootKey || i_strKey.starts_with(kCategoryPrefix);
 }
 
-/* Whether every level is known and every appender that is named is defined. Where
- * there are no appenders at all the library attaches what is none, and crashes at the first line.
- */
+/* Whether every level is known and every appender that is named is defined. Where there are no
+ * appenders at all the library attaches what is none, and crashes at the first line. */
 bool NamesOnlyWhatIsDefined(const Lines &i_strLines)
 {
     const Names strDefined = AppendersIn(i_strLines);

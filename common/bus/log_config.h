@@ -19,6 +19,8 @@ void LogUntilConfigured();
  * over at a megabyte, or at last to syslog(3). */
 void ConfigureLog(const char *i_pPath, const char *i_pFallback);
 
+/* --- Offered: the daemon uses nothing of what follows. --------------------------------------- */
+
 /* What of a log configuration ConfigureLog() would leave out, for a process that does not log. Its
  * files are opened for that as the calling user; one that was not there is removed again. */
 std::vector<std::string> CheckLogConfig(const char *i_pPath);

@@ -71,6 +71,9 @@ TEST_F(LogConfigTest, WhatWorksOfTheConfigurationIsKept)
         {"rootCategory=WARN, BAD, FILE\n" + kBad + kFile, 1, 0,
          "the file of appender <BAD> cannot be opened"},
         {"rootCategory=WARN, BAD\n" + kBad, 0, 1, "the file of appender <BAD> cannot be"},
+        {"log4cpp.rootCategory=WARN, BAD\nlog4cpp.appender.BAD=FileAppender\n"
+         "log4j.appender.BAD.fileName=%/no/where\nlog4j.appender.BAD.layout=BasicLayout\n",
+         0, 1, "the file of appender <BAD> cannot be"},
         {"rootCategory=INFO, FILE\ncategory.CATEGORY=WARN, FIL\n" + kAlone + kFile, 0, 1,
          "appender <FIL> of category.CATEGORY is not defined"},
         {"rootCategory=WARN, GONE\n", 0, 1, "appender <GONE> of rootCategory is not defined"},
