@@ -13,9 +13,7 @@ SInt64 GetTimeInMs();
  * fit. */
 SInt64 GetDeadlineInMs(SInt64 i_s64Milliseconds);
 
-/*
- * Offered, not used by the daemon itself.
- */
+/* --- Offered: the daemon uses nothing of what follows. --------------------------------------- */
 /* CLOCK_MONOTONIC in microseconds; -1 if the clock fails. */
 SInt64 GetTimeInMcros();
 /* Wall clock (gettimeofday(2)) since 1970-01-01 UTC in milliseconds and microseconds. */

@@ -179,7 +179,8 @@ int select_modwatch(eventreq *i_pReq, int i_s32Mask)
                 g_s32MaxFDPos = i_pReq->er_handle;
             }
         }
-        /* Kept: the checks follow the update, which leaves alone what does not fit the sets. */
+        /* Kept: the checks follow the update, so that a core dump shows what was asked for. What
+         * does not fit the sets is left out. */
         assert(i_pReq->er_handle < (SInt32)(sizeof(fd_set) * 8));
         assert(i_pReq->er_data != NULL);
         g_pCookieArray[i_pReq->er_handle] = i_pReq->er_data;

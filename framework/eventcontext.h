@@ -52,9 +52,7 @@ public:
      * what it was when it was registered: not on its way through its base's destructor. */
     void Cleanup();
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Takes the descriptor and the registration of another, watched context, which is empty
      * afterwards; what this context held before is cleaned up. Asserts that there is
      * an event thread and that the other is registered. */

@@ -18,7 +18,7 @@
 template <class T, class K> class CHashTable
 {
 public:
-    /* i_u32Size: number of buckets. Asserts that it is not 0 and that there was memory. */
+    /* i_u32Size: number of buckets. Asserts that it is not 0 and that no allocation failed. */
     explicit CHashTable(UInt32 i_u32Size)
         : m_pHashTable(i_u32Size > 0 ? new (std::nothrow) T *[i_u32Size]() : nullptr),
           m_u32Size(i_u32Size), m_u32Mask((i_u32Size & (i_u32Size - 1)) == 0 ? i_u32Size - 1 : 0),
@@ -70,9 +70,7 @@ public:
         return m_u32Mask != 0 ? i_u32Hash & m_u32Mask : i_u32Hash % m_u32Size;
     }
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     UInt32 GetNumEntries() const { return m_u32NumEntries; }
 
 private:

@@ -37,7 +37,7 @@ void CHeap::Insert(CHeapElem *i_pElem)
     m_u32FreeIndex++;
 }
 
-/* Leaves no array at all when there is no memory for a larger one. */
+/* Leaves no array at all when the allocation of a larger one failed. */
 void CHeap::Grow()
 {
     std::unique_ptr<CHeapElem *[]> pOld = std::move(m_pHeap);

@@ -33,9 +33,7 @@ public:
     SInt64 GetValue() const { return m_s64Value; }
     void *GetEnclosingObject() const { return m_pEnclosingObject; }
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     void SetEnclosingObject(void *i_pEnclosingObject) { m_pEnclosingObject = i_pEnclosingObject; }
     Bool IsMemberOfAnyHeap() const { return m_pCurrentHeap != nullptr; }
 
@@ -55,7 +53,7 @@ public:
     CHeap(const CHeap &) = delete;
     CHeap &operator=(const CHeap &) = delete;
 
-    /* Asserts that the element is in no heap, and that memory for a larger array was to be had. */
+    /* Asserts that the element is in no heap, and that no allocation of a larger array failed. */
     void Insert(CHeapElem *i_pElem);
     /* Takes out the element in a slot (1 is the root); null if the slot is not in use. */
     CHeapElem *Extract(UInt32 i_u32Index);

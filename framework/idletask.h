@@ -26,9 +26,7 @@ public:
     /* Cancels a pending timer. Asserts that Initialize() was called. */
     ~CIdleTask() override;
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* kIdleEvent after so many milliseconds; a timer that is pending already stays as it is.
      * Asserts that Initialize() was called. */
     void SetIdleTimer(SInt64 i_s64Milliseconds);
@@ -54,9 +52,7 @@ public:
     void Entry() override;
     void CancelTimeout(CIdleTask *i_pIdleObj);
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     void SetIdleTimer(CIdleTask *i_pIdleObj, SInt64 i_s64Milliseconds);
 
 private:

@@ -31,7 +31,8 @@ void CMutexRW::LockWrite()
 {
     CMutexLocker objLocker(&m_objMutex);
     AddWriteWaiter();
-    /* Kept: only readers are waited for, so a second writer enters beside a first. */
+    /* Kept: only readers are waited for, so a second writer enters beside a first: who asks to run
+     * alone wants those out who did not ask. */
     while (ActiveReaders()) {
         m_objWriteCond.Wait(&m_objMutex, kRWWaitMs);
     }

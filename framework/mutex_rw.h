@@ -37,9 +37,7 @@ public:
     void AdjustReadWaiters(int i_s32By) { m_s32ReadWaiters += i_s32By; }
     void AdjustWriteWaiters(int i_s32By) { m_s32WriteWaiters += i_s32By; }
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* 0 acquired, 16 (EBUSY) not. */
     SInt32 TryLockRead();
     SInt32 TryLockWrite();
@@ -55,9 +53,8 @@ private:
     SInt32 m_s32LastState; /* kept for inspection in a debugger only */
 };
 
-/*
- * Offered, not used by the daemon itself: the scoped lockers.
- */
+/* --- Offered: the daemon uses nothing of what follows. --------------------------------------- */
+
 /* Unlocks a CMutexRW at the end of its own life. A null lock is allowed and does nothing. */
 class CMutexReadWriteLocker
 {

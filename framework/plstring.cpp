@@ -201,7 +201,8 @@ void CPLString::PrintStrEOL(const char *i_pStopStr, const char *i_pSuffix) const
 {
     std::unique_ptr<char[]> pCopy(GetAsCString());
     pCopy[PrintableLen()] = '\0';
-    /* Kept: tests one byte ahead only, so of a pair of percent signs the second is replaced. */
+    /* Kept: tests one byte ahead only, so of a pair of percent signs the second is replaced; a
+     * reader of the log tells the pair from a lone sign by that. */
     for (char *pChar = pCopy.get(); *pChar != '\0'; pChar++) {
         if (pChar[0] == '%' && pChar[1] != '%') {
             *pChar = '$';

@@ -33,9 +33,7 @@ public:
     char *m_pPtr;
     UInt32 m_u32Len;
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* i_pPtr: NUL-terminated, or null. */
     explicit CPLString(char *i_pPtr);
     void Set(char *i_pPtr, UInt32 i_u32Len)
@@ -78,7 +76,8 @@ public:
 
     /* Lower case of the bytes 0 to 129; every other byte is its own. */
     static const std::array<UInt8, 130> s_aCaseInsensitiveMask;
-    /* 1 for bytes that are not printed. Kept: the tab counts as such, NUL does not. */
+    /* 1 for bytes that are not printed. Kept: the tab counts as such, so that a text ends before
+     * the columns behind it; NUL does not, since it ends a copy by itself. */
     static const std::array<UInt8, 256> s_aNonPrintChars;
 
 private:

@@ -35,9 +35,7 @@ public:
     /* The element queued next after this one; the newest element's is the queue's sentinel. */
     CQueueElem *Prev() const { return m_pPrev; }
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     void SetEnclosingObject(void *i_pEnclosingObject) { m_pEnclosingObject = i_pEnclosingObject; }
 
 private:
@@ -108,9 +106,7 @@ public:
     /* Ends every wait; from then on none begins. The elements stay, and more may come. */
     void Stop();
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Signalled once per element; signal it to end somebody's wait early. */
     CCond *GetCond() { return &m_objCond; }
 

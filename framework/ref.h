@@ -33,9 +33,7 @@ public:
     void Set(const CPLString &i_refString, void *i_pObject);
     void *GetObject() const { return m_pObject; }
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     CRef(const CPLString &i_refString, void *i_pObject) : CRef() { Set(i_refString, i_pObject); }
     const CPLString *GetString() const { return &m_objString; }
 
@@ -88,9 +86,7 @@ public:
      * of the table; it may be resolved anew meanwhile. */
     void UnRegister(CRef *i_pRef, UInt32 i_u32RefCount = 0);
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Adds the entry and returns null, or returns the one that has its name already, to be
      * released by the caller. */
     CRef *RegisterOrResolve(CRef *i_pRef);

@@ -43,9 +43,7 @@ public:
     /* Address and port in host order; 0 lets the system choose. 0 or errno. */
     OS_Error Bind(unsigned int i_u32Addr, unsigned short i_u16Port);
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Adds flags. With kNonBlocking set, the open descriptor is made non-blocking. */
     void SetSocketType(unsigned int i_u32Flags);
 
@@ -54,7 +52,7 @@ public:
     void NoDelay();
     void KeepAlive();
     void SetSocketBufSize(unsigned int i_u32Bytes);
-    /* Kept: this one returns 0 or errno. */
+    /* Kept: this one returns 0 or errno, because a receiver works with a smaller buffer, too. */
     OS_Error SetSocketRcvBufSize(unsigned int i_u32Bytes);
 
     /* Texts of the local address, its host name and port; they belong to the socket or to the

@@ -23,9 +23,7 @@ public:
     /* The address of a dotted text (inet_addr(3)); 0 for null, 0xFFFFFFFF for what is none. */
     static UInt32 ConvertStringToAddr(const char *i_pAddrStr);
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Bytes of interface records asked of the system (SIOCGIFCONF, netdevice(7)); interfaces
      * beyond them are left out. */
     static constexpr UInt32 kMaxAddrBufferSize = 2048;

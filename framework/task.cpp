@@ -255,8 +255,9 @@ void CTaskThreadPool::Queue(CTask *i_pTask)
     const UInt32 u32Pool = i_pTask->m_u32PoolID;
     const UInt32 u32Count = CountThreads(u32Pool);
     if (u32Count == 0) {
-        /* Kept: without threads the task stays marked as queued and never runs. A pool that is
-         * being removed still has those that run its last tasks. */
+        /* Kept: without threads the task stays marked as queued and never runs, since a signal that
+         * comes before the start or after the end must not wait for either. A pool that is being
+         * removed still has those that run its last tasks. */
         CTaskThread *pOwn = dynamic_cast<CTaskThread *>(CThread::GetCurrent());
         if (pOwn != nullptr && pOwn->m_u32PoolID == u32Pool &&
             (i_pTask->m_pBoundThread == nullptr || i_pTask->m_pBoundThread == pOwn)) {

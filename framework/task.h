@@ -65,9 +65,7 @@ public:
     /* For Run() only: takes the pending events; what is signalled later stays pending. */
     EventFlags GetEvents();
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* With the prefix that marks a living task. */
     const char *GetTaskName() const { return m_szTaskName; }
     /* The next run holds the pools' lock for writing: no other task runs beside it, unless that
@@ -135,9 +133,7 @@ public:
      * Other threads may go on signalling: it no longer has an effect. */
     static void RemoveThreads();
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Null if there is no such thread. The pointer is good until RemoveThreads(). */
     static CTaskThread *GetThread(UInt32 i_u32PoolID, UInt32 i_u32Index);
 

@@ -56,9 +56,7 @@ public:
     /* Names the calling thread (15 characters are kept, prctl(2)); null is ignored. */
     static void SetName(const char *i_pName);
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Clears the stop request; true. */
     Bool ResetStopRequest()
     {

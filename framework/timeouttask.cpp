@@ -80,7 +80,7 @@ SInt64 CTimeoutTaskThread::Run()
             CTask::Signal(pRecord->m_pTask, pRecord->m_u32Flags);
         } else if (pRecord->m_s64Timeout.load() > 0 && s64Next > s64Remaining) {
             /* Kept: with the full second on top the scans are one to two seconds apart, however
-             * close a deadline is. */
+             * close a deadline is, so that the records together cost a run a second at most. */
             s64Next = s64Remaining + 1000;
         }
     }

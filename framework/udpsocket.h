@@ -70,9 +70,7 @@ public:
      * system accepts it. */
     void SetMulticastInterface(unsigned int i_u32Addr);
 
-    /*
-     * Offered, not used by the daemon itself.
-     */
+    /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
     /* Leaves a group; the interface is named by the bytes of the local address in reverse order.
      * 0 or errno. */
     OS_Error LeaveMulticast(unsigned int i_u32Group);
