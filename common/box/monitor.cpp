@@ -110,7 +110,7 @@ void CMonitor::ReadEvents(int i_s32Fd, int i_s32Watch)
             if ((pEvent->mask & IN_MOVED_TO) != 0 && pEvent->wd == i_s32Watch && pEvent->len > 0 &&
                 pEvent->name[0] != '\0') {
                 /* Pictures that keep coming keep the loop from its poll, and one read holds up to
-                 * two seconds of them. Before the picture, which would be removed again else. */
+                 * two seconds of them. Before the picture, which it would otherwise remove. */
                 ReportWhenDue();
                 Publish(pEvent->name);
             }
