@@ -27,6 +27,7 @@ constexpr int CTL_USAGE = 2;        /* the command line cannot be understood */
 constexpr int CTL_NO_ANSWER = 3;    /* no daemon, no answer, or what was set cannot be read back */
 constexpr int CTL_REPLY_PORT = 4;   /* the reply port is taken; nothing was sent */
 constexpr int CTL_SYSTEM_ERROR = 5; /* the system refused a socket, memory, a file or the output */
+constexpr int CTL_CANNOT_TELL = 6;  /* nothing is wrong, and no stream is seen */
 
 /* Outlives the commands. */
 struct CTL_CONTEXT_S {

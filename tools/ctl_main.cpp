@@ -11,6 +11,7 @@
 
 #include "tools/ctl_announce.h"
 #include "tools/ctl_check.h"
+#include "tools/ctl_doctor.h"
 #include "tools/ctl_receive_kit.h"
 #include "tools/ctl_save.h"
 #include "tools/ctl_settings.h"
@@ -24,14 +25,16 @@ constexpr CTL_COMMAND_S kCommands[] = {
     {"watch", "Show the settings and every change", DescribeWatch},
     {"save", "Write the running settings into the parameter file", DescribeSave},
     {"check", "Tell what the daemon makes of a parameter file", DescribeCheck},
+    {"doctor", "Tell what is wrong when there is no picture", DescribeDoctor},
     {"announce", "Tell the daemon the timing of its input", DescribeAnnounce},
     {"receive-kit", "Show what receivers of the stream need", DescribeReceiveKit},
 };
 
 const char *const kFooter =
     "Exit codes: 0 done, 1 a value was refused, not taken, or is not as written, 2 usage, 3 no "
-    "answer or the daemon is\nnot running, 4 the reply port is taken, 5 the system refused. See "
-    "mv3300ctl(1).";
+    "answer or the daemon is\nnot running, 4 the reply port is taken, 5 the system refused, 6 "
+    "doctor "
+    "cannot tell. See mv3300ctl(1).";
 
 /* The word in a command's place that is none, with the nearest one that is. */
 std::string UnknownCommand(int i_s32Argc, const char *const *i_pArgv)

@@ -78,4 +78,44 @@ TEST(FieldTest, TheKitFollowsTheReceivers)
     EXPECT_EQ(Ctl("receive-kit --to no.such.host.invalid:1").s32Exit, 1);
     EXPECT_EQ(Ctl("announce --none").s32Exit, 3); /* nobody there to hear it */
 }
+/* The first thing that is wrong, "" for nothing. */
+std::string FirstNo(const nlohmann::json &i_objDoctor)
+{
+    for (const nlohmann::json &objFinding : i_objDoctor["findings"]) {
+        if (objFinding["answer"] == "no") {
+            EXPECT_NE(objFinding["advice"], "") << objFinding;
+            return objFinding["what"];
+        }
+    }
+    return "";
+}
+
+TEST(FieldTest, TheDoctorNamesWhatIsWrongFirst)
+{
+    const auto FindsFirst = [](const std::string &i_strWhat, int i_s32Exit) {
+        std::string strLast;
+        const bool bFound = WaitUntil(
+            [&] {
+                const ANSWER_TEXT_S stAnswer = Ctl("doctor --json");
+                strLast = stAnswer.strText;
+                return stAnswer.s32Exit == i_s32Exit &&
+                       FirstNo(nlohmann::json::parse(strLast)) == i_strWhat;
+            },
+            Seconds(30));
+        EXPECT_TRUE(bFound) << i_strWhat << ": " << strLast;
+    };
+    WriteParams({{"h264_stream_gop", "10"}});
+    FindsFirst("daemon", 1);
+    {
+        const CDaemon objDaemon;
+        ASSERT_TRUE(objDaemon.WaitUntilUp()) << objDaemon.Output();
+        SendTiming("320x240@30-0");
+        FindsFirst("", 0);
+        SendTiming("0x0@0-0");
+        FindsFirst("timing", 1);
+        SetSource("fail");
+        SendTiming("320x240@30-0");
+        FindsFirst("pipelines", 1);
+    }
+}
 } // namespace
