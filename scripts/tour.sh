@@ -59,6 +59,18 @@ preview_kept() {
 preview_newer_than() { preview_kept && [[ $(stat -c %y "$OUTPUT/preview.jpeg") != "$1" ]]; }
 no_preview_for() { ! until_true "$1" test -e /tmp/image.jpeg; }
 
+# streams WxH [PICTURE]: the guard calls it streaming, and pictures of that size are received.
+is_streaming() { grep -qs '"condition": *"streaming"' /run/mv3300/state.json; }
+is_not_streaming() { ! is_streaming; }
+streams() {
+    until_true 45 is_streaming && receive 5 "${@:2}" && [[ $(value width)x$(value height) == "$1" ]]
+}
+# again COMMAND...: the stream goes down by it and comes back, without another hand.
+again() {
+    "$@" && until_true 20 is_not_streaming && streams "${TIMING%@*}"
+}
+kill_daemon() { kill -KILL "$(</var/run/mv3300.pid)"; }
+fail_encoder() { printf 'fail\ninput %s\n' "$TIMING" >/run/mv3300-sim/video0; }
 timing() { # TIMING [PICTURE]
     anew sim-uevent --quiet "$1" && receive 5 "${@:2}" &&
         [[ $(value width)x$(value height) == "${1%@*}" ]]
@@ -120,9 +132,11 @@ step() {
 }
 
 tour() {
-    say "the tour, about a minute and a half"
-    step "$TIMING is announced: a stream comes" timing "$TIMING" "$OUTPUT/picture.png"
+    say "the tour, about two minutes"
+    step "booted with the cable in: a stream comes" streams "${TIMING%@*}" "$OUTPUT/picture.png"
     step "the preview is there and is renewed" preview
+    step "the daemon is killed: the stream comes back" again kill_daemon
+    step "the encoder fails: the stream comes back" again fail_encoder
     step "mv3300ctl set --bitrate: the stream follows" bitrate
     step "mv3300ctl set --gop 15: the stream follows" gop
     step "mv3300ctl set --preview off: no picture" no_preview
