@@ -33,6 +33,7 @@ struct FACTS_S {
     std::optional<TIMING_S> stTiming;
     Link eLink = Link::Unknown;
     SInt64 s64TimingMs = 0;             /* when the timing was heard or last changed */
+    std::optional<SInt64> s64ListenMs;  /* since when the guard has the stream's port */
     std::optional<SInt64> s64PacketMs;  /* the last packet; none since the guard's own start */
     std::optional<SInt64> s64FlowingMs; /* since when packets come, without a pause of 2 s */
     std::optional<SInt64> s64PictureMs; /* the last new preview picture */

@@ -322,6 +322,9 @@ void CGuard::BindRelay()
                                           strerror(s32Error));
     }
     m_s32RelayError = s32Error;
+    if (s32Error == 0) {
+        m_stFacts.s64ListenMs = m_s64NowMs;
+    }
 }
 
 void CGuard::NoteRelay()

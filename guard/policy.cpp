@@ -66,10 +66,14 @@ void CRestartPolicy::Settle(const FACTS_S &i_stFacts)
 
 Bool CRestartPolicy::IsDown(const FACTS_S &i_stFacts) const
 {
+    /* Whoever does not listen hears no packets: that says nothing about the stream. */
+    if (!i_stFacts.s64ListenMs) {
+        return false;
+    }
     const SInt64 s64NowMs = i_stFacts.s64NowMs;
-    const SInt64 s64QuietMs =
-        std::max({i_stFacts.s64PacketMs.value_or(INT64_MIN), i_stFacts.s64DaemonMs,
-                  i_stFacts.s64TimingMs, i_stFacts.s64RestartMs.value_or(INT64_MIN)});
+    const SInt64 s64QuietMs = std::max(
+        {i_stFacts.s64PacketMs.value_or(INT64_MIN), i_stFacts.s64DaemonMs, *i_stFacts.s64ListenMs,
+         i_stFacts.s64TimingMs, i_stFacts.s64RestartMs.value_or(INT64_MIN)});
     return i_stFacts.s32Pid && s64NowMs - i_stFacts.s64DaemonMs >= kYoungMs &&
            IsInputGood(i_stFacts) && s64NowMs - s64QuietMs >= m_stLimits.s64StallMs;
 }

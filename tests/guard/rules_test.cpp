@@ -89,6 +89,7 @@ FACTS_S Streaming()
     stFacts.stTiming = TIMING_S{1920, 1080, 60, 0};
     stFacts.eLink = Link::Ok;
     stFacts.s64TimingMs = 400000;
+    stFacts.s64ListenMs = 400000;
     stFacts.s64PacketMs = 999990;
     stFacts.s64FlowingMs = 402000;
     stFacts.s64PictureMs = 999000;
@@ -226,6 +227,7 @@ TEST(RestartTest, NeverWithoutAReason)
         [](FACTS_S &f) { f.stTiming->width = 0; },
         [](FACTS_S &f) { f.stTiming->interlaced = 1; },
         [](FACTS_S &f) { f.s32Pid.reset(); },
+        [](FACTS_S &f) { f.s64ListenMs.reset(), f.s64PacketMs.reset(); },
     };
     for (const auto &pChange : kChanges) {
         Patient stPatient;
@@ -243,6 +245,11 @@ TEST(RestartTest, NeverWithoutAReason)
     stYoung.stFacts.s64DaemonMs = stYoung.stFacts.s64NowMs;
     stYoung.Run(11, false);
     EXPECT_TRUE(stYoung.s64Acts.empty());
+    Patient stNewGuard;
+    stNewGuard.stFacts.s64ListenMs = stNewGuard.stFacts.s64NowMs;
+    stNewGuard.stFacts.s64PacketMs.reset();
+    stNewGuard.Run(11, false);
+    EXPECT_TRUE(stNewGuard.s64Acts.empty());
 }
 
 TEST(StateTest, TheFileHasEverySectionAndIsReadBack)
