@@ -23,7 +23,7 @@ _mv3300ctl()
         --gop | --refreshrate | --timeout | --interval | --for | --to) return ;;
     esac
 
-    local candidates="get set watch save check doctor announce receive-kit --help --version"
+    local candidates="get set watch save check doctor bundle announce receive-kit --help --version"
     if ((cword > 1)); then
         case ${words[1]} in
             get)
@@ -40,6 +40,10 @@ _mv3300ctl()
                 [[ $cur == -* ]] || compopt -o default
                 ;;
             doctor) candidates="--json --help" ;;
+            bundle)
+                candidates="--mask --json --help"
+                [[ $cur == -* ]] || compopt -o default
+                ;;
             announce) candidates="--timing --none --query --json --help" ;;
             receive-kit) candidates="--sdp --mediamtx --players --to --file --json --help" ;;
             watch) candidates="--interval --for --json --timeout --help" ;;

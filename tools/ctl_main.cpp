@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/ctl_announce.h"
+#include "tools/ctl_bundle.h"
 #include "tools/ctl_check.h"
 #include "tools/ctl_doctor.h"
 #include "tools/ctl_receive_kit.h"
@@ -26,6 +27,7 @@ constexpr CTL_COMMAND_S kCommands[] = {
     {"save", "Write the running settings into the parameter file", DescribeSave},
     {"check", "Tell what the daemon makes of a parameter file", DescribeCheck},
     {"doctor", "Tell what is wrong when there is no picture", DescribeDoctor},
+    {"bundle", "Pack what a report should hold", DescribeBundle},
     {"announce", "Tell the daemon the timing of its input", DescribeAnnounce},
     {"receive-kit", "Show what receivers of the stream need", DescribeReceiveKit},
 };

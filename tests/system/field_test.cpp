@@ -118,4 +118,20 @@ TEST(FieldTest, TheDoctorNamesWhatIsWrongFirst)
         FindsFirst("pipelines", 1);
     }
 }
+TEST(FieldTest, TheBundleHoldsAReportAndMasksIt)
+{
+    WriteParams({{"addr_list", "192.0.2.7:5000"}});
+    EXPECT_EQ(Ctl("bundle /tmp/report.tar.gz --mask").s32Exit, 0);
+    EXPECT_EQ(Ctl("bundle /tmp/report.tar.gz").s32Exit, 5); /* it exists */
+    const std::string strList = RunToEnd({"/bin/tar", "-tzf", "/tmp/report.tar.gz"});
+    for (const char *pName : {"doctor.txt", "check.txt", "state.json", "config/param.xml",
+                              "versions.txt", "ip.txt", "proc/net/udp", "uevents.txt"}) {
+        EXPECT_TRUE(Holds(strList, pName)) << strList;
+    }
+    const std::string strText = RunToEnd({"/bin/tar", "-xOzf", "/tmp/report.tar.gz"});
+    EXPECT_TRUE(Holds(strText, ">ipv4-")) << "the receiver of the parameter file";
+    for (const char *pAddress : {"192.0.2.", "234.29.78.95", "0a:1b:2c:3d:4e:5f"}) {
+        EXPECT_FALSE(Holds(strText, pAddress)) << pAddress;
+    }
+}
 } // namespace

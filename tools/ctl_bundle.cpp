@@ -1,0 +1,300 @@
+/*
+ * bundle.
+ */
+#include "tools/ctl_bundle.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "framework/unique_fd.h"
+#include "guard/files.h"
+#include "guard/state.h"
+#include "tools/ctl_main.h"
+
+namespace
+{
+constexpr std::size_t kLongest = 512 * 1024; /* of each part; of a log, its end */
+
+struct OPTIONS_S {
+    std::string strFile;
+    bool bMask = false;
+    bool bJson = false;
+};
+
+using CParts = std::map<std::string, std::string>; /* texts by the name in the archive */
+
+std::string EndOf(const std::string &i_strText)
+{
+    return i_strText.size() > kLongest ? i_strText.substr(i_strText.size() - kLongest) : i_strText;
+}
+
+/* One of the client's own commands, with its exit status. */
+std::string Own(const CTL_CONTEXT_S &i_stContext, std::vector<const char *> i_pArgs)
+{
+    std::ostringstream objOut;
+    i_pArgs.insert(i_pArgs.begin(), "mv3300ctl");
+    const int s32Exit = RunCtl(static_cast<int>(i_pArgs.size()), i_pArgs.data(),
+                               i_stContext.stEndpoint, objOut, objOut);
+    return objOut.str() + "exit status " + std::to_string(s32Exit) + "\n";
+}
+
+/* What a program of the system says; the texts are constants, none comes from outside. */
+std::string Shell(const std::string &i_strCommand)
+{
+    FILE *pPipe = popen(("timeout 10 " + i_strCommand + " 2>&1 </dev/null").c_str(), "re");
+    std::string strText;
+    std::array<char, 4096> szPart;
+    while (pPipe != nullptr && strText.size() < 8 * kLongest) {
+        const std::size_t u64Length = fread(szPart.data(), 1, szPart.size(), pPipe);
+        if (u64Length == 0) {
+            break;
+        }
+        strText.append(szPart.data(), u64Length);
+    }
+    if (pPipe != nullptr) {
+        pclose(pPipe);
+    }
+    return EndOf(strText);
+}
+
+void AddFile(CParts *io_pParts, const std::string &i_strName, const std::string &i_strPath)
+{
+    const auto strText = ReadFile(i_strPath, 16 * kLongest);
+    (*io_pParts)[i_strName] = strText ? EndOf(*strText) : i_strPath + ": " + strerror(errno) + "\n";
+}
+
+void AddLogs(CParts *io_pParts)
+{
+    const std::string strPath = Shell("sed -n 's/^[^#]*\\.fileName=//p' "
+                                      "/config/logconf/mvx3300.conf | head -n 1");
+    const std::string strLog = strPath.substr(0, strPath.find('\n'));
+    for (const char *pSuffix : {"", ".1", ".2"}) {
+        if (access((strLog + pSuffix).c_str(), F_OK) == 0) {
+            AddFile(io_pParts, std::string("log/mv3300.log") + pSuffix, strLog + pSuffix);
+        }
+    }
+    std::istringstream objLines((*io_pParts)["log/mv3300.log"]);
+    std::string strEvents;
+    for (std::string strLine; std::getline(objLines, strLine);) {
+        if (strLine.find("event {'") != std::string::npos ||
+            strLine.find("input timing ") != std::string::npos) {
+            strEvents += strLine + "\n";
+        }
+    }
+    (*io_pParts)["uevents.txt"] = strEvents;
+    (*io_pParts)["log/journal.txt"] =
+        Shell("journalctl --no-pager -n 2000 -u mv3300d -u mv3300-guard -u mv3300-panel");
+}
+
+CParts Collect(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
+{
+    CParts objParts;
+    objParts["doctor.txt"] = Own(i_stContext, {"doctor"});
+    objParts["doctor.json"] = Own(i_stContext, {"doctor", "--json"});
+    objParts["check.txt"] = Own(i_stContext, {"check"});
+    objParts["settings.txt"] = Own(i_stContext, {"get"});
+    AddFile(&objParts, "state.json", STATE_FILE);
+    AddFile(&objParts, "timing", TIMING_FILE);
+    AddFile(&objParts, "config/param.xml", "/config/mv3300/param.xml");
+    AddFile(&objParts, "config/mvx3300.conf", "/config/logconf/mvx3300.conf");
+    AddLogs(&objParts);
+    objParts["versions.txt"] =
+        "mv3300ctl " MV3300_VERSION "\n" +
+        Shell("sh -c 'uname -srvm; cat /etc/os-release; dpkg-query -W \"mv3300*\" "
+              "\"*gstreamer1.0*\" liblog4cpp5v5 libtinyxml2-9'");
+    objParts["ip.txt"] = Shell("sh -c 'ip -s address; ip route show table all; ip maddress; "
+                               "ip neighbour'");
+    for (const char *pName : {"meminfo", "loadavg", "uptime", "locks", "interrupts", "net/udp",
+                              "net/snmp", "net/igmp", "net/netlink", "net/dev"}) {
+        AddFile(&objParts, std::string("proc/") + pName, std::string("/proc/") + pName);
+    }
+    if (const auto objPid = FindDaemon(i_stContext.stEndpoint.strPidFile)) {
+        for (const char *pName : {"status", "limits", "stat"}) {
+            AddFile(&objParts, std::string("proc/daemon/") + pName,
+                    "/proc/" + std::to_string(*objPid) + "/" + pName);
+        }
+    }
+    if (i_stOptions.bMask) {
+        std::map<std::string, std::string> objNames;
+        for (auto &[strName, strText] : objParts) {
+            strText = MaskAddresses(strText, objNames);
+        }
+    }
+    return objParts;
+}
+
+/* A folder of the calling user's alone, gone with this object. */
+class CFolder
+{
+public:
+    CFolder() : m_bMade(mkdtemp(m_szPath) != nullptr) {}
+    ~CFolder()
+    {
+        std::error_code objError;
+        if (m_bMade) {
+            std::filesystem::remove_all(m_szPath, objError);
+        }
+    }
+    CFolder(const CFolder &) = delete;
+    CFolder &operator=(const CFolder &) = delete;
+    std::string Path() const { return m_bMade ? m_szPath : ""; }
+
+private:
+    char m_szPath[32] = "/tmp/mv3300-bundle.XXXXXX";
+    const bool m_bMade;
+};
+
+/* "" or what went wrong. An archive that exists is not overwritten. */
+std::string Pack(const CParts &i_objParts, const std::string &i_strFile)
+{
+    const CFolder objFolder;
+    if (objFolder.Path().empty()) {
+        return std::string("no folder under /tmp: ") + strerror(errno);
+    }
+    for (const auto &[strName, strText] : i_objParts) {
+        const std::filesystem::path objPath = objFolder.Path() + "/mv3300-bundle/" + strName;
+        std::error_code objError;
+        std::filesystem::create_directories(objPath.parent_path(), objError);
+        std::ofstream objFile(objPath, std::ios::binary);
+        if (!(objFile << strText << std::flush)) {
+            return objPath.string() + " cannot be written";
+        }
+    }
+    const UniqueFd objOut(
+        open(i_strFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!objOut) {
+        return i_strFile + ": " + strerror(errno);
+    }
+    FILE *pTar = popen(("tar -C " + objFolder.Path() + " -cz mv3300-bundle").c_str(), "re");
+    std::array<char, 16384> szPart;
+    Bool bGood = pTar != nullptr;
+    while (bGood) {
+        const std::size_t u64Length = fread(szPart.data(), 1, szPart.size(), pTar);
+        if (u64Length == 0) {
+            break;
+        }
+        bGood = write(objOut.Get(), szPart.data(), u64Length) == static_cast<ssize_t>(u64Length);
+    }
+    const int s32Write = errno;
+    if (pTar != nullptr && pclose(pTar) != 0 && bGood) {
+        unlink(i_strFile.c_str());
+        return "tar could not pack it";
+    }
+    if (!bGood) {
+        unlink(i_strFile.c_str());
+        return i_strFile + ": " + strerror(s32Write);
+    }
+    return "";
+}
+
+std::string DefaultName()
+{
+    const time_t s64Now = time(nullptr);
+    tm stTime = {};
+    char szName[64];
+    strftime(szName, sizeof(szName), "mv3300-bundle-%Y%m%d-%H%M%S.tar.gz",
+             localtime_r(&s64Now, &stTime));
+    return szName;
+}
+
+int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
+{
+    const std::string strFile = i_stOptions.strFile.empty() ? DefaultName() : i_stOptions.strFile;
+    if (access(strFile.c_str(), F_OK) == 0) {
+        return i_stContext.Fail(CTL_SYSTEM_ERROR, strFile + " exists, and is not overwritten");
+    }
+    const CParts objParts = Collect(i_stContext, i_stOptions);
+    nlohmann::ordered_json objContent = nlohmann::ordered_json::object();
+    for (const auto &[strName, strText] : objParts) {
+        objContent[strName] = strText.size();
+        if (!i_stOptions.bJson) {
+            i_stContext.objOut << strName << "  " << strText.size() << " bytes\n";
+        }
+    }
+    i_stContext.objOut << std::flush;
+    const std::string strError = Pack(objParts, strFile);
+    if (!strError.empty()) {
+        return i_stContext.Fail(CTL_SYSTEM_ERROR, strError);
+    }
+    if (i_stOptions.bJson) {
+        i_stContext.objOut << nlohmann::ordered_json{{"file", strFile},
+                                                     {"masked", i_stOptions.bMask},
+                                                     {"content", objContent}}
+                                  .dump()
+                           << "\n";
+    } else {
+        i_stContext.objOut << "in " << strFile
+                           << (i_stOptions.bMask ? ", addresses masked\n"
+                                                 : "; --mask would mask its addresses\n");
+    }
+    return CTL_OK;
+}
+} // namespace
+
+std::string MaskAddresses(const std::string &i_strText,
+                          std::map<std::string, std::string> &io_objNames)
+{
+    /* One alternative a kind, in this order: a part of a longer kind is none of a shorter one. */
+    static const std::regex objAddress(
+        "\\b((?:[0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2})\\b"
+        "|((?:[0-9a-fA-F]{1,4}:){2,7}:?(?:[0-9a-fA-F]{1,4}:)*[0-9a-fA-F]{1,4}"
+        "|[0-9a-fA-F]{1,4}::(?:[0-9a-fA-F]{1,4}:){0,6}[0-9a-fA-F]{1,4})\\b"
+        "|\\b((?:[0-9]{1,3}\\.){3}[0-9]{1,3})\\b"
+        "|\\b([0-9A-F]{8})\\b");
+    constexpr const char *kKinds[] = {"mac-", "ipv6-", "ipv4-", "hex-"};
+    std::istringstream objLines(i_strText);
+    std::string strMasked;
+    for (std::string strLine; std::getline(objLines, strLine);) {
+        std::size_t u64Done = 0;
+        for (std::sregex_iterator pMatch(strLine.begin(), strLine.end(), objAddress), pEnd;
+             pMatch != pEnd; ++pMatch) {
+            const std::string strAddress = pMatch->str();
+            std::size_t u64Kind = 0;
+            while (!(*pMatch)[u64Kind + 1].matched) {
+                u64Kind++;
+            }
+            /* A time of day is three numbers. */
+            const Bool bTime = u64Kind == 1 && strAddress.size() <= 8 &&
+                               strAddress.find("::") == std::string::npos;
+            const auto u64At = static_cast<std::size_t>(pMatch->position());
+            strMasked += strLine.substr(u64Done, u64At - u64Done);
+            u64Done = u64At + strAddress.size();
+            if (bTime || strAddress.rfind("127.", 0) == 0 || strAddress == "0.0.0.0" ||
+                strAddress == "00000000" || strAddress == "0100007F") {
+                strMasked += strAddress;
+                continue;
+            }
+            std::string &strName = io_objNames[strAddress];
+            if (strName.empty()) {
+                strName = kKinds[u64Kind] + std::to_string(io_objNames.size());
+            }
+            strMasked += strName;
+        }
+        strMasked += strLine.substr(u64Done) + "\n";
+    }
+    return strMasked;
+}
+
+CRunCommand DescribeBundle(CLI::App &io_objApp, const CTL_CONTEXT_S &i_stContext)
+{
+    const auto pOptions = std::make_shared<OPTIONS_S>();
+    io_objApp.add_option("FILE", pOptions->strFile,
+                         "Archive to write (default mv3300-bundle-TIME.tar.gz)");
+    io_objApp.add_flag("--mask", pOptions->bMask, "Mask network addresses");
+    AddJsonOption(io_objApp, pOptions->bJson);
+    return [&i_stContext, pOptions] { return Run(i_stContext, *pOptions); };
+}
