@@ -86,6 +86,6 @@ private:
     Bool m_bReady = false; /* the daemon's ports are open */
     Bool m_bJudged = false;
     Bool m_bChanged = true; /* there is something new for the state file */
-    FACTS_S m_stFacts; /* as far as it is not the relay's */
+    FACTS_S m_stFacts;      /* as far as it is not the relay's */
     STATE_S m_stState;
 };
