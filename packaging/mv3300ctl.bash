@@ -23,7 +23,8 @@ _mv3300ctl()
         --gop | --refreshrate | --timeout | --interval | --for | --to) return ;;
     esac
 
-    local candidates="get set watch save check doctor bundle announce receive-kit --help --version"
+    local candidates="get set watch save check doctor bundle announce receive-kit"
+    candidates+=" group --help --version"
     if ((cword > 1)); then
         case ${words[1]} in
             get)
@@ -46,6 +47,7 @@ _mv3300ctl()
                 ;;
             announce) candidates="--timing --none --query --json --help" ;;
             receive-kit) candidates="--sdp --mediamtx --players --to --file --json --help" ;;
+            group) candidates="--file --json --help" ;;
             watch) candidates="--interval --for --json --timeout --help" ;;
             *) candidates="" ;;
         esac

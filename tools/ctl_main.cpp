@@ -13,6 +13,7 @@
 #include "tools/ctl_bundle.h"
 #include "tools/ctl_check.h"
 #include "tools/ctl_doctor.h"
+#include "tools/ctl_group.h"
 #include "tools/ctl_receive_kit.h"
 #include "tools/ctl_save.h"
 #include "tools/ctl_settings.h"
@@ -30,6 +31,7 @@ constexpr CTL_COMMAND_S kCommands[] = {
     {"bundle", "Pack what a report should hold", DescribeBundle},
     {"announce", "Tell the daemon the timing of its input", DescribeAnnounce},
     {"receive-kit", "Show what receivers of the stream need", DescribeReceiveKit},
+    {"group", "Show the multicast groups of a fleet and which boxes share one", DescribeGroup},
 };
 
 const char *const kFooter =

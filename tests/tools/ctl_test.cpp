@@ -175,6 +175,26 @@ TEST_F(CtlTest, UsageErrorsSendNothing)
     EXPECT_EQ(RunCtl(2, pHelp, m_objDaemon.Endpoint(), objFull, objErr), 5);
 }
 
+TEST_F(CtlTest, GroupTellsWhichBoxesShareOne)
+{
+    EXPECT_EQ(Run("group 0a:1b:2c:3d:4e:5f 0A-1B-2C-3D-4E-60"), 0) << m_strErr;
+    EXPECT_EQ(m_strOut, "0a:1b:2c:3d:4e:5f  234.29.78.95\n0A-1B-2C-3D-4E-60  234.29.78.96\n");
+    /* Bits above the nineteenth make another box, not another group; case makes neither. */
+    const std::string strFile = testing::TempDir() + "group_test." + std::to_string(getpid());
+    std::ofstream(strFile) << "# hall\n\n0a1b2c454e5f hall-2 # by the door\n0A1B2C3D4E5F\n";
+    EXPECT_EQ(Run("group --json 0a:1b:2c:3d:4e:5f --file " + strFile), 1);
+    const auto objJson = nlohmann::json::parse(m_strOut);
+    EXPECT_EQ(objJson["collisions"].dump(),
+              R"([{"group":"234.29.78.95","macs":["0a:1b:2c:3d:4e:5f","0a1b2c454e5f"]}])");
+    EXPECT_EQ(objJson["twice"].dump(), R"(["0A1B2C3D4E5F"])");
+    unlink(strFile.c_str());
+    for (const char *pNone : {"", "0a:1b:2c:3d:4e", "0a:1b:2c:3d:4e:5g", "0a:1b:2c:3d:4e-5f",
+                              "0a1b2c3d4e5f0", "0ax1bx2cx3dx4ex5f", "0a:1b:2c:3d:4:e5f"}) {
+        EXPECT_EQ(Run("group " + std::string(pNone)), 2) << pNone;
+    }
+    EXPECT_EQ(Run("group --file /nonexistent"), 5);
+}
+
 TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
 {
     std::thread objChange([this] {
