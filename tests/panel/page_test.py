@@ -46,19 +46,24 @@ class Page:
 
     def stamp(self):
         """When the picture that is shown was drawn, out of its lower edge; ms, 24 bits."""
+        return self.stamp_and_time()[0]
+
+    def stamp_and_time(self):
+        """The stamp, and the browser's clock when it was taken, ms."""
         return self.run('''
             const video = document.querySelector('video');
             const canvas = document.createElement('canvas');
             const [width, height] = [video.videoWidth, video.videoHeight];
             [canvas.width, canvas.height] = [width, height];
             const context = canvas.getContext('2d', {willReadFrequently: true});
+            const now = Date.now();
             context.drawImage(video, 0, 0);
             let stamp = 0;
             for (let i = 0; i < 24; i++) {
                 const pixel = context.getImageData((i + 0.5) * width / 24, height * 31 / 32, 1, 1);
                 stamp = stamp * 2 + (pixel.data[1] > 128 ? 1 : 0);
             }
-            return stamp;''')
+            return [stamp, now];''')
 
     def shot(self, name):
         self.browser.save_screenshot(f'{OUTPUT}/{name}.png')
