@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <thread>
 
 #include <netinet/tcp.h>
@@ -225,7 +226,9 @@ std::string CHttpServer::UseTls(const std::string &i_strCertificate, const std::
     } else if (SSL_CTX_check_private_key(pContext) != 1) {
         pWrong = "the key is not the certificate's: ";
     }
-    const char *pReason = ERR_reason_error_string(ERR_peek_last_error());
+    const unsigned long u64Error = ERR_peek_error();
+    const char *pReason = ERR_SYSTEM_ERROR(u64Error) ? strerror(ERR_GET_REASON(u64Error))
+                                                     : ERR_reason_error_string(u64Error);
     return pWrong == nullptr ? std::string()
                              : std::string(pWrong) + (pReason == nullptr ? "?" : pReason);
 }
