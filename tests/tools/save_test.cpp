@@ -152,7 +152,14 @@ TEST_F(ParamSaveTest, KilledAtAnySystemCallTheFileIsTheOldOrTheNew)
 #endif
         strOrder += u64Call == SYS_renameat || u64Call == SYS_renameat2 ? "r" : "";
     }
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    /* The sanitizers try whether memory can be read by writing it to pipes of their own. */
+    EXPECT_EQ(strOrder.front(), 'w');
+    std::erase(strOrder, 'w');
+    EXPECT_EQ(strOrder, "srs");
+#else
     EXPECT_EQ(strOrder, "wsrs");
+#endif
     /* What the killed ones left does not stand in the way of the next. */
     Write(m_strOld);
     EXPECT_EQ(Save(), SaveResult::Saved) << m_strError;
