@@ -8,9 +8,10 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <future>
 #include <map>
-#include <memory>
 #include <sstream>
+#include <thread>
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -148,53 +149,43 @@ std::string SplitReceiver(const std::string &i_strText, std::string *o_pHost)
 }
 
 struct LOOKUP_S {
-    std::string strHost;
-    addrinfo stHints;
-    gaicb stRequest;
+    std::string strAddress;
+    std::string strProblem;
 };
 
-/* The address of a finished look-up, or the problem. */
-void TakeAddress(LOOKUP_S &io_stLookup, RECEIVER_S *o_pReceiver)
+LOOKUP_S LookUp(const std::string &i_strHost)
 {
-    const int s32Error = gai_error(&io_stLookup.stRequest);
+    addrinfo stHints = {};
+    stHints.ai_family = AF_INET;
+    stHints.ai_socktype = SOCK_DGRAM;
+    addrinfo *pFound = nullptr;
+    const int s32Error = getaddrinfo(i_strHost.c_str(), nullptr, &stHints, &pFound);
     if (s32Error != 0) {
-        o_pReceiver->strProblem = std::string("does not resolve: ") + gai_strerror(s32Error);
-        return;
+        return {"", std::string("does not resolve: ") + gai_strerror(s32Error)};
     }
     sockaddr_in stAddress;
-    memcpy(&stAddress, io_stLookup.stRequest.ar_result->ai_addr, sizeof(stAddress));
-    freeaddrinfo(io_stLookup.stRequest.ar_result);
+    memcpy(&stAddress, pFound->ai_addr, sizeof(stAddress));
+    freeaddrinfo(pFound);
     char szAddress[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &stAddress.sin_addr, szAddress, sizeof(szAddress));
-    o_pReceiver->strAddress = szAddress;
+    return {szAddress, ""};
 }
 
-/* Starts a look-up; the receiver gets its result until the time is up. */
+/* Looks the host up; the receiver gets the result if it comes until the time is up. */
 void Resolve(const std::string &i_strHost, std::chrono::steady_clock::time_point i_objUntil,
              RECEIVER_S *o_pReceiver)
 {
-    auto pLookup = std::make_unique<LOOKUP_S>();
-    pLookup->strHost = i_strHost;
-    pLookup->stHints.ai_family = AF_INET;
-    pLookup->stHints.ai_socktype = SOCK_DGRAM;
-    pLookup->stRequest.ar_name = pLookup->strHost.c_str();
-    pLookup->stRequest.ar_request = &pLookup->stHints;
-    gaicb *pRequest = &pLookup->stRequest;
-    int s32Error = getaddrinfo_a(GAI_NOWAIT, &pRequest, 1, nullptr);
-    while (s32Error == 0 && gai_error(pRequest) == EAI_INPROGRESS &&
-           std::chrono::steady_clock::now() < i_objUntil) {
-        const timespec stWait = {0, 100000000};
-        (void)gai_suspend(&pRequest, 1, &stWait);
-    }
-    if (s32Error != 0) {
-        o_pReceiver->strProblem = std::string("does not resolve: ") + gai_strerror(s32Error);
-    } else if (gai_error(pRequest) == EAI_INPROGRESS) {
+    std::packaged_task<LOOKUP_S()> objTask([i_strHost] { return LookUp(i_strHost); });
+    std::future<LOOKUP_S> objAnswer = objTask.get_future();
+    /* It cannot be called off: beyond the time the thread is left to itself. */
+    std::thread(std::move(objTask)).detach();
+    if (objAnswer.wait_until(i_objUntil) != std::future_status::ready) {
         o_pReceiver->strProblem = "does not resolve in time";
-        /* It cannot be called off: what it will write into has to stay. */
-        (void)pLookup.release();
-    } else {
-        TakeAddress(*pLookup, o_pReceiver);
+        return;
     }
+    const LOOKUP_S stLookup = objAnswer.get();
+    o_pReceiver->strAddress = stLookup.strAddress;
+    o_pReceiver->strProblem = stLookup.strProblem;
 }
 } // namespace
 
