@@ -174,7 +174,8 @@ void SendTiming(const char *i_pEvent)
 {
     const std::string strPayload = UeventPayload(BridgeEvent(i_pEvent));
     std::vector<char> objMessage(NLMSG_SPACE(strPayload.size()));
-    auto *pHeader = reinterpret_cast<struct nlmsghdr *>(objMessage.data());
+    /* Memory from the heap is aligned for any type. */
+    auto *pHeader = static_cast<struct nlmsghdr *>(static_cast<void *>(objMessage.data()));
     pHeader->nlmsg_len = static_cast<UInt32>(NLMSG_LENGTH(strPayload.size()));
     pHeader->nlmsg_type = NLMSG_MIN_TYPE;
     pHeader->nlmsg_flags = NLM_F_REQUEST;
