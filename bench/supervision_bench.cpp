@@ -56,8 +56,9 @@ public:
         while (poll(&stPoll, 1, 5000) == 1) {
             const ssize_t s64Length = read(m_s32Fd, szEvents, sizeof(szEvents));
             for (ssize_t s64At = 0; s64At < s64Length;) {
-                const auto *pEvent =
-                    reinterpret_cast<const struct inotify_event *>(szEvents + s64At);
+                /* The kernel pads each event for the next one's alignment (inotify(7)). */
+                const auto *pEvent = static_cast<const struct inotify_event *>(
+                    static_cast<const void *>(szEvents + s64At));
                 if (i_strName == pEvent->name) {
                     return true;
                 }
