@@ -40,6 +40,13 @@ void Feed(Bytes i_objDatagram, CStreamMeter &io_objMeter, CThinner &io_objThinne
     io_objMeter.Add(*stPacket, i_objDatagram.size(), i_s64NowMs);
     const bool bFollows = io_stPassed.bAny && io_stPassed.u32Source == stPacket->u32Source &&
                           io_stPassed.u16Next == stPacket->u16Sequence;
+    io_objThinner.RepeatKey(*stPacket, [&io_stPassed](Bytes i_objPacket) {
+        const auto stRepeated = ParseRtp(i_objPacket);
+        assert(stRepeated);
+        assert(!io_stPassed.bAny ||
+               stRepeated->u16Sequence == static_cast<UInt16>(io_stPassed.u16Ours + 1));
+        io_stPassed.u16Ours = stRepeated->u16Sequence;
+    });
     const auto u16Number = io_objThinner.Take(*stPacket, io_objMeter.QuickRate());
     io_stPassed.bAny = bFollows || u16Number;
     io_stPassed.u32Source = stPacket->u32Source;

@@ -15,6 +15,9 @@ constexpr SInt64 kStartMs = 12000;
 constexpr SInt64 kTrailingMs = 1000;
 /* The daemon itself restarts a preview that brings nothing for 10 s. */
 constexpr SInt64 kPreviewMs = 10000;
+/* A preview is started after the stream, and again with every change of the input or the settings;
+ * until it listens its port refuses what comes. */
+constexpr SInt64 kPreviewStartMs = 5000;
 
 /* Why H.264 or the local copy is off; null if both are on. */
 const char *WhyDisabled(const SETTINGS_S &i_stSettings)
@@ -48,7 +51,8 @@ Bool IsFailed(const FACTS_S &i_stFacts)
 
 Bool IsRefused(const FACTS_S &i_stFacts)
 {
-    return i_stFacts.s64RefusedMs && i_stFacts.s64NowMs - *i_stFacts.s64RefusedMs < kQuietMs;
+    return i_stFacts.s64RefusedSinceMs &&
+           i_stFacts.s64NowMs - *i_stFacts.s64RefusedSinceMs >= kPreviewStartMs;
 }
 
 /* Only while its port takes the packets: where it does not, that is the thing to say. */
@@ -146,7 +150,13 @@ Condition Judge(const FACTS_S &i_stFacts)
 std::string Describe(const FACTS_S &i_stFacts, double i_f64Pictures)
 {
     const TIMING_S stTiming = i_stFacts.stTiming.value_or(TIMING_S{});
-    switch (Judge(i_stFacts)) {
+    const Condition eCondition = Judge(i_stFacts);
+    if (!i_stFacts.s64ListenMs && eCondition >= Condition::Starting) {
+        return "The input is " + SizeText(stTiming) +
+               ", but whether the stream runs cannot be seen: another program has taken 127.0.0.1 "
+               "port 12350, and the preview gets nothing from here.";
+    }
+    switch (eCondition) {
     case Condition::NoDaemon:
         return "The encoder's daemon does not run.";
     case Condition::InputUnknown:

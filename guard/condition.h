@@ -32,12 +32,12 @@ struct FACTS_S {
     SInt64 s64DaemonMs = 0;       /* when it was started */
     std::optional<TIMING_S> stTiming;
     Link eLink = Link::Unknown;
-    SInt64 s64TimingMs = 0;             /* when the timing was heard or last changed */
-    std::optional<SInt64> s64ListenMs;  /* since when the guard has the stream's port */
-    std::optional<SInt64> s64PacketMs;  /* the last packet; none since the guard's own start */
-    std::optional<SInt64> s64FlowingMs; /* since when packets come, without a pause of 2 s */
-    std::optional<SInt64> s64PictureMs; /* the last new preview picture */
-    std::optional<SInt64> s64RefusedMs; /* the preview's port last refused a packet */
+    SInt64 s64TimingMs = 0;                  /* when the timing was heard or last changed */
+    std::optional<SInt64> s64ListenMs;       /* since when the guard has the stream's port */
+    std::optional<SInt64> s64PacketMs;       /* the last packet; none since the guard's own start */
+    std::optional<SInt64> s64FlowingMs;      /* since when packets come, without a pause of 2 s */
+    std::optional<SInt64> s64PictureMs;      /* the last new preview picture */
+    std::optional<SInt64> s64RefusedSinceMs; /* the preview's port takes no packet */
     std::optional<SETTINGS_S> stSettings;
     SInt64 s64SettingsMs = 0;           /* when they were told */
     std::optional<SInt64> s64RestartMs; /* the last restart by the guard */

@@ -359,7 +359,7 @@ FACTS_S CGuard::Facts() const
     FACTS_S stFacts = m_stFacts;
     stFacts.s64NowMs = m_s64NowMs;
     stFacts.s64PacketMs = m_objRelay.Stream().s64LastPacketMs;
-    stFacts.s64RefusedMs = m_objRelay.RefusedMs();
+    stFacts.s64RefusedSinceMs = m_objRelay.RefusedSinceMs();
     return stFacts;
 }
 
@@ -432,7 +432,7 @@ void CGuard::Tick()
 void CGuard::Run(int i_s32StopFd)
 {
     const UniqueFd objTicker = MakeTicker();
-    BindRelay();
+    Tick(); /* so that the first state does not say that nothing is there */
     for (;;) {
         pollfd stFds[] = {{m_objRelay.Fd(), POLLIN, 0},
                           {objTicker.Get(), POLLIN, 0},

@@ -110,6 +110,15 @@ Bool CRelay::Send(OUT_S &io_stOut, Bytes i_objPacket)
     return bRefused;
 }
 
+void CRelay::SendToPreview(Bytes i_objPacket, SInt64 i_s64NowMs)
+{
+    if (Send(m_stPreview, i_objPacket)) {
+        m_s64RefusedSinceMs = m_s64RefusedSinceMs.value_or(i_s64NowMs);
+    } else {
+        m_s64RefusedSinceMs.reset();
+    }
+}
+
 void CRelay::Pass(std::span<UInt8> io_objPacket, SInt64 i_s64NowMs)
 {
     const std::optional<RTP_PACKET_S> stPacket = ParseRtp(io_objPacket);
@@ -122,6 +131,9 @@ void CRelay::Pass(std::span<UInt8> io_objPacket, SInt64 i_s64NowMs)
         Send(stOut, io_objPacket);
     }
     m_objMeter.Add(*stPacket, io_objPacket.size(), i_s64NowMs);
+    m_objThinner.RepeatKey(*stPacket, [this, i_s64NowMs](Bytes i_objPacket) {
+        SendToPreview(i_objPacket, i_s64NowMs);
+    });
     const double f64Rate = m_objMeter.QuickRate();
     const std::optional<UInt16> u16Number =
         m_objThinner.Take(*stPacket, f64Rate > 0 ? f64Rate : m_f64InputRate);
@@ -130,9 +142,7 @@ void CRelay::Pass(std::span<UInt8> io_objPacket, SInt64 i_s64NowMs)
         return;
     }
     WriteSequence(io_objPacket, *u16Number);
-    if (Send(m_stPreview, io_objPacket)) {
-        m_s64RefusedMs = i_s64NowMs;
-    }
+    SendToPreview(io_objPacket, i_s64NowMs);
 }
 
 void CRelay::Serve(SInt64 i_s64NowMs)

@@ -37,8 +37,8 @@ public:
 
     const STREAM_FIGURES_S &Stream() const { return m_objMeter.Figures(); }
     RELAY_FIGURES_S Figures() const;
-    /* When the preview's port last refused a packet. */
-    std::optional<SInt64> RefusedMs() const { return m_s64RefusedMs; }
+    /* Since when the preview's port refuses every packet; none once it took one. */
+    std::optional<SInt64> RefusedSinceMs() const { return m_s64RefusedSinceMs; }
 
 private:
     struct OUT_S {
@@ -50,6 +50,7 @@ private:
     static OUT_S MakeOut(UInt16 i_u16Port);
     /* True if the port refused a packet. */
     static Bool Send(OUT_S &io_stOut, Bytes i_objPacket);
+    void SendToPreview(Bytes i_objPacket, SInt64 i_s64NowMs);
     void Pass(std::span<UInt8> io_objPacket, SInt64 i_s64NowMs);
 
     UniqueFd m_objIn;
@@ -61,7 +62,7 @@ private:
     double m_f64InputRate = 0;
     UInt64 m_u64Thinned = 0;
     UInt64 m_u64NotRtp = 0;
-    std::optional<SInt64> m_s64RefusedMs;
+    std::optional<SInt64> m_s64RefusedSinceMs;
     std::optional<double> m_f64Rate;
     SInt64 m_s64RateMs = 0;
     UInt64 m_u64RatePictures = 0;

@@ -135,14 +135,20 @@ TEST(ConditionTest, TheFirstThatHolds)
         {"preview-stalled", [](FACTS_S &f, auto &) { f.s64PictureMs = 990000; }},
         {"streaming", [](FACTS_S &f, auto &) { f.s64PictureMs.reset(), f.s64FlowingMs = 991000; }},
         {"relay-refused",
-         [](FACTS_S &f, auto &) { f.s64PictureMs = 990000, f.s64RefusedMs = 999000; }},
+         [](FACTS_S &f, auto &) { f.s64PictureMs = 990000, f.s64RefusedSinceMs = 995000; }},
+        {"streaming", /* the preview is still being started */
+         [](FACTS_S &f, auto &) { f.s64RefusedSinceMs = 995001; }},
     };
     for (const auto &stRow : kRows) {
         FACTS_S stFacts = Streaming();
         stRow.pChange(stFacts, objSettings);
         const Condition eCondition = Judge(stFacts);
         EXPECT_STREQ(ConditionWord(eCondition), stRow.pWord) << &stRow - kRows;
-        EXPECT_FALSE(Describe(stFacts, 0).empty());
+        EXPECT_EQ(Describe(stFacts, 0).find("12350"), std::string::npos);
+        stFacts.s64ListenMs.reset();
+        EXPECT_EQ(Describe(stFacts, 0).find("12350") != std::string::npos,
+                  eCondition >= Condition::Starting)
+            << stRow.pWord << ": another program has the port";
     }
 }
 
