@@ -78,7 +78,8 @@ void AddFiles(CLI::App &io_objApp, PANEL_OPTIONS_S &o_stOptions)
         ->capture_default_str();
     io_objApp
         .add_option("--param", o_stOptions.strParamFile,
-                    "the daemon's parameter file, into which settings are saved")
+                    "the daemon's parameter file: says where the stream goes, and settings are "
+                    "saved into it")
         ->type_name("FILE")
         ->capture_default_str();
     io_objApp

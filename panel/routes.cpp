@@ -6,7 +6,7 @@
 #include "panel/answers.h"
 #include "panel/metrics.h"
 #include "panel/page.h"
-#include "panel/sdp.h"
+#include "tools/session.h"
 
 using nlohmann::json;
 
@@ -193,17 +193,15 @@ void CRoutes::Metrics(CResponse &o_objResponse)
 
 void CRoutes::Sdp(CResponse &o_objResponse)
 {
-    const std::string strGroup = GroupOf("eth0");
-    if (strGroup.empty()) {
-        Refuse(o_objResponse, 503, "There is no eth0, so the stream has no group.");
+    /* One at a time: a receiver's name that does not resolve takes seconds and a thread. */
+    const std::lock_guard objLock(m_objSdpMutex);
+    const TARGET_S stTarget = FindTarget(m_stOptions.strParamFile, "", nullptr);
+    if (!stTarget.strProblem.empty()) {
+        Refuse(o_objResponse, 503, "Where the stream goes is not known: " + stTarget.strProblem);
         return;
     }
-    const auto pState = m_objState.Get();
     o_objResponse.set_header("Content-Disposition", "inline; filename=\"stream.sdp\"");
-    SendFresh(o_objResponse,
-              FormatSdp(strGroup,
-                        static_cast<UInt32>(pState->Number("/stream/payload_type").value_or(96)),
-                        pState->String("/stream/sps"), pState->String("/stream/pps")),
+    SendFresh(o_objResponse, SdpText(MakeSession(stTarget, m_objState.Get()->objJson)),
               "application/sdp");
 }
 

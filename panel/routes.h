@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,7 @@ private:
     CDoors m_objDoors;
     CSettings m_objSettings;
     std::vector<std::string> m_objNames; /* the panel may be called by */
+    std::mutex m_objSdpMutex;
     std::atomic<UInt64> m_u64Requests{0};
     std::atomic<UInt32> m_u32Listeners{0}; /* of events */
 };

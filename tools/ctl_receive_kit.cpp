@@ -1,30 +1,20 @@
 /*
  * receive-kit.
- *
- * The session description comes from the parameter file (where the stream goes) and, while the
- * guard runs, from the stream itself (payload type and parameter sets).
  */
 #include "tools/ctl_receive_kit.h"
 
-#include <charconv>
-#include <cstring>
 #include <memory>
 #include <sstream>
 #include <vector>
 
 #include <CLI/CLI.hpp>
-#include <arpa/inet.h>
 #include <nlohmann/json.hpp>
 
-#include "common/box/utils.h"
-#include "guard/base64.h"
-#include "guard/sap.h"
-#include "tools/check_file.h"
 #include "tools/guard_state.h"
+#include "tools/session.h"
 
 namespace
 {
-constexpr char kInterface[] = "eth0";
 constexpr char kSdpFile[] = "mv3300.sdp";
 
 struct OPTIONS_S {
@@ -36,93 +26,10 @@ struct OPTIONS_S {
     bool bJson = false;
 };
 
-/* Where the stream goes. */
-struct TARGET_S {
-    std::string strAddress;
-    UInt16 u16Port = 59202;
-    std::string strProblem;
-};
-
 struct PLAYER_S {
     const char *pName;
     std::string strLine;
 };
-
-Ipv4 ToIpv4(const std::string &i_strText)
-{
-    Ipv4 u8Address = {};
-    (void)inet_pton(AF_INET, i_strText.c_str(), u8Address.data());
-    return u8Address;
-}
-
-TARGET_S TargetOf(const RECEIVER_S &i_stReceiver)
-{
-    TARGET_S stTarget = {i_stReceiver.strAddress, 0, i_stReceiver.strProblem};
-    const char *pEnd = i_stReceiver.strText.data() + i_stReceiver.strText.size();
-    const char *pPort = i_stReceiver.strText.data() + i_stReceiver.strText.rfind(':') + 1;
-    if (stTarget.strProblem.empty() &&
-        std::from_chars(pPort, pEnd, stTarget.u16Port).ec != std::errc()) {
-        stTarget.strProblem = "no port";
-    }
-    if (!stTarget.strProblem.empty()) {
-        stTarget.strProblem = "receiver " + i_stReceiver.strText + ": " + stTarget.strProblem;
-    }
-    return stTarget;
-}
-
-/* o_strNote: what a person should know beside it. */
-TARGET_S FindTarget(const OPTIONS_S &i_stOptions, std::string *o_strNote)
-{
-    const std::string strList = i_stOptions.strTo.empty()
-                                    ? CheckParamFile(i_stOptions.strFile).strAddrList
-                                    : i_stOptions.strTo;
-    const std::vector<RECEIVER_S> objReceivers = CheckReceivers(strList);
-    if (!objReceivers.empty()) {
-        if (objReceivers.size() > 1) {
-            *o_strNote = "for the first of " + std::to_string(objReceivers.size()) +
-                         " receivers; --to HOST:PORT names another";
-        }
-        return TargetOf(objReceivers[0]);
-    }
-    TARGET_S stTarget;
-    if (get_multicast_ip(stTarget.strAddress, kInterface) != 0) {
-        stTarget.strProblem =
-            "the list of receivers is empty, and eth0 has no hardware address for a group";
-    }
-    return stTarget;
-}
-
-SESSION_S MakeSession(const TARGET_S &i_stTarget, std::string *io_pNote)
-{
-    SESSION_S stSession;
-    char szName[256] = "";
-    (void)gethostname(szName, sizeof(szName) - 1);
-    stSession.strName = szName;
-    char szOrigin[IP_TEXT_SIZE] = "";
-    (void)GetLocalIPStr(kInterface, szOrigin);
-    stSession.u8Origin = ToIpv4(szOrigin);
-    stSession.u8Group = ToIpv4(i_stTarget.strAddress);
-    stSession.u16Port = i_stTarget.u16Port;
-    stSession.u64Id = stSession.u64Version = static_cast<UInt64>(time(nullptr));
-    std::string strFact;
-    const nlohmann::json objState = ReadGuardState(&strFact);
-    const nlohmann::json objType = StateValue(objState, "stream", "payload_type");
-    if (objType.is_number_unsigned() && objType < 128) {
-        stSession.u8PayloadType = objType.get<UInt8>();
-    }
-    const nlohmann::json objSps = StateValue(objState, "stream", "sps");
-    const nlohmann::json objPps = StateValue(objState, "stream", "pps");
-    if (objSps.is_string() && objPps.is_string()) {
-        stSession.objSps = FromBase64(objSps.get<std::string>());
-        stSession.objPps = FromBase64(objPps.get<std::string>());
-    }
-    if (stSession.objSps.size() < 4 || stSession.objPps.empty()) {
-        *io_pNote += (io_pNote->empty() ? "" : "; ") +
-                     std::string("without the parameter sets, which are not known: ") +
-                     (strFact.empty() ? "no stream was seen" : strFact);
-    }
-    return stSession;
-}
 
 /* A path of a media server that takes RTP by a session description. */
 std::string MediaServerText(const TARGET_S &i_stTarget, const std::string &i_strSdp)
@@ -184,11 +91,17 @@ void PrintText(std::ostream &io_objOut, const OPTIONS_S &i_stOptions, const std:
 int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
 {
     std::string strNote;
-    const TARGET_S stTarget = FindTarget(i_stOptions, &strNote);
+    const TARGET_S stTarget = FindTarget(i_stOptions.strFile, i_stOptions.strTo, &strNote);
     if (!stTarget.strProblem.empty()) {
         return i_stContext.Fail(CTL_NOT_TAKEN, stTarget.strProblem);
     }
-    const SESSION_S stSession = MakeSession(stTarget, &strNote);
+    std::string strFact;
+    const SESSION_S stSession = MakeSession(stTarget, ReadGuardState(&strFact));
+    if (!HasParameterSets(stSession)) {
+        strNote += (strNote.empty() ? "" : "; ") +
+                   std::string("without the parameter sets, which are not known: ") +
+                   (strFact.empty() ? "no stream was seen" : strFact);
+    }
     const std::string strSdp = SdpText(stSession);
     const std::string strServer = MediaServerText(stTarget, strSdp);
     const std::vector<PLAYER_S> objPlayers = Players(stTarget, stSession);
