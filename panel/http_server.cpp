@@ -218,19 +218,18 @@ std::string CHttpServer::UseTls(const std::string &i_strCertificate, const std::
     }
     SSL_CTX_set_min_proto_version(pContext, TLS1_2_VERSION);
     SSL_CTX_set_mode(pContext, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-    const char *pWrong = nullptr;
+    std::string strWrong;
     if (SSL_CTX_use_certificate_chain_file(pContext, i_strCertificate.c_str()) != 1) {
-        pWrong = "the certificate cannot be used: ";
+        strWrong = "the certificate " + i_strCertificate + " cannot be used: ";
     } else if (SSL_CTX_use_PrivateKey_file(pContext, i_strKey.c_str(), SSL_FILETYPE_PEM) != 1) {
-        pWrong = "the key cannot be used: ";
+        strWrong = "the key " + i_strKey + " cannot be used: ";
     } else if (SSL_CTX_check_private_key(pContext) != 1) {
-        pWrong = "the key is not the certificate's: ";
+        strWrong = "the key " + i_strKey + " is not the certificate's: ";
     }
     const unsigned long u64Error = ERR_peek_error();
     const char *pReason = ERR_SYSTEM_ERROR(u64Error) ? strerror(ERR_GET_REASON(u64Error))
                                                      : ERR_reason_error_string(u64Error);
-    return pWrong == nullptr ? std::string()
-                             : std::string(pWrong) + (pReason == nullptr ? "?" : pReason);
+    return strWrong.empty() ? strWrong : strWrong + (pReason == nullptr ? "?" : pReason);
 }
 
 Bool CHttpServer::Open(const std::string &i_strAddress, UInt16 i_u16Port)
