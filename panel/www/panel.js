@@ -30,6 +30,9 @@ let lastPicture = -Infinity; /* when one was shown */
 let pictures = 0;
 let stream = null; /* aborts the request that runs */
 let edge = 0;      /* of what was received, on the video's clock */
+const LEAST_SLACK = 0.06, MOST_SLACK = 0.3; /* seconds; a picture lasts a thirtieth */
+let slack = LEAST_SLACK; /* what the player may have in store */
+let began = 0;           /* when it was set up */
 
 function badge(text, kind) {
     $('badge').textContent = text;
@@ -63,13 +66,17 @@ function onPicture() {
     video.requestVideoFrameCallback(onPicture);
 }
 
-/* Stays close behind what was received: jumps over a backlog, plays a little faster over less. */
+/* Stays close behind what was received: jumps over a backlog, plays faster over less. How close the
+ * way from the box and this machine allow, the player itself finds out: it runs dry when it is too
+ * close. */
 function chase() {
     const lag = edge - video.currentTime;
     if (lag > 1 || lag < 0) {
         video.currentTime = Math.max(edge - 0.05, 0);
     }
-    video.playbackRate = lag > 0.4 ? 1.2 : lag > 0.15 ? 1.05 : 1;
+    slack = Math.max(slack - 0.0002, LEAST_SLACK);
+    video.playbackRate = lag > slack + 0.25 ? 1.2 : lag > slack + 0.1 ? 1.08
+        : lag > slack ? 1.03 : 1;
     if (video.paused) {
         video.play().catch(() => {});
     }
@@ -104,6 +111,7 @@ async function play(signal) {
     const opened = done(source, 'sourceopen');
     const address = URL.createObjectURL(source);
     video.src = address;
+    began = seconds();
     await opened;
     URL.revokeObjectURL(address);
     const buffer = source.addSourceBuffer(type);
@@ -149,6 +157,11 @@ async function watch() {
         return;
     }
     video.requestVideoFrameCallback(onPicture);
+    video.addEventListener('waiting', () => {
+        if (seconds() > began + 3) { /* the first ones are always uneven */
+            slack = Math.min(slack + 0.02, MOST_SLACK);
+        }
+    });
     for (;;) {
         await visible();
         stream = new AbortController();
