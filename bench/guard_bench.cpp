@@ -3,32 +3,25 @@
  * beside a stream of 1920x1080 at 60 a second with 10 Mbit/s, and whether a packet is lost at 40.
  *
  * Sends RTP packets to the relay's port in bursts of a picture, 60 a second, and looks at when the
- * kernel delivers them at the preview's. Rounds of the two relays take turns. Each line ends in its
- * limit and whether it is kept; the exit status is 1 if one is not. Takes half a minute. Run by
- * bench/run, with the guard's path.
+ * kernel delivers them at the preview's. Rounds of the two relays take turns. Both may use every
+ * processor.
  */
-#include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
+#include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include "bench/rig.h"
 #include "framework/unique_fd.h"
-#include "guard/daemon_view.h"
-#include "guard/files.h"
-#include "guard/loopback.h"
+#include "tests/support/loopback.h"
 
 namespace
 {
@@ -43,56 +36,13 @@ SInt64 NowNs()
     return stNow.tv_sec * kSecondNs + stNow.tv_nsec;
 }
 
-[[noreturn]] void Fail(const char *i_pText)
+/* A relay that has its port. */
+pid_t StartRelay(const std::vector<std::string> &i_strArgs)
 {
-    fprintf(stderr, "guard_bench: %s: %s\n", i_pText, strerror(errno));
-    exit(1);
+    const pid_t s32Pid = Spawn(i_strArgs);
+    WaitForLog(":303E ", 1, "/proc/net/udp"); /* port 12350 */
+    return s32Pid;
 }
-
-/* A process of our own, ended at the end of its object. */
-class CRelayProcess
-{
-public:
-    explicit CRelayProcess(std::vector<std::string> i_strArgs)
-    {
-        std::vector<char *> pArgs;
-        for (std::string &strArg : i_strArgs) {
-            pArgs.push_back(strArg.data());
-        }
-        pArgs.push_back(nullptr);
-        if (posix_spawnp(&m_s32Pid, pArgs[0], nullptr, nullptr, pArgs.data(), environ) != 0) {
-            Fail(pArgs[0]);
-        }
-        for (int i = 0; i < 200; i++) {
-            usleep(10000);
-            if (HasUdpPort(ReadFile("/proc/net/udp", 1 << 20).value_or(""), 12350)) {
-                return;
-            }
-        }
-        Fail("the relay does not take its port");
-    }
-    ~CRelayProcess()
-    {
-        kill(m_s32Pid, SIGTERM);
-        waitpid(m_s32Pid, nullptr, 0);
-    }
-    CRelayProcess(const CRelayProcess &) = delete;
-    CRelayProcess &operator=(const CRelayProcess &) = delete;
-
-    DAEMON_S Look() const
-    {
-        const auto strStat = ReadFile("/proc/" + std::to_string(m_s32Pid) + "/stat", 4096);
-        const auto stLook =
-            ParseProcStat(strStat.value_or(""), sysconf(_SC_CLK_TCK), sysconf(_SC_PAGESIZE));
-        if (!stLook) {
-            Fail("the relay has ended");
-        }
-        return *stLook;
-    }
-
-private:
-    pid_t m_s32Pid = -1;
-};
 
 /* Takes what arrives at the preview's port until it is told to stop. */
 class CReceiver
@@ -103,22 +53,22 @@ public:
         const int s32On = 1;
         const int s32Buffer = 8 << 20;
         const timeval stLimit = {0, 200000};
-        const sockaddr_in stAddress = LoopbackAddress(12345);
+        const sockaddr_in stAddress = Loopback(12345);
         (void)setsockopt(m_objFd.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &s32Buffer, sizeof(s32Buffer));
         setsockopt(m_objFd.Get(), SOL_SOCKET, SO_TIMESTAMPNS, &s32On, sizeof(s32On));
         setsockopt(m_objFd.Get(), SOL_SOCKET, SO_RCVTIMEO, &stLimit, sizeof(stLimit));
         if (bind(m_objFd.Get(), reinterpret_cast<const sockaddr *>(&stAddress),
                  sizeof(stAddress)) != 0) {
-            Fail("the preview's port");
+            Fail("the preview's port", strerror(errno));
         }
         m_objThread = std::thread([this] { Receive(); });
     }
-    /* The delays, ns. Everything that was sent and not lost has come. */
-    std::vector<SInt64> Finish()
+    /* The delays, us. Everything that was sent and not lost has come. */
+    std::vector<double> Finish()
     {
         m_bStop = true;
         m_objThread.join();
-        return std::move(m_s64Delays);
+        return std::move(m_f64Delays);
     }
 
 private:
@@ -146,13 +96,15 @@ private:
             }
             SInt64 s64Sent = 0;
             memcpy(&s64Sent, u8Packet + 16, sizeof(s64Sent));
-            m_s64Delays.push_back(stArrived.tv_sec * kSecondNs + stArrived.tv_nsec - s64Sent);
+            m_f64Delays.push_back(
+                static_cast<double>(stArrived.tv_sec * kSecondNs + stArrived.tv_nsec - s64Sent) /
+                1000);
         }
     }
 
     UniqueFd m_objFd;
     std::atomic<bool> m_bStop = false;
-    std::vector<SInt64> m_s64Delays;
+    std::vector<double> m_f64Delays;
     std::thread m_objThread;
 };
 
@@ -160,7 +112,7 @@ private:
 std::size_t SendStream(double i_f64MbitPerSecond, int i_s32Seconds)
 {
     const UniqueFd objFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in stTo = LoopbackAddress(12350);
+    const sockaddr_in stTo = Loopback(12350);
     const double f64PerPicture = i_f64MbitPerSecond * 1e6 / 8 / kPacket / kRate;
     UInt8 u8Packet[kPacket] = {0x80, 96};
     std::size_t u64Sent = 0;
@@ -180,7 +132,7 @@ std::size_t SendStream(double i_f64MbitPerSecond, int i_s32Seconds)
             memcpy(u8Packet + 16, &s64Now, sizeof(s64Now));
             if (sendto(objFd.Get(), u8Packet, sizeof(u8Packet), 0,
                        reinterpret_cast<const sockaddr *>(&stTo), sizeof(stTo)) < 0) {
-                Fail("send");
+                Fail("send", strerror(errno));
             }
         }
         s64Next += kSecondNs / kRate;
@@ -189,64 +141,39 @@ std::size_t SendStream(double i_f64MbitPerSecond, int i_s32Seconds)
     }
     return u64Sent;
 }
-
-double Percentile99(std::vector<SInt64> i_s64Values)
-{
-    if (i_s64Values.empty()) {
-        Fail("nothing arrived");
-    }
-    std::sort(i_s64Values.begin(), i_s64Values.end());
-    return static_cast<double>(i_s64Values[i_s64Values.size() * 99 / 100]) / 1000;
-}
-
-bool Line(const char *i_pWhat, double i_f64Value, const char *i_pUnit, double i_f64Limit)
-{
-    const bool bKept = i_f64Value <= i_f64Limit;
-    printf("%-44s %8.2f %-4s limit %6.2f  %s\n", i_pWhat, i_f64Value, i_pUnit, i_f64Limit,
-           bKept ? "kept" : "NOT KEPT");
-    return bKept;
-}
 } // namespace
 
-int main(int argc, char **argv)
+int main()
 {
-    if (argc != 2 || access("/run/mv3300-sim/box.pid", F_OK) != 0) {
-        fprintf(stderr, "usage, in the bench box: guard_bench PATH_OF_MV3300-GUARD\n");
-        return 2;
-    }
-    const std::vector<std::string> strGuard = {argv[1], "--no-restart", "--no-announce"};
-    const std::vector<std::string> strSocat = {"socat", "-u", "UDP4-RECV:12350,bind=127.0.0.1",
-                                               "UDP4-SENDTO:127.0.0.1:12345"};
-    std::vector<SInt64> s64Delays[2];
-    DAEMON_S stUsed = {};
-    double f64Seconds = 0;
-    for (int i = 0; i < 6; i++) {
-        const CRelayProcess objRelay(i % 2 == 0 ? strGuard : strSocat);
+    constexpr int kRounds = 6;
+    constexpr int kSeconds = 4;
+    const std::vector<std::string> strRelays[] = {
+        {"mv3300-guard", "--no-restart", "--no-announce"},
+        {"socat", "-u", "UDP4-RECV:12350,bind=127.0.0.1", "UDP4-SENDTO:127.0.0.1:12345"}};
+    std::vector<double> f64P99s[2];
+    std::vector<double> f64Cpu;
+    std::vector<double> f64Mb;
+    for (int i = 0; i < kRounds; i++) {
+        const pid_t s32Relay = StartRelay(strRelays[i % 2]);
         CReceiver objReceiver;
-        const DAEMON_S stBefore = objRelay.Look();
-        SendStream(10, 4);
-        const DAEMON_S stAfter = objRelay.Look();
-        for (const SInt64 s64Delay : objReceiver.Finish()) {
-            s64Delays[i % 2].push_back(s64Delay);
-        }
+        const double f64Before = CpuSeconds(s32Relay);
+        SendStream(10, kSeconds);
         if (i % 2 == 0) {
-            stUsed.s64CpuMs += stAfter.s64CpuMs - stBefore.s64CpuMs;
-            stUsed.u64Memory = std::max(stUsed.u64Memory, stAfter.u64Memory);
-            f64Seconds += 4;
+            f64Cpu.push_back((CpuSeconds(s32Relay) - f64Before) * 100 / kSeconds);
+            f64Mb.push_back(PssMb(s32Relay));
         }
+        f64P99s[i % 2].push_back(Quantile(objReceiver.Finish(), 0.99));
+        End(s32Relay, SIGTERM);
     }
-    const CRelayProcess objRelay(strGuard);
+    const pid_t s32Guard = StartRelay(strRelays[0]);
     CReceiver objReceiver;
-    const std::size_t u64Sent = SendStream(40, 4);
+    const std::size_t u64Sent = SendStream(40, kSeconds);
     const std::size_t u64Came = objReceiver.Finish().size();
+    End(s32Guard, SIGTERM);
 
-    const double f64Ours = Percentile99(s64Delays[0]);
-    const double f64Socat = Percentile99(s64Delays[1]);
-    printf("guard/relay-delay-p99: ours %.1f us, socat %.1f us\n", f64Ours, f64Socat);
-    bool bKept = Line("guard/relay-delay-p99/socat, ratio", f64Ours / f64Socat, "", 1.2);
-    bKept &= Line("guard/processor at 10 Mbit/s",
-                  static_cast<double>(stUsed.s64CpuMs) / 10 / f64Seconds, "%", 1);
-    bKept &= Line("guard/memory", static_cast<double>(stUsed.u64Memory) / 1048576, "MB", 6);
-    bKept &= Line("guard/lost at 40 Mbit/s", static_cast<double>(u64Sent - u64Came), "", 0);
-    return bKept ? 0 : 1;
+    Compare("guard: delay of the relay, p99", "socat", 1.2, f64P99s[0], f64P99s[1]);
+    Report("guard: CPU at 10 Mbit/s, %", "", 1, Quantile(f64Cpu, 1));
+    Report("guard: memory, MB", "", 6, Quantile(f64Mb, 1));
+    Report("guard: packets lost at 40 Mbit/s", "", 0, static_cast<double>(u64Sent - u64Came));
+    return 0;
 }

@@ -1,22 +1,29 @@
 /*
- * The limit of the task pool: the least POSIX program that takes the same steps.
+ * The limit of the task pool and of the event thread: the least POSIX program that takes the same
+ * steps.
  *
- * The event words and the round robin are under one mutex; each worker has a list with a mutex and
- * a condition and looks at it at least every 5 ms; runs share a lock; a worker yields after a run.
- * There are no delayed runs, priorities, names or checks.
+ * The pool: the event words and the round robin are under one mutex; each worker has a list with a
+ * mutex and a condition and looks at it at least every 5 ms; runs share a lock; a worker yields
+ * after a run. There are no delayed runs, priorities, names or checks.
  */
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/select.h>
 #include <sys/time.h>
 #include <time.h>
+#include <unistd.h>
 
+#include "bench/rig.h"
 #include "framework/types.h"
 
 class CLeastTask
@@ -55,16 +62,13 @@ public:
 
     void Signal(CLeastTask *i_pTask, UInt32 i_u32Events)
     {
-        pthread_mutex_lock(&m_stAtomicMutex);
-        const UInt32 u32Old = i_pTask->m_u32Events;
-        i_pTask->m_u32Events |= i_u32Events | kAlive;
-        pthread_mutex_unlock(&m_stAtomicMutex);
+        UInt32 &u32Events = i_pTask->m_u32Events;
+        const UInt32 u32Old =
+            Locked([&] { return std::exchange(u32Events, u32Events | i_u32Events | kAlive); });
         if ((u32Old & kAlive) != 0) {
             return;
         }
-        pthread_mutex_lock(&m_stAtomicMutex);
-        const UInt32 u32Picked = ++m_u32Picker;
-        pthread_mutex_unlock(&m_stAtomicMutex);
+        const UInt32 u32Picked = Locked([&] { return ++m_u32Picker; });
         CWorker &objWorker = *m_pWorkers[u32Picked % m_pWorkers.size()];
         pthread_mutex_lock(&objWorker.stMutex);
         i_pTask->m_pNext = nullptr;
@@ -131,31 +135,139 @@ private:
 
     void RunUntilDone(CLeastTask *i_pTask)
     {
+        UInt32 &u32Events = i_pTask->m_u32Events;
         for (bool bDone = false; !bDone;) {
             pthread_rwlock_rdlock(&m_stRunLock);
             /* The run takes its events in two steps: what is there, and then no more than that. */
-            pthread_mutex_lock(&m_stAtomicMutex);
-            const UInt32 u32Events = i_pTask->m_u32Events & ~kAlive;
-            pthread_mutex_unlock(&m_stAtomicMutex);
-            pthread_mutex_lock(&m_stAtomicMutex);
-            i_pTask->m_u32Events -= u32Events;
-            pthread_mutex_unlock(&m_stAtomicMutex);
+            const UInt32 u32Taken = Locked([&] { return u32Events & ~kAlive; });
+            Locked([&] { return u32Events -= u32Taken; });
             i_pTask->Run();
             pthread_rwlock_unlock(&m_stRunLock);
-
-            pthread_mutex_lock(&m_stAtomicMutex);
-            bDone = i_pTask->m_u32Events == kAlive;
-            if (bDone) {
-                i_pTask->m_u32Events = 0;
-            }
-            pthread_mutex_unlock(&m_stAtomicMutex);
+            bDone =
+                1 == Locked([&] {
+                    return std::exchange(u32Events, u32Events == kAlive ? 0 : u32Events) == kAlive;
+                });
             sched_yield();
         }
     }
 
-    pthread_mutex_t m_stAtomicMutex = PTHREAD_MUTEX_INITIALIZER;
+    template <typename Step> UInt32 Locked(Step i_objStep)
+    {
+        const std::lock_guard objLock(m_objAtomicMutex);
+        return i_objStep();
+    }
+
+    std::mutex m_objAtomicMutex;
     pthread_rwlock_t m_stRunLock = PTHREAD_RWLOCK_INITIALIZER;
     UInt32 m_u32Picker = 0;
     std::atomic<bool> m_bStop{false};
     std::vector<std::unique_ptr<CWorker>> m_pWorkers;
+};
+
+/* One-shot readiness over select(2), with a pipe that ends the wait when the set has changed. A
+ * task that is signalled is held by a count, so that its owner could wait for its release. */
+class CLeastLoop
+{
+public:
+    CLeastLoop()
+    {
+        if (pipe(m_s32Pipe) != 0) {
+            Fail("pipe", "");
+        }
+        FD_ZERO(&m_stReadSet);
+        FD_ZERO(&m_stWriteSet);
+        FD_SET(m_s32Pipe[0], &m_stReadSet);
+        m_s32Max = m_s32Pipe[0];
+        m_objThread = std::thread([this] { Loop(); });
+    }
+    ~CLeastLoop()
+    {
+        m_bStop.store(true);
+        Wake();
+        m_objThread.join();
+        close(m_s32Pipe[0]);
+        close(m_s32Pipe[1]);
+    }
+    CLeastLoop(const CLeastLoop &) = delete;
+    CLeastLoop &operator=(const CLeastLoop &) = delete;
+
+    void Arm(int i_s32Socket, CLeastTask *i_pTask)
+    {
+        {
+            std::lock_guard objLock(m_objMutex);
+            FD_SET(i_s32Socket, &m_stReadSet);
+            m_stWatched[i_s32Socket].pTask = i_pTask;
+            m_s32Max = std::max(m_s32Max, i_s32Socket);
+        }
+        Wake();
+    }
+
+    /* As a run that is readable. */
+    void Signal(CLeastTask *i_pTask) { m_objPool.Signal(i_pTask, 16); }
+
+private:
+    void Wake()
+    {
+        if (write(m_s32Pipe[1], "p", 1) != 1) {
+            Fail("write", "");
+        }
+    }
+
+    void HandOut(int i_s32Socket)
+    {
+        {
+            std::lock_guard objLock(m_objMutex);
+            FD_CLR(i_s32Socket, &m_stReadSet);
+            m_stWatched[i_s32Socket].u32Count++;
+        }
+        Signal(m_stWatched[i_s32Socket].pTask);
+        {
+            std::lock_guard objLock(m_objMutex);
+            m_stWatched[i_s32Socket].u32Count--;
+        }
+        sched_yield();
+    }
+
+    void Loop()
+    {
+        while (!m_bStop.load()) {
+            fd_set stReadSet;
+            fd_set stWriteSet;
+            int s32Max = 0;
+            {
+                std::lock_guard objLock(m_objMutex);
+                stReadSet = m_stReadSet;
+                stWriteSet = m_stWriteSet;
+                s32Max = m_s32Max;
+            }
+            sched_yield();
+            struct timeval stTimeout = {15, 0};
+            int s32Ready = select(s32Max + 1, &stReadSet, &stWriteSet, nullptr, &stTimeout);
+            if (s32Ready > 0 && FD_ISSET(m_s32Pipe[0], &stReadSet)) {
+                char szWakeUps[4096];
+                (void)!read(m_s32Pipe[0], szWakeUps, sizeof(szWakeUps));
+                FD_CLR(m_s32Pipe[0], &stReadSet);
+                s32Ready--;
+            }
+            for (int i = 0; s32Ready > 0; i++) {
+                if (FD_ISSET(i, &stReadSet)) {
+                    HandOut(i);
+                    s32Ready--;
+                }
+            }
+        }
+    }
+
+    std::mutex m_objMutex;
+    fd_set m_stReadSet;
+    fd_set m_stWriteSet;
+    int m_s32Max = 0;
+    struct {
+        CLeastTask *pTask = nullptr;
+        UInt32 u32Count = 0;
+    } m_stWatched[FD_SETSIZE];
+    int m_s32Pipe[2];
+    std::atomic<bool> m_bStop{false};
+    CLeastPool m_objPool{1};
+    std::thread m_objThread;
 };

@@ -1,6 +1,6 @@
 /*
- * The box codec beside protobuf and msgpack: the stream command (seven asks and seven sets, nested)
- * encoded and decoded, and boxes of 1 to 100 four-byte records.
+ * The box codec: the stream command (seven asks and seven sets, nested) encoded and decoded, beside
+ * protobuf and msgpack, and boxes of four-byte records beside protobuf.
  *
  * Every round starts from plain values and ends with them, so each side pays for its own objects,
  * buffers and lookups. A box and a msgpack map are asked for each field by its type, since neither
@@ -11,9 +11,10 @@
 #include <string>
 #include <string_view>
 
-#include <benchmark/benchmark.h>
 #include <msgpack.hpp>
 
+#include "bench/rig.h"
+#include "bench/subjects.h"
 #include "tlv/tlv_box.h"
 #include "tlv_bench.pb.h"
 
@@ -30,47 +31,41 @@ constexpr std::array<int, kFields> kValues = {1, 30, 0, 2000000, 1, 540, 5};
 struct DECODED_S {
     std::array<bool, kFields> bAsked;
     std::array<int, kFields> s32Values;
+    bool operator==(const DECODED_S &) const = default;
 };
-
-/* A decoder that loses a field must not win. */
-void Check(benchmark::State &io_objState, const DECODED_S &i_stDecoded)
-{
-    for (int i = 0; i < kFields; i++) {
-        const auto u64Index = static_cast<std::size_t>(i);
-        if (!i_stDecoded.bAsked[u64Index] || i_stDecoded.s32Values[u64Index] != kValues[u64Index]) {
-            io_objState.SkipWithError("decoded wrongly");
-        }
-    }
-}
+constexpr DECODED_S kWanted = {{true, true, true, true, true, true, true}, kValues};
 
 int ModeNumber(std::string_view i_objText)
 {
     return i_objText == "cbr" ? 0 : 1;
 }
 
+/* Takes the box. */
+std::string Bytes(tlv_box *i_pBox)
+{
+    tlv_box_serialize(i_pBox);
+    std::string strBytes(reinterpret_cast<const char *>(tlv_box_get_buffer(i_pBox)),
+                         static_cast<std::size_t>(tlv_box_get_size(i_pBox)));
+    tlv_box_destroy(i_pBox);
+    return strBytes;
+}
+
 std::string EncodeTlv()
 {
     tlv_box *pNested = tlv_box_create();
-    for (int i = 0; i < kFields; i++) {
-        tlv_box_put_int(pNested, kAsk + static_cast<std::uint32_t>(i) * kStep, 1);
-    }
-    for (int i = 0; i < kFields; i++) {
-        const std::uint32_t u32Type = kSet + static_cast<std::uint32_t>(i) * kStep;
+    for (std::uint32_t i = 0; i < kFields; i++) {
+        tlv_box_put_int(pNested, kAsk + i * kStep, 1);
         if (i == kMode) {
-            tlv_box_put_string(pNested, u32Type, "cbr");
+            tlv_box_put_string(pNested, kSet + i * kStep, "cbr");
         } else {
-            tlv_box_put_int(pNested, u32Type, kValues[static_cast<std::size_t>(i)]);
+            tlv_box_put_int(pNested, kSet + i * kStep, kValues[i]);
         }
     }
     tlv_box_serialize(pNested);
     tlv_box *pOuter = tlv_box_create();
     tlv_box_put_object(pOuter, kStreamCommand, pNested);
-    tlv_box_serialize(pOuter);
-    std::string strBytes(reinterpret_cast<const char *>(tlv_box_get_buffer(pOuter)),
-                         static_cast<std::size_t>(tlv_box_get_size(pOuter)));
     tlv_box_destroy(pNested);
-    tlv_box_destroy(pOuter);
-    return strBytes;
+    return Bytes(pOuter);
 }
 
 DECODED_S DecodeTlv(const std::string &i_strBytes)
@@ -81,8 +76,6 @@ DECODED_S DecodeTlv(const std::string &i_strBytes)
     tlv_box_get_object(pOuter, kStreamCommand, &pNested);
     for (std::uint32_t i = 0; i < kFields; i++) {
         stDecoded.bAsked[i] = tlv_box_get_node(pNested, kAsk + i * kStep) != nullptr;
-    }
-    for (std::uint32_t i = 0; i < kFields; i++) {
         if (i == kMode) {
             char szMode[128];
             int s32Length = sizeof(szMode);
@@ -142,8 +135,6 @@ std::string EncodeMsgpack()
     for (std::uint32_t i = 0; i < kFields; i++) {
         objPacker.pack(kAsk + i * kStep);
         objPacker.pack(1);
-    }
-    for (std::uint32_t i = 0; i < kFields; i++) {
         objPacker.pack(kSet + i * kStep);
         if (i == kMode) {
             objPacker.pack("cbr");
@@ -175,14 +166,9 @@ DECODED_S DecodeMsgpack(const std::string &i_strBytes)
     const msgpack::object *pNested = FindMsgpack(objHandle.get(), kStreamCommand);
     for (std::uint32_t i = 0; i < kFields; i++) {
         stDecoded.bAsked[i] = FindMsgpack(*pNested, kAsk + i * kStep) != nullptr;
-    }
-    for (std::uint32_t i = 0; i < kFields; i++) {
         const msgpack::object *pValue = FindMsgpack(*pNested, kSet + i * kStep);
-        if (i == kMode) {
-            stDecoded.s32Values[i] = ModeNumber(pValue->as<std::string_view>());
-        } else {
-            stDecoded.s32Values[i] = pValue->as<int>();
-        }
+        stDecoded.s32Values[i] =
+            i == kMode ? ModeNumber(pValue->as<std::string_view>()) : pValue->as<int>();
     }
     return stDecoded;
 }
@@ -190,45 +176,22 @@ DECODED_S DecodeMsgpack(const std::string &i_strBytes)
 template <std::string (*Encode)(), DECODED_S (*Decode)(const std::string &)>
 void StreamCommand(benchmark::State &io_objState)
 {
-    Check(io_objState, Decode(Encode()));
+    if (!(Decode(Encode()) == kWanted)) { /* a decoder that loses a field must not win */
+        io_objState.SkipWithError("decoded wrongly");
+    }
     for (auto objRound : io_objState) {
         const DECODED_S stDecoded = Decode(Encode());
         benchmark::DoNotOptimize(stDecoded);
     }
-}
-BENCHMARK(StreamCommand<EncodeTlv, DecodeTlv>)->Name("stream_command/ours");
-BENCHMARK(StreamCommand<EncodeProtobuf, DecodeProtobuf>)->Name("stream_command/protobuf");
-BENCHMARK(StreamCommand<EncodeMsgpack, DecodeMsgpack>)->Name("stream_command/msgpack");
-
-template <std::string (*Encode)()> void StreamCommandEncode(benchmark::State &io_objState)
-{
-    for (auto objRound : io_objState) {
-        benchmark::DoNotOptimize(Encode());
-    }
-}
-BENCHMARK(StreamCommandEncode<EncodeTlv>)->Name("stream_command_encode/ours");
-BENCHMARK(StreamCommandEncode<EncodeProtobuf>)->Name("stream_command_encode/protobuf");
-BENCHMARK(StreamCommandEncode<EncodeMsgpack>)->Name("stream_command_encode/msgpack");
-
-constexpr int kMostRecords = 100;
-
-/* The order of the types makes no difference: a box compares a new one with all it has. */
-std::uint32_t BoxType(int i_s32Index)
-{
-    return static_cast<std::uint32_t>(i_s32Index) + 1;
 }
 
 std::string EncodeBoxTlv(int i_s32Records)
 {
     tlv_box *pBox = tlv_box_create();
     for (int i = 0; i < i_s32Records; i++) {
-        tlv_box_put_int(pBox, BoxType(i), i);
+        tlv_box_put_int(pBox, static_cast<std::uint32_t>(i) + 1, i);
     }
-    tlv_box_serialize(pBox);
-    std::string strBytes(reinterpret_cast<const char *>(tlv_box_get_buffer(pBox)),
-                         static_cast<std::size_t>(tlv_box_get_size(pBox)));
-    tlv_box_destroy(pBox);
-    return strBytes;
+    return Bytes(pBox);
 }
 
 std::string EncodeBoxProtobuf(int i_s32Records)
@@ -236,23 +199,10 @@ std::string EncodeBoxProtobuf(int i_s32Records)
     reference::Box objBox;
     for (int i = 0; i < i_s32Records; i++) {
         reference::Record &objRecord = *objBox.add_records();
-        objRecord.set_type(BoxType(i));
+        objRecord.set_type(static_cast<std::uint32_t>(i) + 1);
         objRecord.set_value(&i, sizeof(i));
     }
     return objBox.SerializeAsString();
-}
-
-std::string EncodeBoxMsgpack(int i_s32Records)
-{
-    msgpack::sbuffer objBuffer;
-    msgpack::packer<msgpack::sbuffer> objPacker(objBuffer);
-    objPacker.pack_map(static_cast<std::uint32_t>(i_s32Records));
-    for (int i = 0; i < i_s32Records; i++) {
-        objPacker.pack(BoxType(i));
-        objPacker.pack_bin(sizeof(i));
-        objPacker.pack_bin_body(reinterpret_cast<const char *>(&i), sizeof(i));
-    }
-    return {objBuffer.data(), objBuffer.size()};
 }
 
 /* Decoding makes the records reachable; looking all of them up is not part of it. */
@@ -270,18 +220,13 @@ void DecodeBoxProtobuf(const std::string &i_strBytes)
     benchmark::DoNotOptimize(objBox.records(0).type());
 }
 
-void DecodeBoxMsgpack(const std::string &i_strBytes)
-{
-    const msgpack::object_handle objHandle = msgpack::unpack(i_strBytes.data(), i_strBytes.size());
-    benchmark::DoNotOptimize(objHandle.get().via.map.ptr[0].key.via.u64);
-}
-
 template <std::string (*Encode)(int)> void BoxEncode(benchmark::State &io_objState)
 {
     for (auto objRound : io_objState) {
         benchmark::DoNotOptimize(Encode(static_cast<int>(io_objState.range(0))));
     }
 }
+
 template <std::string (*Encode)(int), void (*Decode)(const std::string &)>
 void BoxDecode(benchmark::State &io_objState)
 {
@@ -290,15 +235,19 @@ void BoxDecode(benchmark::State &io_objState)
         Decode(strBytes);
     }
 }
-
-#define BOX_BENCHMARK(function, name)                                                              \
-    BENCHMARK(function)->Name(name)->RangeMultiplier(10)->Range(1, kMostRecords)
-#define BOX_BENCHMARKS(encode, decode, side)                                                       \
-    BOX_BENCHMARK(BoxEncode<encode>, "box_encode/" side);                                          \
-    BOX_BENCHMARK((BoxDecode<encode, decode>), "box_decode/" side)
-BOX_BENCHMARKS(EncodeBoxTlv, DecodeBoxTlv, "ours");
-BOX_BENCHMARKS(EncodeBoxProtobuf, DecodeBoxProtobuf, "protobuf");
-BOX_BENCHMARKS(EncodeBoxMsgpack, DecodeBoxMsgpack, "msgpack");
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    AddSubject("stream command encoded and decoded", 0, StreamCommand<EncodeTlv, DecodeTlv>,
+               {{"protobuf", StreamCommand<EncodeProtobuf, DecodeProtobuf>, 1.75},
+                {"msgpack", StreamCommand<EncodeMsgpack, DecodeMsgpack>, 1}});
+    for (const int s32Records : {1, 100}) {
+        const std::string strBox = "box of " + std::to_string(s32Records);
+        AddSubject(strBox + " encoded", s32Records, BoxEncode<EncodeBoxTlv>,
+                   {{"protobuf", BoxEncode<EncodeBoxProtobuf>, 0.6}});
+        AddSubject(strBox + " decoded", s32Records, BoxDecode<EncodeBoxTlv, DecodeBoxTlv>,
+                   {{"protobuf", BoxDecode<EncodeBoxProtobuf, DecodeBoxProtobuf>, 0.6}});
+    }
+    return RunSubjects(argc, argv);
+}

@@ -1,60 +1,20 @@
 /*
  * sim-uevent: announces an input timing as the HDMI bridge's driver would.
- *
- * The event goes to the kernel, which hands it to every listener of its own network namespace as
- * if a driver had raised it.
  */
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include <linux/netlink.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 
+#include "sim/uevent/send.h"
 #include "sim/uevent/uevent.h"
 
 namespace
 {
-constexpr UInt16 kUeventMessage = 16;
-
-/* Hands the event to the kernel and waits for its verdict: 0 or an errno value. */
-int SendToKernel(const std::string &i_strPayload)
-{
-    const int s32Fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
-    if (s32Fd < 0) {
-        return errno;
-    }
-    std::vector<char> objMessage(NLMSG_SPACE(i_strPayload.size()), 0);
-    nlmsghdr stHeader = {};
-    stHeader.nlmsg_len = static_cast<UInt32>(NLMSG_LENGTH(i_strPayload.size()));
-    stHeader.nlmsg_type = kUeventMessage;
-    stHeader.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    memcpy(objMessage.data(), &stHeader, sizeof(stHeader));
-    memcpy(objMessage.data() + NLMSG_HDRLEN, i_strPayload.data(), i_strPayload.size());
-
-    struct {
-        nlmsghdr stHeader;
-        nlmsgerr stVerdict;
-        char szRest[4096];
-    } stAnswer = {};
-    int s32Error = 0;
-    if (send(s32Fd, objMessage.data(), stHeader.nlmsg_len, 0) < 0 ||
-        recv(s32Fd, &stAnswer, sizeof(stAnswer), 0) < 0) {
-        s32Error = errno;
-    } else {
-        s32Error = -stAnswer.stVerdict.error;
-    }
-    close(s32Fd);
-    return s32Error;
-}
-
 /* "NAME=value" in its two halves; a name is needed, a value may be empty. */
 std::pair<std::string, std::string> SplitVar(const std::string &i_strVar)
 {

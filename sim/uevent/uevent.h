@@ -1,7 +1,7 @@
 /*
  * The uevent with which the HDMI bridge's driver announces an input timing, as text and bytes.
  *
- * Pure functions; the socket is in main.cpp.
+ * Pure functions; the socket is in send.cpp.
  */
 #pragma once
 

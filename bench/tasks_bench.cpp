@@ -1,0 +1,390 @@
+/*
+ * From an event to the run of its task: signals in bursts, signals that merge into one that is
+ * pending, and datagrams over the event thread. Beside it stand the least POSIX program that takes
+ * the same steps (least_tasks.h) and libevent.
+ */
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <semaphore.h>
+#include <unistd.h>
+
+#include "bench/least_tasks.h"
+#include "bench/rig.h"
+#include "bench/subjects.h"
+#include "framework/task.h"
+#include "framework/udpsocket.h"
+#include "framework/unique_fd.h"
+#include "tests/support/loopback.h"
+
+namespace
+{
+constexpr SInt32 kReadable = EV_READ; /* libevent has a macro of that name */
+} // namespace
+
+#include <event2/event.h>
+#include <event2/thread.h>
+
+namespace
+{
+/* Counts the runs down and wakes the main thread at the last. */
+class CCountdown
+{
+public:
+    CCountdown() { sem_init(&m_stDone, 0, 0); }
+    void Start(SInt64 i_s64Runs) { m_s64Left.store(i_s64Runs); }
+    void Run()
+    {
+        if (m_s64Left.fetch_sub(1) == 1) {
+            sem_post(&m_stDone);
+        }
+    }
+    void Wait()
+    {
+        while (sem_wait(&m_stDone) != 0) {
+        }
+    }
+
+private:
+    std::atomic<SInt64> m_s64Left{0};
+    sem_t m_stDone;
+};
+
+/* The framework, with so many task threads during the life of the object. */
+class COurPool
+{
+public:
+    explicit COurPool(UInt32 i_u32Threads)
+    {
+        static const bool s_bStarted = [] {
+            CThread::Initialize(0x80000);
+            select_startevents();
+            CSocket::Initialize();
+            CSocket::StartThread();
+            return true;
+        }();
+        benchmark::DoNotOptimize(s_bStarted);
+        m_s64Descriptors = Descriptors(getpid());
+        CTaskThreadPool::AddThreads(i_u32Threads);
+    }
+    /* The event thread closes the sockets; the next one needs their numbers. */
+    ~COurPool()
+    {
+        for (CTask *pTask : m_pTasks) {
+            pTask->Signal(CTask::kKillEvent);
+        }
+        CTaskThreadPool::RemoveThreads();
+        while (Descriptors(getpid()) > m_s64Descriptors) {
+            CThread::Sleep(1);
+        }
+    }
+
+protected:
+    std::vector<CTask *> m_pTasks;
+
+private:
+    std::ptrdiff_t m_s64Descriptors;
+};
+
+/* --- Bursts. Tasks(COUNT, COUNTDOWN): so many tasks, of which Signal(INDEX) starts one. --------
+ */
+
+constexpr unsigned kThreads = 2; /* of a pool, as in the daemon */
+
+template <typename Tasks> void Burst(benchmark::State &io_objState)
+{
+    const auto u64Count = static_cast<std::size_t>(io_objState.range(0));
+    CCountdown objCountdown;
+    Tasks objTasks(u64Count, &objCountdown);
+    for (auto _ : io_objState) {
+        objCountdown.Start(io_objState.range(0));
+        for (std::size_t i = 0; i < u64Count; i++) {
+            objTasks.Signal(i);
+        }
+        objCountdown.Wait();
+    }
+}
+
+class COurTask : public CTask
+{
+public:
+    explicit COurTask(CCountdown *i_pCountdown) : m_pCountdown(i_pCountdown) {}
+    SInt64 Run() override
+    {
+        if ((GetEvents() & kKillEvent) != 0) {
+            return -1;
+        }
+        m_pCountdown->Run();
+        return 0;
+    }
+
+private:
+    CCountdown *m_pCountdown;
+};
+
+struct COurTasks : COurPool {
+    COurTasks(std::size_t i_u64Count, CCountdown *i_pCountdown) : COurPool(kThreads)
+    {
+        for (std::size_t i = 0; i < i_u64Count; i++) {
+            m_pTasks.push_back(new COurTask(i_pCountdown));
+        }
+    }
+    void Signal(std::size_t i_u64Index) { m_pTasks[i_u64Index]->Signal(CTask::kReadEvent); }
+};
+
+struct CCountingTask : CLeastTask {
+    explicit CCountingTask(CCountdown *i_pCountdown) : pCountdown(i_pCountdown) {}
+    void Run() override { pCountdown->Run(); }
+    CCountdown *pCountdown;
+};
+
+struct CLeastTasks {
+    CLeastTasks(std::size_t i_u64Count, CCountdown *i_pCountdown)
+        : objTasks(i_u64Count, CCountingTask(i_pCountdown))
+    {
+    }
+    void Signal(std::size_t i_u64Index)
+    {
+        objPool.Signal(&objTasks[i_u64Index], CTask::kReadEvent);
+    }
+    std::vector<CCountingTask> objTasks;
+    CLeastPool objPool{kThreads};
+};
+
+/* --- Signals that meet a pending one. ----------------------------------------------------------
+ */
+
+/* Waits for a delayed run for good. */
+class CPendingTask : public CTask
+{
+public:
+    explicit CPendingTask(CCountdown *i_pCountdown) : m_pCountdown(i_pCountdown) {}
+    SInt64 Run() override
+    {
+        m_pCountdown->Run();
+        return 3600000;
+    }
+
+private:
+    CCountdown *m_pCountdown;
+};
+
+void MergeOurs(benchmark::State &io_objState)
+{
+    CCountdown objCountdown;
+    objCountdown.Start(1);
+    COurPool objPool(kThreads);
+    auto pTask = std::make_unique<CPendingTask>(&objCountdown);
+    pTask->Signal(CTask::kStartEvent);
+    objCountdown.Wait();
+    for (auto _ : io_objState) {
+        pTask->Signal(CTask::kReadEvent);
+    }
+    /* The pool lets go of the task before it is destroyed. */
+    CTaskThreadPool::RemoveThreads();
+}
+
+/* Nobody runs this loop. */
+void MergeLibevent(benchmark::State &io_objState)
+{
+    evthread_use_pthreads();
+    event_base *pBase = event_base_new();
+    auto Nothing = [](evutil_socket_t, short, void *) {};
+    event *pEvent = event_new(pBase, -1, EV_READ, Nothing, nullptr);
+    event_active(pEvent, EV_READ, 1);
+    for (auto _ : io_objState) {
+        event_active(pEvent, EV_READ, 1);
+    }
+    event_free(pEvent);
+    event_base_free(pBase);
+}
+
+/* --- Datagrams. Server(COUNT, COUNTDOWN): so many sockets, watched once it is constructed;
+ * Port(INDEX). One datagram is on its way at a time, to each socket in turn. --------------------
+ */
+
+template <typename Server> void Datagram(benchmark::State &io_objState)
+{
+    const auto u64Count = static_cast<std::size_t>(io_objState.range(0));
+    const UniqueFd objSender(BindLoopback(0));
+    CCountdown objCountdown;
+    Server objServer(u64Count, &objCountdown);
+    std::size_t u64Next = 0;
+    auto SendOne = [&] {
+        objCountdown.Start(1);
+        SendLoopback(objSender.Get(), objServer.Port(u64Next), "datagram");
+        objCountdown.Wait();
+        u64Next = u64Next + 1 < u64Count ? u64Next + 1 : 0;
+    };
+    for (int i = 0; i < 100; i++) { /* what the sockets' first watches left to be done */
+        SendOne();
+    }
+    for (auto _ : io_objState) {
+        SendOne();
+    }
+}
+
+class CReadTask : public CTask
+{
+public:
+    explicit CReadTask(CCountdown *i_pCountdown)
+        : m_objSocket(this, CSocket::kNonBlocking), m_pCountdown(i_pCountdown)
+    {
+        if (m_objSocket.Open() != 0 || m_objSocket.Bind(INADDR_LOOPBACK, 0) != 0) {
+            Fail("no socket", "");
+        }
+    }
+    UInt16 Port() { return static_cast<UInt16>(atoi(m_objSocket.GetLocalPortStr()->m_pPtr)); }
+    SInt64 Run() override
+    {
+        const UInt32 u32Events = GetEvents();
+        if ((u32Events & kKillEvent) != 0) {
+            return -1;
+        }
+        if ((u32Events & kReadEvent) != 0) {
+            unsigned int u32Addr = 0;
+            unsigned short u16Port = 0;
+            unsigned int u32Len = 0;
+            char szBuffer[64];
+            m_objSocket.RecvFrom(&u32Addr, &u16Port, szBuffer, sizeof(szBuffer), &u32Len);
+        }
+        m_objSocket.RequestEvent(kReadable);
+        m_pCountdown->Run();
+        return 0;
+    }
+
+private:
+    CUDPSocket m_objSocket;
+    CCountdown *m_pCountdown;
+};
+
+class COurServer : public COurPool
+{
+public:
+    COurServer(std::size_t i_u64Count, CCountdown *i_pCountdown) : COurPool(1)
+    {
+        for (std::size_t i = 0; i < i_u64Count; i++) {
+            auto *pTask = new CReadTask(i_pCountdown);
+            m_pTasks.push_back(pTask);
+            m_u16Ports.push_back(pTask->Port());
+            i_pCountdown->Start(1);
+            pTask->Signal(CTask::kStartEvent);
+            i_pCountdown->Wait();
+        }
+    }
+    UInt16 Port(std::size_t i_u64Index) const { return m_u16Ports[i_u64Index]; }
+
+private:
+    std::vector<UInt16> m_u16Ports;
+};
+
+/* The loop of libevent, which hands the readable socket over to the limit's worker. */
+class CLibeventLoop
+{
+public:
+    CLibeventLoop()
+    {
+        evthread_use_pthreads();
+        m_pBase = event_base_new();
+        m_objThread = std::thread([this] { event_base_loop(m_pBase, EVLOOP_NO_EXIT_ON_EMPTY); });
+    }
+    ~CLibeventLoop()
+    {
+        event_base_loopbreak(m_pBase);
+        m_objThread.join();
+        for (const WATCHED_S &stWatched : m_stWatched) {
+            if (stWatched.pEvent != nullptr) {
+                event_free(stWatched.pEvent);
+            }
+        }
+        event_base_free(m_pBase);
+    }
+    void Arm(int i_s32Socket, CLeastTask *i_pTask)
+    {
+        WATCHED_S &stWatched = m_stWatched[i_s32Socket];
+        if (stWatched.pEvent == nullptr) {
+            stWatched = {&m_objPool, i_pTask, nullptr};
+            stWatched.pEvent = event_new(m_pBase, i_s32Socket, EV_READ, OnReadable, &stWatched);
+        }
+        event_add(stWatched.pEvent, nullptr);
+    }
+
+private:
+    struct WATCHED_S {
+        CLeastPool *pPool;
+        CLeastTask *pTask;
+        event *pEvent;
+    };
+    static void OnReadable(evutil_socket_t, short, void *i_pWatched)
+    {
+        const auto *pWatched = static_cast<WATCHED_S *>(i_pWatched);
+        pWatched->pPool->Signal(pWatched->pTask, CTask::kReadEvent);
+    }
+
+    WATCHED_S m_stWatched[FD_SETSIZE] = {};
+    event_base *m_pBase;
+    CLeastPool m_objPool{1};
+    std::thread m_objThread;
+};
+
+/* A socket with the task that reads it on a worker of the loop's, and has it watched again. */
+template <typename Loop> class CReceiver : public CLeastTask
+{
+public:
+    CReceiver(CCountdown *i_pCountdown, Loop *i_pLoop)
+        : m_objFd(BindLoopback(0, &m_u16Port)), m_pCountdown(i_pCountdown), m_pLoop(i_pLoop)
+    {
+        m_pLoop->Arm(m_objFd.Get(), this);
+    }
+    UInt16 Port() const { return m_u16Port; }
+    void Run() override
+    {
+        char szBuffer[64];
+        sockaddr_in stFrom;
+        socklen_t u32Len = sizeof(stFrom);
+        benchmark::DoNotOptimize(recvfrom(m_objFd.Get(), szBuffer, sizeof(szBuffer), MSG_DONTWAIT,
+                                          reinterpret_cast<sockaddr *>(&stFrom), &u32Len));
+        m_pLoop->Arm(m_objFd.Get(), this);
+        m_pCountdown->Run();
+    }
+
+private:
+    UInt16 m_u16Port = 0;
+    UniqueFd m_objFd;
+    CCountdown *m_pCountdown;
+    Loop *m_pLoop;
+};
+
+template <typename Loop> struct CServer {
+    CServer(std::size_t i_u64Count, CCountdown *i_pCountdown)
+    {
+        for (std::size_t i = 0; i < i_u64Count; i++) {
+            pReceivers.push_back(std::make_unique<CReceiver<Loop>>(i_pCountdown, &objLoop));
+        }
+    }
+    UInt16 Port(std::size_t i_u64Index) const { return pReceivers[i_u64Index]->Port(); }
+
+    std::vector<std::unique_ptr<CReceiver<Loop>>> pReceivers;
+    Loop objLoop; /* ends first */
+};
+} // namespace
+
+int main(int argc, char **argv)
+{
+    for (const int s32Tasks : {1, 10, 1000}) {
+        AddSubject("signal to run, burst of " + std::to_string(s32Tasks), s32Tasks,
+                   Burst<COurTasks>, {{"limit", Burst<CLeastTasks>, 1.05}}, 0);
+    }
+    AddSubject("signal that merges into a pending one", 0, MergeOurs,
+               {{"libevent", MergeLibevent, 1.25}});
+    for (const int s32Sockets : {1, 100, 1000}) { /* all servers get as many datagrams */
+        AddSubject("datagram to run, " + std::to_string(s32Sockets) + " watched", s32Sockets,
+                   Datagram<COurServer>,
+                   {{"limit", Datagram<CServer<CLeastLoop>>, 1.08},
+                    {"libevent", Datagram<CServer<CLibeventLoop>>, -1}},
+                   3000);
+    }
+    return RunSubjects(argc, argv);
+}
