@@ -124,7 +124,8 @@ def test_settings(page):
     wait_for('a refusal', lambda: 'wrong' in page.text('settings-note'), 5)
     assert not page.browser.find_element(By.ID, 'set-gop').is_enabled()
     field.send_keys('correct horse' + Keys.ENTER)
-    wait_for('the fields', lambda: page.browser.find_element(By.ID, 'set-gop').is_enabled(), 10)
+    wait_for('the fields', lambda: page.run(  # in one step, for they are made anew meanwhile
+        "return document.getElementById('set-gop')?.disabled === false"), 10)
     page.shot('settings')
     for name, value in (('gop', '30'), ('bitrate', '2000000')):
         entry = page.browser.find_element(By.ID, 'set-' + name)
