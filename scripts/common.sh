@@ -64,6 +64,7 @@ install_wanted() {
     ((${#MISSING[@]})) || return 0
     command -v apt-get >/dev/null ||
         die "this is no Debian (no apt-get). Install by hand: ${MISSING[*]}"
+    as_root true # whoever may not is told here, not that no source answers
     read_package_lists
     say "installing $(size_of "${MISSING[@]}")"
     printf %s "$REASONS"
