@@ -57,13 +57,15 @@ std::string Stream(const STATE_S &i_stState)
 }
 } // namespace
 
-std::string FillPage(std::string i_strPage, const STATE_S &i_stState)
+std::string FillPage(std::string i_strPage, const STATE_S &i_stState,
+                     const std::string &i_strOrigin)
 {
     const std::pair<const char *, std::string> objTexts[] = {
         {"{{condition}}", i_stState.Condition()},
         {"{{text}}", i_stState.Sentence()},
         {"{{input}}", Input(i_stState)},
         {"{{stream}}", Stream(i_stState)},
+        {"{{origin}}", i_strOrigin},
     };
     for (const auto &[pName, strText] : objTexts) {
         const std::string strName(pName);

@@ -8,5 +8,7 @@
 
 #include "panel/state.h"
 
-/* Replaces {{condition}}, {{text}}, {{input}} and {{stream}}; what is put in is escaped. */
-std::string FillPage(std::string i_strPage, const STATE_S &i_stState);
+/* Replaces {{condition}}, {{text}}, {{input}}, {{stream}} and {{origin}}, by which the reader
+ * reaches the panel ("http://host:port"); what is put in is escaped. */
+std::string FillPage(std::string i_strPage, const STATE_S &i_stState,
+                     const std::string &i_strOrigin);

@@ -125,7 +125,9 @@ void CRoutes::Index(const CRequest &i_objRequest, CResponse &o_objResponse)
                "The page's files are not where they belong (see --root): " + m_stOptions.strRoot);
         return;
     }
-    SendTagged(i_objRequest, o_objResponse, FillPage(*objFile, *m_objState.Get()),
+    const std::string strOrigin = std::string(m_objServer.IsTls() ? "https://" : "http://") +
+                                  i_objRequest.get_header_value("Host");
+    SendTagged(i_objRequest, o_objResponse, FillPage(*objFile, *m_objState.Get(), strOrigin),
                "text/html; charset=utf-8");
 }
 

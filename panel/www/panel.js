@@ -247,7 +247,7 @@ function showFigures() {
                          daemon.memory_bytes
                              ? Math.round(daemon.memory_bytes / 1048576) + ' MB' : ''),
         'f-guard': list(known(acts.announcements, ' announced'), known(acts.restarts, ' restarts'),
-                        known(acts.budget_left, ' left this hour')),
+                        known(acts.budget_left, ' more allowed this hour')),
         'f-viewers': known(panel.viewers) && panel.viewers + ' of ' + panel.most_viewers,
     };
     for (const [id, text] of Object.entries(texts)) {
@@ -282,6 +282,7 @@ function showState(next) {
         document.title = word + ' \u2013 HDMI encoder';
     }
     showFigures();
+    mark();
     if (JSON.stringify(state.events) !== events) {
         showEvents();
     }
@@ -350,13 +351,17 @@ function draw(name) {
         ? '' : last.toLocaleString('en', {maximumFractionDigits: PLOTS[name]});
 }
 
+function drawAll() {
+    Object.keys(PLOTS).forEach(draw);
+}
+
 async function plot() {
     for (;;) {
         await visible();
         try {
             const answer = await fetch('api/history', {cache: 'no-store'});
             plotted = await answer.json();
-            Object.keys(PLOTS).forEach(draw);
+            drawAll();
         } catch {
             /* The status line says that the box is gone. */
         }
@@ -410,7 +415,8 @@ function showSettings(settings, enabled) {
         label.htmlFor = input.id;
         input.disabled = !enabled;
         const help = document.createElement('small');
-        help.textContent = setting.help +
+        /* The field takes numbers alone. */
+        help.textContent = setting.help.replace(/, such as [^;]*/, '') +
             (setting.kind === 'number' ? '; ' + setting.least + ' to ' + setting.most : '');
         row.append(label, input, help);
         return row;
@@ -523,8 +529,11 @@ document.addEventListener('visibilitychange', () => {
     }
 });
 for (const line of document.querySelectorAll('code.line')) {
-    line.textContent = line.textContent.replace('{{}}', location.origin);
+    /* Behind another server the box knows neither its name nor its scheme. */
+    line.textContent = line.textContent.replace(/https?:\/\/[^/ ]+/, location.origin);
 }
+window.addEventListener('resize', drawAll);
+matchMedia('(prefers-color-scheme: dark)').addEventListener('change', drawAll);
 showFigures();
 setInterval(mark, 250);
 watch();
