@@ -1,7 +1,7 @@
 """The panel beside a stream of 2 Mbit/s: processor, memory, lost packets, first picture, its age.
 
-Runs inside the bench box. Prints a line for each figure, "subject figure limit ok|MISS"; what has
-no limit says "-". Ends with 1 if a limit is missed or a figure could not be had. Debian's ustreamer
+Runs inside the bench box. Prints a line for each figure, "SUBJECT FIGURE LIMIT ok|MISS"; what has
+no limit says "-" twice. Ends with 1 if a limit is missed or a figure could not be had. Debian's ustreamer
 stands beside it in the same run, with a capture device of the same pictures.
 """
 import argparse
@@ -58,13 +58,12 @@ LOOK = '''
 missed = []
 
 
-def report(what, seen, limit=None, unit='', digits=0):
+def report(what, seen, limit=None, digits=0):
     """Numbers; the limit is the most that is allowed."""
     verdict = '-' if limit is None else 'ok' if seen <= limit else 'MISS'
     if verdict == 'MISS':
         missed.append(what)
-    figure = f'{seen:.{digits}f}{unit}'
-    print(f'{what:<58} {figure:>10} {"-" if limit is None else f"{limit:g}{unit}":>10} {verdict}',
+    print(f'{what:<62} {seen:>8.{digits}f} {"-" if limit is None else f"{limit:g}":>6} {verdict}',
           flush=True)
 
 
@@ -154,18 +153,18 @@ def viewers_cost(name, process, viewers, limits):
         viewers.take(3)
         for connection in viewers.taken:
             viewers.taken[connection] = 0
-        report(f'{name}, {count} viewers: processor', load(process, viewers, MEASURED), percent,
-               ' %', 2)
+        report(f'{name}, {count} viewers: processor, %', load(process, viewers, MEASURED), percent,
+               2)
         assert all(taken > 1e5 for taken in viewers.taken.values()), 'a viewer got no picture'
-        report(f'{name}, {count} viewers: memory', memory(process), megabytes, ' MB', 1)
+        report(f'{name}, {count} viewers: memory, MB', memory(process), megabytes, 1)
     viewers.remove(len(viewers.taken))
 
 
 def cost(processes, _):
     viewers_cost('panel', processes.running['mv3300-panel'], Viewers(),
                  [(0, 0.2, 25), (1, 2, 27), (16, 6, 57)])
-    report('daemon beside it: processor', load(processes.running['mv3300d'], Viewers(), MEASURED),
-           None, ' %', 1)
+    report('daemon beside it: processor, %',
+           load(processes.running['mv3300d'], Viewers(), MEASURED), None, 1)
     if not Rival.missing():
         with Rival() as rival:
             viewers_cost('ustreamer, with its JPEG encoder', rival.process,
@@ -205,9 +204,9 @@ def stream(processes, seconds):
     report(f'packets lost of {packets} in {seconds:.0f} s of coming and going',
            after['lost'] - before['lost'], 0)
     usual, noise = statistics.mean(alone), statistics.stdev(alone)
-    report(f'daemon meanwhile, before and after {usual:.1f} +- {noise:.1f} %',
-           statistics.mean(meanwhile), round(usual + 3 * max(noise, 0.3), 1), ' %', 1)
-    print(f'  the load of the machine meanwhile: {" ".join(map(str, os.getloadavg()))}')
+    report(f'processor of the daemon meanwhile (before and after {usual:.1f} +- {noise:.1f}), %',
+           statistics.mean(meanwhile), round(usual + 3 * max(noise, 0.3), 1), 1)
+    print('load of the machine:', *(f'{load:.1f}' for load in os.getloadavg()))
 
 
 def median_and_p95(values):
@@ -251,22 +250,22 @@ def first_pictures(page):
             const look = () => document.getElementById('screen').dataset.pictures > 0
                 ? done(performance.now() / 1000) : setTimeout(look, 5);
             look();'''))
-    report('first picture in Chromium with GOP 60, most of five', max(times), 0.7, ' s', 2)
+    report('first picture in Chromium with GOP 60, most of five, s', max(times), 0.7, 2)
 
 
 def browser(_processes, _seconds):
     bare, bare_p95 = median_and_p95(decoder_ages())
-    report('picture age in GStreamer, median', bare, None, ' ms')
-    report('picture age in GStreamer, p95', bare_p95, None, ' ms')
+    report('picture age in GStreamer, median, ms', bare)
+    report('picture age in GStreamer, p95, ms', bare_p95)
     page = Page()
     first_pictures(page)
     page.wait_moving(10)
     time.sleep(5)
     median, p95 = median_and_p95(shown_ages(page, 'video'))
-    report('picture age in Chromium, median', median, None, ' ms')
-    report('picture age in Chromium, p95', p95, None, ' ms')
-    report('above GStreamer, median', median - bare, 200, ' ms')
-    report('above GStreamer, p95', p95 - bare_p95, 350, ' ms')
+    report('picture age in Chromium, median, ms', median)
+    report('picture age in Chromium, p95, ms', p95)
+    report('picture age in Chromium above GStreamer, median, ms', median - bare, 200)
+    report('picture age in Chromium above GStreamer, p95, ms', p95 - bare_p95, 350)
     if not Rival.missing():
         with Rival():
             page.browser.get(f'http://127.0.0.1:{RIVAL}/')
@@ -274,7 +273,7 @@ def browser(_processes, _seconds):
             wait_for('its picture', lambda: page.run('return rival.naturalWidth') == WIDTH, 10)
             time.sleep(5)
             for name, age in zip(('median', 'p95'), median_and_p95(shown_ages(page, '#rival'))):
-                report(f'picture age of ustreamer in Chromium, {name}', age, None, ' ms')
+                report(f'picture age of ustreamer in Chromium, {name}, ms', age)
     page.browser.quit()
 
 
@@ -293,7 +292,7 @@ def main():
     subprocess.run(['mv3300ctl', 'set', '--bitrate', '2M', '--gop', '60'], check=True,
                    stdout=subprocess.DEVNULL)
     wait_for('2 Mbit/s with GOP 60', lambda: state()['stream']['kbit_per_second'] > 1600 and
-             state()['stream']['keyframe_interval'] == 60, 30)
+             state()['stream']['keyframe_interval'] == 60, 90)
     if Rival.missing():
         print(f'SKIPPED: nothing beside the panel: {Rival.missing()}', flush=True)
     for name, part in parts.items():
