@@ -171,7 +171,7 @@ upgraded() {
         [[ $deb != *-dbgsym_* ]] || continue
         rm -rf "$folder/tree"
         dpkg-deb -R "$deb" "$folder/tree"
-        sed -i 's/^\(Version: .*\)/\1+next/' "$folder/tree/DEBIAN/control"
+        sed -Ei 's/^Version: .*|mv3300d \(= [^)]*/&+next/' "$folder/tree/DEBIAN/control"
         dpkg-deb --root-owner-group -Zgzip -b "$folder/tree" "$folder/${deb##*/}" >/dev/null
     done
     rm -rf "$folder/tree"
