@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -20,7 +22,6 @@
 #include <sched.h>
 #include <sys/select.h>
 #include <sys/time.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "bench/rig.h"
@@ -52,7 +53,7 @@ public:
     }
     ~CLeastPool()
     {
-        m_bStop.store(true, std::memory_order_relaxed);
+        m_bStop = true;
         for (auto &pWorker : m_pWorkers) {
             pWorker->objThread.join();
         }
@@ -70,45 +71,34 @@ public:
         }
         const UInt32 u32Picked = Locked([&] { return ++m_u32Picker; });
         CWorker &objWorker = *m_pWorkers[u32Picked % m_pWorkers.size()];
-        pthread_mutex_lock(&objWorker.stMutex);
-        i_pTask->m_pNext = nullptr;
-        *objWorker.ppTail = i_pTask;
-        objWorker.ppTail = &i_pTask->m_pNext;
-        pthread_mutex_unlock(&objWorker.stMutex);
-        pthread_cond_signal(&objWorker.stCond);
+        {
+            const std::lock_guard objLock(objWorker.objMutex);
+            i_pTask->m_pNext = nullptr;
+            *objWorker.ppTail = i_pTask;
+            objWorker.ppTail = &i_pTask->m_pNext;
+        }
+        objWorker.objCond.notify_one();
     }
 
 private:
     static constexpr UInt32 kAlive = 0x80000000;
 
     struct CWorker {
-        pthread_mutex_t stMutex = PTHREAD_MUTEX_INITIALIZER;
-        pthread_cond_t stCond = PTHREAD_COND_INITIALIZER;
+        std::mutex objMutex;
+        std::condition_variable objCond;
         CLeastTask *pHead = nullptr;
         CLeastTask **ppTail = &pHead;
         std::thread objThread;
     };
 
-    static void WaitFiveMs(CWorker *i_pWorker)
-    {
-        struct timeval stNow;
-        gettimeofday(&stNow, nullptr);
-        struct timespec stEnd = {stNow.tv_sec, (stNow.tv_usec + 5000) * 1000};
-        if (stEnd.tv_nsec > 999999999) {
-            stEnd.tv_sec++;
-            stEnd.tv_nsec -= 1000000000;
-        }
-        pthread_cond_timedwait(&i_pWorker->stCond, &i_pWorker->stMutex, &stEnd);
-    }
-
     static CLeastTask *Take(CWorker *i_pWorker)
     {
         /* Kept in the limit: delayed runs are looked for at every turn. */
-        struct timespec stNow;
-        clock_gettime(CLOCK_MONOTONIC, &stNow);
-        pthread_mutex_lock(&i_pWorker->stMutex);
+        (void)NowUs();
+        std::unique_lock objLock(i_pWorker->objMutex);
         if (i_pWorker->pHead == nullptr) {
-            WaitFiveMs(i_pWorker);
+            i_pWorker->objCond.wait_until(objLock, std::chrono::system_clock::now() +
+                                                       std::chrono::milliseconds(5));
         }
         CLeastTask *pTask = i_pWorker->pHead;
         if (pTask != nullptr) {
@@ -117,18 +107,15 @@ private:
                 i_pWorker->ppTail = &i_pWorker->pHead;
             }
         }
-        pthread_mutex_unlock(&i_pWorker->stMutex);
         return pTask;
     }
 
     void Work(CWorker *i_pWorker)
     {
-        for (;;) {
-            CLeastTask *pTask = Take(i_pWorker);
+        CLeastTask *pTask = nullptr;
+        while ((pTask = Take(i_pWorker)) != nullptr || !m_bStop) {
             if (pTask != nullptr) {
                 RunUntilDone(pTask);
-            } else if (m_bStop.load(std::memory_order_relaxed)) {
-                return;
             }
         }
     }

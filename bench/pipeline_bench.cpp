@@ -6,13 +6,11 @@
  * with its preview, stand beside the least program that parses and plays descriptions (this one,
  * with --play); the latter beside two of gst-launch-1.0 as well, which plays one.
  */
-#include <cerrno>
 #include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -36,51 +34,31 @@ constexpr STREAM_STATUS_S kStatus = {2, 1, 60, "vbr", 1000000, 1, 720, 1};
 /* The daemon's pauses between a first timing and the start of its pipeline. */
 constexpr unsigned kFixedPausesUs = 1050000;
 
-/* Plays the descriptions at every 'p' of standard input, with the fixed pauses between them, and
- * stops them at every other letter. */
+/* Plays the descriptions at SIGUSR1, with the fixed pauses between them, and stops them at
+ * SIGUSR2. */
 int Play(int i_s32Count, char **i_pCmds)
 {
+    sigset_t stOrders;
+    sigemptyset(&stOrders);
+    sigaddset(&stOrders, SIGUSR1);
+    sigaddset(&stOrders, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &stOrders, nullptr);
     gst_init(nullptr, nullptr);
     std::vector<GstElement *> pPipelines;
-    for (char c8; read(STDIN_FILENO, &c8, 1) == 1;) {
+    for (int s32Order = 0; sigwait(&stOrders, &s32Order) == 0;) {
         for (GstElement *pPipeline : pPipelines) {
             gst_element_set_state(pPipeline, GST_STATE_NULL);
             gst_object_unref(pPipeline);
         }
         pPipelines.clear();
-        for (int i = 0; i < i_s32Count && c8 == 'p'; i++) {
+        for (int i = 0; i < i_s32Count && s32Order == SIGUSR1; i++) {
             usleep(i == 0 ? 0 : kFixedPausesUs);
             pPipelines.push_back(gst_parse_launch(i_pCmds[i], nullptr));
             gst_element_set_state(pPipelines.back(), GST_STATE_PLAYING);
         }
     }
-    return 0;
+    return 1;
 }
-
-/* The least program with its orders. */
-class CPlayer
-{
-public:
-    CPlayer(const char *i_pSelf, const std::vector<std::string> &i_strCmds)
-    {
-        int s32Pipe[2];
-        if (pipe2(s32Pipe, O_CLOEXEC) != 0) {
-            Fail("pipe2", strerror(errno));
-        }
-        std::vector<std::string> strArgs = {i_pSelf, "--play"};
-        strArgs.insert(strArgs.end(), i_strCmds.begin(), i_strCmds.end());
-        m_s32Pid = Spawn(strArgs, s32Pipe[0]);
-        close(s32Pipe[0]);
-        m_objOrders.Reset(s32Pipe[1]);
-    }
-    ~CPlayer() { End(m_s32Pid, SIGKILL); }
-    void Order(char i_s8Order) const { (void)!write(m_objOrders.Get(), &i_s8Order, 1); }
-    pid_t Pid() const { return m_s32Pid; }
-
-private:
-    UniqueFd m_objOrders;
-    pid_t m_s32Pid;
-};
 
 std::string StreamCmd()
 {
@@ -100,7 +78,7 @@ double FirstPacketMs(const UniqueFd &i_objReceiver, double i_f64BeginUs)
 void MeasureFirstPacket(const char *i_pSelf)
 {
     const UniqueFd objReceiver(BindLoopback(5004));
-    const CPlayer objPlayer(i_pSelf, {StreamCmd()});
+    const pid_t s32Player = Spawn({i_pSelf, "--play", StreamCmd()});
     const pid_t s32Daemon = StartDaemon();
     std::vector<double> f64Ms[2];
     sleep(2);
@@ -115,13 +93,14 @@ void MeasureFirstPacket(const char *i_pSelf)
             SendTiming("0x0@0-0");
             WaitForLog("Going out [gst-h264]", i / 2 + 1);
         } else {
-            objPlayer.Order('p');
+            kill(s32Player, SIGUSR1);
             f64Ms[1].push_back(FirstPacketMs(objReceiver, f64Begin));
-            objPlayer.Order('s');
+            kill(s32Player, SIGUSR2);
         }
         sleep(1);
     }
     End(s32Daemon, SIGTERM);
+    End(s32Player, SIGKILL);
     for (std::vector<double> &f64Side : f64Ms) {
         f64Side.erase(f64Side.begin()); /* the first start loads plug-ins */
     }
@@ -172,13 +151,12 @@ void MeasureUsage(const char *i_pSelf)
         WaitForLog("Let's run [gst-h264]", 1);
         Measure({s32Daemon}, &stUsages[0]);
         End(s32Daemon, SIGTERM);
-        {
-            const CPlayer objPlayer(i_pSelf, {strPreview, StreamCmd()});
-            objPlayer.Order('p');
-            usleep(kFixedPausesUs);
-            Measure({objPlayer.Pid()}, &stUsages[1]);
-            objPlayer.Order('s');
-        }
+        const pid_t s32Player = Spawn({i_pSelf, "--play", strPreview, StreamCmd()});
+        sleep(1);
+        kill(s32Player, SIGUSR1);
+        usleep(kFixedPausesUs);
+        Measure({s32Player}, &stUsages[1]);
+        End(s32Player, SIGKILL);
         const std::vector<pid_t> s32Launched = {Launch(strPreview), Launch(StreamCmd())};
         Measure(s32Launched, &stUsages[2]);
         for (const pid_t s32Pid : s32Launched) {

@@ -135,7 +135,7 @@ void PrepareBox()
     WriteLogConf("/config/logconf/mvx3300.conf", kLog);
 }
 
-pid_t Spawn(std::vector<std::string> i_strArgs, int i_s32Stdin)
+pid_t Spawn(std::vector<std::string> i_strArgs)
 {
     std::vector<char *> pArgs;
     for (std::string &strArg : i_strArgs) {
@@ -145,9 +145,9 @@ pid_t Spawn(std::vector<std::string> i_strArgs, int i_s32Stdin)
     const pid_t s32Pid = fork();
     if (s32Pid == 0) {
         const int s32Null = open("/dev/null", O_RDWR | O_CLOEXEC);
-        dup2(i_s32Stdin >= 0 ? i_s32Stdin : s32Null, STDIN_FILENO);
-        dup2(s32Null, STDOUT_FILENO);
-        dup2(s32Null, STDERR_FILENO);
+        for (const int s32Stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            dup2(s32Null, s32Stream);
+        }
         execvp(pArgs[0], pArgs.data());
         _exit(127);
     }

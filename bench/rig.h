@@ -33,8 +33,8 @@ void PinToOneProcessor();
 void PrepareBox();
 void WriteLogConf(const std::string &i_strFile, const std::string &i_strLog);
 
-/* Runs a program without input and output; i_s32Stdin, where it is not negative, is its input. */
-pid_t Spawn(std::vector<std::string> i_strArgs, int i_s32Stdin = -1);
+/* Runs a program without input and output. */
+pid_t Spawn(std::vector<std::string> i_strArgs);
 /* Sends the signal and waits for the end; fails if the process has ended before. */
 void End(pid_t i_s32Pid, int i_s32Signal);
 /* A daemon with its modules up; its log begins anew. */

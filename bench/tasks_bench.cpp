@@ -107,28 +107,28 @@ template <typename Tasks> void Burst(benchmark::State &io_objState)
     }
 }
 
-class COurTask : public CTask
-{
-public:
-    explicit COurTask(CCountdown *i_pCountdown) : m_pCountdown(i_pCountdown) {}
+struct COurTask : CTask {
+    COurTask(CCountdown *i_pCountdown, SInt64 i_s64NextMs)
+        : pCountdown(i_pCountdown), s64NextMs(i_s64NextMs)
+    {
+    }
     SInt64 Run() override
     {
         if ((GetEvents() & kKillEvent) != 0) {
             return -1;
         }
-        m_pCountdown->Run();
-        return 0;
+        pCountdown->Run();
+        return s64NextMs;
     }
-
-private:
-    CCountdown *m_pCountdown;
+    CCountdown *pCountdown;
+    SInt64 s64NextMs;
 };
 
 struct COurTasks : COurPool {
     COurTasks(std::size_t i_u64Count, CCountdown *i_pCountdown) : COurPool(kThreads)
     {
         for (std::size_t i = 0; i < i_u64Count; i++) {
-            m_pTasks.push_back(new COurTask(i_pCountdown));
+            m_pTasks.push_back(new COurTask(i_pCountdown, 0));
         }
     }
     void Signal(std::size_t i_u64Index) { m_pTasks[i_u64Index]->Signal(CTask::kReadEvent); }
@@ -156,27 +156,12 @@ struct CLeastTasks {
 /* --- Signals that meet a pending one. ----------------------------------------------------------
  */
 
-/* Waits for a delayed run for good. */
-class CPendingTask : public CTask
-{
-public:
-    explicit CPendingTask(CCountdown *i_pCountdown) : m_pCountdown(i_pCountdown) {}
-    SInt64 Run() override
-    {
-        m_pCountdown->Run();
-        return 3600000;
-    }
-
-private:
-    CCountdown *m_pCountdown;
-};
-
 void MergeOurs(benchmark::State &io_objState)
 {
     CCountdown objCountdown;
     objCountdown.Start(1);
     COurPool objPool(kThreads);
-    auto pTask = std::make_unique<CPendingTask>(&objCountdown);
+    auto pTask = std::make_unique<COurTask>(&objCountdown, 3600000);
     pTask->Signal(CTask::kStartEvent);
     objCountdown.Wait();
     for (auto _ : io_objState) {
