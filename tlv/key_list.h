@@ -15,7 +15,7 @@ struct key_list;
 
 using key_list_release = void (*)(void *i_pValue);
 
-/* An empty list, or null when memory is exhausted. i_pRelease (may be null) is called on each
+/* An empty list, or null when an allocation failed. i_pRelease (may be null) is called on each
  * value when the list is destroyed. */
 key_list *key_list_create(key_list_release i_pRelease);
 /* Releases every value, front to back, and frees the list. 0; -1 for a null list. */

@@ -68,7 +68,7 @@ tlv_box *make_box(std::size_t i_u64Room)
     return pBox;
 }
 
-/* A new last node with room for that many bytes; null when memory is exhausted. Rare, and kept out
+/* A new last node with room for that many bytes; null when an allocation failed. Rare, and kept out
  * of the puts so that they need no registers saved for it. */
 [[gnu::noinline]] node *add_node(tlv_box *i_pBox, std::size_t i_u64Room)
 {

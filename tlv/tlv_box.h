@@ -24,12 +24,12 @@ struct tlv {
     const unsigned char *value;
 };
 
-/* An empty building box; null when memory is exhausted. */
+/* An empty building box; null when an allocation failed. */
 tlv_box *tlv_box_create();
 /* A sealed box with copies of the records of a received buffer. Records are taken up to the first
  * one that would run past i_s32Size; one whose type came before is dropped. A size of 0 or less
  * gives an empty box of size 0; otherwise the box's buffer and size are the whole input's. Null for
- * a null buffer with a positive size, or when memory is exhausted. */
+ * a null buffer with a positive size, or when an allocation failed. */
 tlv_box *tlv_box_parse(const void *i_pBuffer, int i_s32Size);
 /* Frees the records, the buffer and the box; -1 for null. */
 int tlv_box_destroy(tlv_box *i_pBox);
@@ -40,7 +40,7 @@ const unsigned char *tlv_box_get_buffer(const tlv_box *i_pBox);
 int tlv_box_get_size(const tlv_box *i_pBox);
 
 /* The puts append one record. -1 with the box unchanged: it is sealed, it has a record of that
- * type, its size would exceed 2^31 - 1, or memory is exhausted. */
+ * type, its size would exceed 2^31 - 1, or an allocation failed. */
 int tlv_box_put_int(tlv_box *i_pBox, std::uint32_t i_u32Type, int i_s32Value);
 /* The value is the characters and the terminating zero. */
 int tlv_box_put_string(tlv_box *i_pBox, std::uint32_t i_u32Type, const char *i_pText);
@@ -48,7 +48,7 @@ int tlv_box_put_string(tlv_box *i_pBox, std::uint32_t i_u32Type, const char *i_p
  * destroys the nested box. */
 int tlv_box_put_object(tlv_box *i_pBox, std::uint32_t i_u32Type, const tlv_box *i_pNested);
 
-/* Seals a building box; -1 when it is sealed already or memory is exhausted. */
+/* Seals a building box; -1 when it is sealed already or an allocation failed. */
 int tlv_box_serialize(tlv_box *i_pBox);
 
 /* The record of that type, or null. */
