@@ -188,6 +188,7 @@ TEST_F(CtlTest, GroupTellsWhichBoxesShareOne)
               R"([{"group":"234.29.78.95","macs":["0a:1b:2c:3d:4e:5f","0a1b2c454e5f"]}])");
     EXPECT_EQ(objJson["twice"].dump(), R"(["0A1B2C3D4E5F"])");
     unlink(strFile.c_str());
+    EXPECT_EQ(Run("group 0a:1b:2c:3d:4e:5f 0a1b2c3d4e5f"), 1) << "twice alone";
     for (const char *pNone : {"", "0a:1b:2c:3d:4e", "0a:1b:2c:3d:4e:5g", "0a:1b:2c:3d:4e-5f",
                               "0a1b2c3d4e5f0", "0ax1bx2cx3dx4ex5f", "0a:1b:2c:3d:4:e5f"}) {
         EXPECT_EQ(Run("group " + std::string(pNone)), 2) << pNone;
