@@ -55,9 +55,12 @@ std::string CRemux::Start(const CGopStore &i_objStore)
         gst_clear_object(&m_pPipeline);
         return TakeText(pError);
     }
-    m_strCodec = i_objStore.Codec();
-    m_objCutter = {};
-    m_bBegun = false;
+    {
+        const std::lock_guard objLock(m_objMutex);
+        m_strCodec = i_objStore.Codec();
+        m_objCutter = {};
+        m_bBegun = false;
+    }
     m_bFirst = true;
     m_pSource = FindElement(m_pPipeline, "in");
     GstCaps *pCaps =
@@ -128,6 +131,7 @@ std::string CRemux::TakeError()
 
 Bool CRemux::TakeBytes(const char *i_pData, std::size_t i_u64Size)
 {
+    const std::lock_guard objLock(m_objMutex);
     if (!m_objCutter.Add(i_pData, i_u64Size)) {
         return false;
     }

@@ -6,6 +6,7 @@
  */
 #pragma once
 
+#include <mutex>
 #include <string>
 
 #include "framework/types.h"
@@ -33,6 +34,7 @@ public:
 
 private:
     CFragments &m_objFragments;
+    std::mutex m_objMutex; /* guards what GStreamer's thread uses, too */
     CFragmentCutter m_objCutter;
     std::string m_strCodec;
     Bool m_bBegun = false;
