@@ -3,7 +3,9 @@
  */
 #include "tools/ctl_bundle.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +16,7 @@
 #include <sstream>
 
 #include <CLI/CLI.hpp>
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
@@ -211,6 +214,55 @@ std::string DefaultName()
     return szName;
 }
 
+std::string NameOf(const std::string &i_strAddress, const char *i_pKind,
+                   std::map<std::string, std::string> &io_objNames)
+{
+    std::string &strName = io_objNames[i_strAddress];
+    if (strName.empty()) {
+        strName = i_pKind + std::to_string(io_objNames.size());
+    }
+    return strName;
+}
+
+/* How many characters from there on are an IPv6 address (inet_pton(3)); 0: none. */
+std::size_t Ipv6Length(const std::string &i_strText, std::size_t i_u64At)
+{
+    std::size_t u64Length = i_strText.find_first_not_of("0123456789abcdefABCDEF:.", i_u64At);
+    u64Length = std::min<std::size_t>(u64Length, i_strText.size()) - i_u64At;
+    /* A sentence's end or a port's colon may stand behind it. */
+    for (u64Length = std::min<std::size_t>(u64Length, INET6_ADDRSTRLEN); u64Length > 1;
+         u64Length--) {
+        in6_addr stAddress;
+        const char cNext =
+            i_u64At + u64Length < i_strText.size() ? i_strText[i_u64At + u64Length] : ' ';
+        if (isalnum(static_cast<unsigned char>(cNext)) == 0 &&
+            inet_pton(AF_INET6, i_strText.substr(i_u64At, u64Length).c_str(), &stAddress) == 1) {
+            return u64Length;
+        }
+    }
+    return 0;
+}
+
+std::string MaskIpv6(const std::string &i_strLine, std::map<std::string, std::string> &io_objNames)
+{
+    if (i_strLine.find(':') == std::string::npos) {
+        return i_strLine;
+    }
+    std::string strMasked;
+    char cBefore = ' ';
+    for (std::size_t u64At = 0; u64At < i_strLine.size();) {
+        const Bool bBegin = isalnum(static_cast<unsigned char>(cBefore)) == 0 && cBefore != '_' &&
+                            cBefore != ':' && cBefore != '.';
+        const std::size_t u64Length = bBegin ? Ipv6Length(i_strLine, u64At) : 0;
+        const std::string strPart = i_strLine.substr(u64At, std::max<std::size_t>(u64Length, 1));
+        const Bool bKept = u64Length == 0 || strPart == "::" || strPart == "::1";
+        strMasked += bKept ? strPart : NameOf(strPart, "ipv6-", io_objNames);
+        u64At += strPart.size();
+        cBefore = strPart.back();
+    }
+    return strMasked;
+}
+
 int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
 {
     const std::string strFile = i_stOptions.strFile.empty() ? DefaultName() : i_stOptions.strFile;
@@ -248,17 +300,15 @@ int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
 std::string MaskAddresses(const std::string &i_strText,
                           std::map<std::string, std::string> &io_objNames)
 {
-    /* One alternative a kind, in this order: a part of a longer kind is none of a shorter one. */
-    static const std::regex objAddress(
-        "\\b((?:[0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2})\\b"
-        "|((?:[0-9a-fA-F]{1,4}:){2,7}:?(?:[0-9a-fA-F]{1,4}:)*[0-9a-fA-F]{1,4}"
-        "|[0-9a-fA-F]{1,4}::(?:[0-9a-fA-F]{1,4}:){0,6}[0-9a-fA-F]{1,4})\\b"
-        "|\\b((?:[0-9]{1,3}\\.){3}[0-9]{1,3})\\b"
-        "|\\b([0-9A-F]{8})\\b");
-    constexpr const char *kKinds[] = {"mac-", "ipv6-", "ipv4-", "hex-"};
+    /* One alternative a kind; 0 to 2 are "mac-", "ipv4-", "hex-". */
+    static const std::regex objAddress("\\b((?:[0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2})\\b"
+                                       "|\\b((?:[0-9]{1,3}\\.){3}[0-9]{1,3})\\b"
+                                       "|\\b([0-9A-F]{8})\\b");
+    constexpr const char *kKinds[] = {"mac-", "ipv4-", "hex-"};
     std::istringstream objLines(i_strText);
     std::string strMasked;
     for (std::string strLine; std::getline(objLines, strLine);) {
+        strLine = MaskIpv6(strLine, io_objNames);
         std::size_t u64Done = 0;
         for (std::sregex_iterator pMatch(strLine.begin(), strLine.end(), objAddress), pEnd;
              pMatch != pEnd; ++pMatch) {
@@ -267,22 +317,12 @@ std::string MaskAddresses(const std::string &i_strText,
             while (!(*pMatch)[u64Kind + 1].matched) {
                 u64Kind++;
             }
-            /* A time of day is three numbers. */
-            const Bool bTime = u64Kind == 1 && strAddress.size() <= 8 &&
-                               strAddress.find("::") == std::string::npos;
             const auto u64At = static_cast<std::size_t>(pMatch->position());
             strMasked += strLine.substr(u64Done, u64At - u64Done);
             u64Done = u64At + strAddress.size();
-            if (bTime || strAddress.rfind("127.", 0) == 0 || strAddress == "0.0.0.0" ||
-                strAddress == "00000000" || strAddress == "0100007F") {
-                strMasked += strAddress;
-                continue;
-            }
-            std::string &strName = io_objNames[strAddress];
-            if (strName.empty()) {
-                strName = kKinds[u64Kind] + std::to_string(io_objNames.size());
-            }
-            strMasked += strName;
+            const Bool bKept = strAddress.rfind("127.", 0) == 0 || strAddress == "0.0.0.0" ||
+                               strAddress == "00000000" || strAddress == "0100007F";
+            strMasked += bKept ? strAddress : NameOf(strAddress, kKinds[u64Kind], io_objNames);
         }
         strMasked += strLine.substr(u64Done) + "\n";
     }

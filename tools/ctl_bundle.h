@@ -12,6 +12,6 @@ CRunCommand DescribeBundle(CLI::App &io_objApp, const CTL_CONTEXT_S &i_stContext
 
 /* Puts a stand-in ("ipv4-1", "mac-2") in the place of each address: IPv4, IPv6, hardware, and the
  * hexadecimal ones of /proc/net; the same one for the same address while the names are kept. What
- * tells nothing (127.x.x.x, 0.0.0.0) stays. */
+ * tells nothing (127.x.x.x, 0.0.0.0, ::, ::1) stays. */
 std::string MaskAddresses(const std::string &i_strText,
                           std::map<std::string, std::string> &io_objNames);
