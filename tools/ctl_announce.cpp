@@ -15,6 +15,7 @@
 #include "guard/daemon_view.h"
 #include "guard/files.h"
 #include "guard/state.h"
+#include "tools/guard_state.h"
 
 namespace
 {
@@ -90,6 +91,12 @@ int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
         return i_stContext.Fail(CTL_SYSTEM_ERROR,
                                 std::string("nothing was announced: ") + strerror(s32Error) +
                                     (s32Error == EPERM ? "; it takes root (CAP_NET_ADMIN)" : ""));
+    }
+    std::string strNoGuard;
+    if (i_stOptions.bNone && !ReadGuardState(&strNoGuard).is_null()) {
+        i_stContext.objErr
+            << "mv3300ctl: the guard goes by the driver's word, and starts the stream "
+               "again when it has been down for a while\n";
     }
     const std::string strTiming = TimingText(*stFound.stTiming);
     if (i_stOptions.bJson) {

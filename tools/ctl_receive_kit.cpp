@@ -50,7 +50,6 @@ std::vector<PLAYER_S> Players(const TARGET_S &i_stTarget, const SESSION_S &i_stS
     const std::string strGroup =
         (i_stSession.u8Group[0] & 0xF0) == 0xE0 ? "address=" + i_stTarget.strAddress + " " : "";
     return {{"ffplay", "ffplay -protocol_whitelist file,udp,rtp -fflags nobuffer " + strFile},
-            {"vlc", "vlc --network-caching=200 " + strFile},
             {"mpv",
              "mpv --profile=low-latency --demuxer-lavf-o-append=" + strProtocols + " " + strFile},
             {"gst-launch-1.0",
