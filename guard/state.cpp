@@ -81,7 +81,8 @@ Json RelayJson(const RELAY_FIGURES_S &i_stRelay)
                            {"refused", stPort.u64Refused},
                            {"dropped", stPort.u64Dropped}});
     }
-    return {{"forwarded", i_stRelay.stPreview.u64Forwarded},
+    return {{"listening", i_stRelay.bListening},
+            {"forwarded", i_stRelay.stPreview.u64Forwarded},
             {"thinned", i_stRelay.u64Thinned},
             {"not_rtp", i_stRelay.u64NotRtp},
             {"refused", i_stRelay.stPreview.u64Refused},

@@ -31,7 +31,8 @@ struct RELAY_FIGURES_S {
     std::vector<PORT_FIGURES_S> objAlso;
     UInt64 u64Thinned = 0;
     UInt64 u64NotRtp = 0;
-    UInt64 u64Missed = 0; /* came, and the system had no room for them */
+    UInt64 u64Missed = 0;    /* came, and the system had no room for them */
+    Bool bListening = false; /* the guard has the local copy's port */
     Bool bThinning = false;
     std::optional<double> f64Rate; /* pictures a second passed on to the preview */
 };

@@ -44,6 +44,7 @@ struct PATIENT_S {
     std::string strTimingFact;
     std::optional<Bool> bPackets; /* the local copy comes */
     std::string strPacketsFact;
+    std::string strCopyHolder; /* who has the local copy's port, as far as the caller may see */
 
     /* The guard's word, "" without it. */
     std::string Condition() const;
@@ -57,6 +58,8 @@ struct PATIENT_S {
 struct DOCTOR_PATHS_S {
     std::string strParamFile = "/config/mv3300/param.xml";
     std::string strLogConfig = "/config/logconf/mvx3300.conf";
+    std::string strDevice = "/dev/video0";
+    std::string strDriver = "/sys/bus/i2c/drivers/tc358743";
 };
 
 /* Takes a few seconds, at most half a minute. */
@@ -66,7 +69,16 @@ std::vector<FINDING_S> Diagnose(const PATIENT_S &i_stPatient, const DOCTOR_PATHS
 /* --- The parts of Diagnose(): the daemon and what it needs; the box around it ----------------- */
 std::vector<FINDING_S> DiagnoseDaemon(const PATIENT_S &i_stPatient,
                                       const DOCTOR_PATHS_S &i_stPaths);
-std::vector<FINDING_S> DiagnoseInput(const PATIENT_S &i_stPatient);
+std::vector<FINDING_S> DiagnoseInput(const PATIENT_S &i_stPatient, const DOCTOR_PATHS_S &i_stPaths);
+std::vector<FINDING_S> DiagnosePipelines(const PATIENT_S &i_stPatient);
 std::vector<FINDING_S> DiagnoseStream(const PATIENT_S &i_stPatient);
 std::vector<FINDING_S> DiagnoseNetwork(const PATIENT_S &i_stPatient);
-std::vector<FINDING_S> DiagnoseMachine();
+std::vector<FINDING_S> DiagnoseMachine(time_t i_s64Now);
+
+/* --- What several of them use ----------------------------------------------------------------- */
+/* The last line of the text with that part; "" if there is none. o_pAt: where the part stands. */
+std::string LastLine(const std::string &i_strLog, const std::string &i_strPart,
+                     std::size_t *o_pAt = nullptr);
+/* The processes but that one and the caller that have the file open, a path or "socket:[inode]", as
+ * "12 (name), 34 (other)"; those of other users only for root. */
+std::string HoldersOf(const std::string &i_strTarget, SInt32 i_s32But);

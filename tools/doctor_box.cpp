@@ -9,6 +9,7 @@
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
 #include <sys/statvfs.h>
@@ -26,35 +27,50 @@ constexpr char kInterface[] = "eth0";
 constexpr std::size_t kLongest = 1024 * 1024;
 constexpr time_t kNotBefore = 1767225600; /* 2026-01-01: a clock that is earlier was never set */
 
-/* Interface that the system sends to the address by; "" with errno when it has no way. Nothing is
- * sent. */
+/* Interface that the system sends to the address by (rtnetlink(7)); "" with errno when it has no
+ * way. The source address would not tell: it may be another interface's. */
 std::string InterfaceTo(const std::string &i_strAddress)
 {
-    const UniqueFd objFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in stTo = {};
-    stTo.sin_family = AF_INET;
-    stTo.sin_port = htons(kStreamPort);
-    inet_pton(AF_INET, i_strAddress.c_str(), &stTo.sin_addr);
-    sockaddr_in stFrom = {};
-    socklen_t u32Size = sizeof(stFrom);
-    ifaddrs *pAll = nullptr;
-    if (connect(objFd.Get(), reinterpret_cast<sockaddr *>(&stTo), sizeof(stTo)) != 0 ||
-        getsockname(objFd.Get(), reinterpret_cast<sockaddr *>(&stFrom), &u32Size) != 0 ||
-        getifaddrs(&pAll) != 0) {
+    struct {
+        nlmsghdr stHeader;
+        rtmsg stRoute;
+        rtattr stAttribute;
+        in_addr stTo;
+    } stAsk = {};
+    stAsk.stHeader = {sizeof(stAsk), RTM_GETROUTE, NLM_F_REQUEST, 1, 0};
+    stAsk.stRoute.rtm_family = AF_INET;
+    stAsk.stRoute.rtm_dst_len = 32;
+    stAsk.stAttribute = {sizeof(rtattr) + sizeof(in_addr), RTA_DST};
+    inet_pton(AF_INET, i_strAddress.c_str(), &stAsk.stTo);
+    alignas(nlmsghdr) char szAnswer[4096];
+    const UniqueFd objFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    ssize_t s64Length = -1;
+    if (!objFd || send(objFd.Get(), &stAsk, sizeof(stAsk), 0) < 0 ||
+        (s64Length = recv(objFd.Get(), szAnswer, sizeof(szAnswer), 0)) < 0) {
         return "";
     }
-    std::string strName = "?";
-    for (const ifaddrs *pOne = pAll; pOne != nullptr; pOne = pOne->ifa_next) {
-        if (pOne->ifa_addr != nullptr && pOne->ifa_addr->sa_family == AF_INET) {
-            sockaddr_in stOne;
-            memcpy(&stOne, pOne->ifa_addr, sizeof(stOne));
-            if (stOne.sin_addr.s_addr == stFrom.sin_addr.s_addr) {
-                strName = pOne->ifa_name;
-            }
+    const auto *pHeader = static_cast<const nlmsghdr *>(static_cast<const void *>(szAnswer));
+    errno = ENETUNREACH;
+    if (!NLMSG_OK(pHeader, s64Length)) {
+        return "";
+    }
+    if (pHeader->nlmsg_type != RTM_NEWROUTE) {
+        errno = pHeader->nlmsg_type == NLMSG_ERROR
+                    ? -static_cast<const nlmsgerr *>(NLMSG_DATA(pHeader))->error
+                    : errno;
+        return "";
+    }
+    auto s64Left = static_cast<int>(RTM_PAYLOAD(pHeader));
+    for (const rtattr *pOne = RTM_RTA(static_cast<const rtmsg *>(NLMSG_DATA(pHeader)));
+         RTA_OK(pOne, s64Left); pOne = RTA_NEXT(pOne, s64Left)) {
+        UInt32 u32Index = 0;
+        char szName[IF_NAMESIZE] = "";
+        if (pOne->rta_type == RTA_OIF && RTA_PAYLOAD(pOne) == sizeof(u32Index)) {
+            memcpy(&u32Index, RTA_DATA(pOne), sizeof(u32Index));
+            return if_indextoname(u32Index, szName) != nullptr ? szName : "?";
         }
     }
-    freeifaddrs(pAll);
-    return strName;
+    return "";
 }
 
 Bool HasCarrier(const char *i_pInterface)
@@ -171,13 +187,12 @@ FINDING_S MemoryFinding()
             bGood ? "" : "End what takes the memory: less than a twentieth is left."};
 }
 
-FINDING_S ClockFinding()
+FINDING_S ClockFinding(time_t i_s64Now)
 {
-    const time_t s64Now = time(nullptr);
     char szNow[32] = "";
     tm stTime = {};
-    strftime(szNow, sizeof(szNow), "%Y-%m-%d %H:%M:%S", localtime_r(&s64Now, &stTime));
-    if (s64Now < kNotBefore) {
+    strftime(szNow, sizeof(szNow), "%Y-%m-%d %H:%M:%S", localtime_r(&i_s64Now, &stTime));
+    if (i_s64Now < kNotBefore) {
         return {"clock", Verdict::No, szNow, "Set the clock: the times in the log are wrong."};
     }
     timex stClock = {};
@@ -198,7 +213,7 @@ std::vector<FINDING_S> DiagnoseNetwork(const PATIENT_S &i_stPatient)
                                              "not used: the receivers are listed", ""}};
 }
 
-std::vector<FINDING_S> DiagnoseMachine()
+std::vector<FINDING_S> DiagnoseMachine(time_t i_s64Now)
 {
-    return {DiskFinding(), MemoryFinding(), ClockFinding()};
+    return {DiskFinding(), MemoryFinding(), ClockFinding(i_s64Now)};
 }
