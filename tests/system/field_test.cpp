@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -165,6 +166,43 @@ TEST(FieldTest, TheDoctorNamesWhatIsWrongFirst)
         FindsFirst("pipelines", 1);
     }
 }
+TEST(FieldTest, WhatIsSavedHoldsAfterARestartAndTheRestOfTheFileStays)
+{
+    const auto Text = [](const std::string &i_strGop, const std::string &i_strBitrate) {
+        return "<?xml version=\"1.0\"?>\r\n<!-- ours -->\n<CONFIGURATION>\n <CHANNEL_1>\n"
+               "\t<PARAM NAME=\"h264_stream_gop\"  TYPE='string' >" +
+               i_strGop +
+               "</PARAM><!-- 59 --><PARAM NAME=\"other\"> 1 </PARAM>\n"
+               "  <PARAM NAME=\"h264_stream_bitrate\" TYPE=\"string\">" +
+               i_strBitrate + "</PARAM>\n </CHANNEL_1></CONFIGURATION>\n\n";
+    };
+    const auto File = [] {
+        std::ostringstream objText;
+        objText << std::ifstream(kParamFile, std::ios::binary).rdbuf();
+        return objText.str();
+    };
+    std::ofstream(kParamFile, std::ios::binary) << Text("59", "1000000");
+    {
+        const CDaemon objDaemon;
+        ASSERT_TRUE(objDaemon.WaitUntilUp()) << objDaemon.Output();
+        EXPECT_EQ(Ctl("set --bitrate 2M").s32Exit, 0);
+        EXPECT_EQ(File(), Text("59", "1000000"));
+        EXPECT_EQ(Ctl("save --dry-run").s32Exit, 0);
+        EXPECT_EQ(File(), Text("59", "1000000"));
+        EXPECT_EQ(Ctl("save").s32Exit, 0);
+        EXPECT_EQ(File(), Text("59", "2000000"));
+        EXPECT_EQ(Ctl("set --gop 25 --save").s32Exit, 0);
+        EXPECT_EQ(Ctl("set --gop 30").s32Exit, 0);
+        EXPECT_EQ(File(), Text("25", "2000000"));
+    }
+    const CDaemon objDaemon;
+    ASSERT_TRUE(WaitUntil([] { return Ctl("get").s32Exit == 0; })) << objDaemon.Output();
+    const nlohmann::json objNow = nlohmann::json::parse(Ctl("get --json").strText);
+    EXPECT_EQ(objNow["gop"], 25);
+    EXPECT_EQ(objNow["bitrate"], 2000000);
+    EXPECT_EQ(File(), Text("25", "2000000"));
+}
+
 TEST(FieldTest, TheBundleHoldsAReportAndMasksIt)
 {
     WriteParams({{"addr_list", "192.0.2.7:5000"}});
