@@ -159,9 +159,10 @@ TEST(FieldTest, TheDoctorNamesWhatIsWrongFirst)
             FindsFirst(stRow.pFirst, stRow.s32Exit);
             RunToEnd({"/bin/sh", "-c", stRow.pMend});
         }
+        FindsFirst("", 0);
         SendTiming("0x0@0-0");
         FindsFirst("timing", 1);
-        SetSource("fail");
+        SetSource("absent");
         SendTiming("320x240@30-0");
         FindsFirst("pipelines", 1);
     }
