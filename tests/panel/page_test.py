@@ -202,7 +202,8 @@ def test_without_scripts():
     page.browser.get(URL)
     html = page.browser.page_source
     assert 'http-equiv="refresh"' in html and 'snapshot.jpeg' in html
-    assert 'The stream of 1280x720' in html and 'kbit/s' in html and f'vlc {URL}/stream.sdp' in html
+    assert 'The stream of 1280x720' in html and 'kbit/s' in html
+    assert f'curl -o mv3300.sdp {URL}/stream.sdp' in html
     page.shot('without-scripts')
     page.browser.quit()
 
