@@ -17,7 +17,7 @@ expect condition streaming within 12
 wait 10
 timing none
 wait 3
-timing 1280x720@30-0
+timing 480x270@30-0
 expect condition streaming within 15
 wait 3
 kill daemon
@@ -44,7 +44,7 @@ broken() {
 }
 broken no_encoder_starts 's/^start$/always fail\n&/' 'condition is' &
 broken no_daemon_is_told_the_input 's/^guard .*/guard --no-announce --no-restart/' 'condition is' &
-broken another_size 's/^timing 1280x720@30-0/timing 640x480@30-0/' 'stream.width is 640' &
+broken another_size 's/^timing 480x270@30-0/timing 640x480@30-0/' 'stream.width is 640' &
 failures=0
 for _ in 1 2 3; do
     wait -n || failures=$((failures + 1))
