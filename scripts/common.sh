@@ -75,6 +75,28 @@ install_wanted() {
     REASONS=
 }
 
+# install_without_service: install_wanted, where Prometheus may be among it. Debian's package starts it
+# and has it start with the machine, on every interface; here it is only wanted as a program.
+install_without_service() {
+    local policy=/usr/sbin/policy-rc.d made=
+    [[ " ${MISSING[*]-} " == *" prometheus "* ]] || {
+        install_wanted
+        return
+    }
+    if [[ ! -e $policy ]]; then
+        made=1
+        # shellcheck disable=SC2064 # the path as it is now
+        trap "as_root rm -f $policy" EXIT
+        printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
+        as_root chmod +x "$policy"
+    fi
+    install_wanted
+    as_root systemctl --quiet disable prometheus.service 2>/dev/null || true
+    [[ -n $made ]] || return 0
+    as_root rm -f "$policy"
+    trap - EXIT
+}
+
 # need REASON PACKAGE...: installs those of the Debian packages that are missing.
 need() {
     want "$@"
