@@ -26,8 +26,8 @@ TEXT
     chmod +x "$1/bin/wget"
 }
 
-# make_root DIR [PACKAGE...]: a minimal Debian with those packages in it. Made under another name
-# first, so that DIR is a whole one or none.
+# make_root DIR [PACKAGE...]: a minimal Debian with those packages in it, by DEBOOTSTRAP_OPTIONS of
+# another architecture. Made under another name first, so that DIR is a whole one or none.
 make_root() {
     local root=$1 uri suite packages
     shift
@@ -40,8 +40,9 @@ make_root() {
     mkdir -p "${root%/*}"
     packages="$*"
     unpack_debootstrap "$root.tools"
+    # shellcheck disable=SC2086 # several
     PATH=$root.tools/bin:$root.tools/usr/sbin:$PATH DEBOOTSTRAP_DIR=$root.tools/usr/share/debootstrap \
-        debootstrap --variant=minbase ${packages:+--include="${packages// /,}"} "$suite" "$root.new" "$uri" \
+        debootstrap --variant=minbase ${DEBOOTSTRAP_OPTIONS-} ${packages:+--include="${packages// /,}"} "$suite" "$root.new" "$uri" \
         >"$root.log" 2>&1 || {
         tail -n 5 "$root.log" >&2
         die "no Debian root could be made"
