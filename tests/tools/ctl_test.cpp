@@ -217,7 +217,7 @@ TEST_F(CtlTest, WatchShowsTheSettingsAndThenChanges)
 TEST_F(CtlTest, WatchEndsInTimeWithALastPollThatCounts)
 {
     m_objDaemon.m_s32Answers = 1;
-    EXPECT_EQ(Run("watch --interval 60s --for 300ms --timeout 300ms"), 3);
+    EXPECT_EQ(Run("watch --interval 60s --for 2s --timeout 2s"), 3);
     EXPECT_EQ(m_objDaemon.m_s32Requests, 2);
 }
 
