@@ -111,6 +111,21 @@ struct CUnlink {
     }
 };
 
+/* Who may not give files away, as a service without capabilities, keeps at least the group, by
+ * which the daemon may write. False with errno. */
+bool TakeOwner(int i_s32Fd, const struct stat &i_stOld)
+{
+    struct stat stNew;
+    if (fstat(i_s32Fd, &stNew) != 0) {
+        return false;
+    }
+    const bool bGroup = stNew.st_gid == i_stOld.st_gid;
+    return (bGroup && stNew.st_uid == i_stOld.st_uid) ||
+           fchown(i_s32Fd, i_stOld.st_uid, i_stOld.st_gid) == 0 ||
+           (errno == EPERM &&
+            (bGroup || fchown(i_s32Fd, static_cast<uid_t>(-1), i_stOld.st_gid) == 0));
+}
+
 /* A new file with that text, on the disk, with the owner and mode of the old one. False with
  * errno. */
 bool WriteSynced(const std::string &i_strPath, const std::string &i_strText,
@@ -120,7 +135,7 @@ bool WriteSynced(const std::string &i_strPath, const std::string &i_strText,
     unlink(i_strPath.c_str());
     UniqueFd objFd(open(i_strPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                         S_IRUSR | S_IWUSR));
-    if (!objFd || fchown(objFd.Get(), i_stOld.st_uid, i_stOld.st_gid) != 0 ||
+    if (!objFd || !TakeOwner(objFd.Get(), i_stOld) ||
         fchmod(objFd.Get(), i_stOld.st_mode & 07777) != 0) {
         return false;
     }

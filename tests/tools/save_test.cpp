@@ -5,6 +5,7 @@
 #include <iterator>
 #include <vector>
 
+#include <grp.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -178,6 +179,33 @@ TEST_F(ParamSaveTest, ModeAndLinkStay)
     EXPECT_TRUE(S_ISLNK(stStat.st_mode));
     EXPECT_EQ(stat(m_strPath.c_str(), &stStat), 0);
     EXPECT_EQ(stStat.st_mode & 07777U, 0751U);
+}
+
+/* As the panel's service, whose user is not the file's. */
+TEST_F(ParamSaveTest, WhoMayNotGiveFilesAwayKeepsTheGroup)
+{
+    constexpr gid_t kGroup = 65534;
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can make a file of another user";
+    }
+    for (const std::string &strPath : {m_strFolder, m_strPath}) {
+        ASSERT_EQ(chown(strPath.c_str(), 0, kGroup), 0);
+        ASSERT_EQ(chmod(strPath.c_str(), 0775), 0);
+    }
+    const pid_t s32Child = fork();
+    if (s32Child == 0) {
+        const bool bOther = setgroups(0, nullptr) == 0 && setresgid(kGroup, kGroup, kGroup) == 0 &&
+                            setresuid(kGroup, kGroup, kGroup) == 0;
+        _exit(bOther && Save() == SaveResult::Saved ? 0 : 1);
+    }
+    int s32Status = 0;
+    waitpid(s32Child, &s32Status, 0);
+    EXPECT_EQ(s32Status, 0);
+    EXPECT_EQ(Read(), m_strNew);
+    struct stat stStat = {};
+    ASSERT_EQ(stat(m_strPath.c_str(), &stStat), 0);
+    EXPECT_EQ(stStat.st_gid, kGroup);
+    EXPECT_EQ(stStat.st_mode & 07777U, 0775U);
 }
 
 TEST_F(ParamSaveTest, WhatCannotBeEditedStaysAsItIs)
