@@ -82,6 +82,7 @@ void CGopStore::BeginStream()
 {
     m_u64Epoch++;
     m_bStarted = false;
+    m_bKeyCame = false;
     m_objGroup.clear();
     m_u64GroupBytes = 0;
     m_pPicture.reset();
@@ -112,15 +113,16 @@ void CGopStore::EndPicture(const std::function<void(const CPicture &)> &i_pTake)
     const std::shared_ptr<PICTURE_S> pPicture = std::move(m_pPicture);
     m_pPicture.reset();
     if (pPicture->bKey) {
+        m_bKeyCame = true;
         m_objGroup.clear();
         m_u64GroupBytes = 0;
-    } else if (m_objGroup.empty()) {
+    } else if (!m_bKeyCame) {
         return;
     }
     i_pTake(pPicture);
     m_u64GroupBytes += m_u64PictureBytes;
     if (m_u64GroupBytes > kMostGroup) {
-        m_objGroup.clear();
+        m_objGroup.clear(); /* it stays above: who watches goes on, who is new waits */
         return;
     }
     m_objGroup.push_back(pPicture);

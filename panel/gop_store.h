@@ -52,6 +52,7 @@ private:
     std::size_t m_u64PictureBytes = 0;
     std::string m_strSps, m_strPps;
     Bool m_bStarted = false;
+    Bool m_bKeyCame = false; /* of this stream */
     UInt32 m_u32Source = 0;
     UInt8 m_u8PayloadType = 96;
     UInt32 m_u32Timestamp = 0;
