@@ -47,7 +47,8 @@ void ReadState(const std::string &i_strText)
     std::string strError;
     const nlohmann::json objState = ParseState(i_strText, &strError);
     assert(objState.is_null() != strError.empty());
-    assert(objState.is_null() || objState["condition"].is_string());
+    assert(objState.is_null() ||
+           (objState["condition"].is_string() && objState["text"].is_string()));
 }
 } // namespace
 

@@ -156,6 +156,10 @@ const char *Fault(const nlohmann::json &i_objState)
         !IsCondition(objWord->get<std::string>())) {
         return "its condition is none";
     }
+    const auto objText = i_objState.find("text");
+    if (objText == i_objState.end() || !objText->is_string()) {
+        return "its text is none";
+    }
     const auto objTime = i_objState.find("time");
     if (objTime == i_objState.end() || !objTime->is_number()) {
         return "its time is none";

@@ -122,7 +122,7 @@ void CGopStore::EndPicture(const std::function<void(const CPicture &)> &i_pTake)
     i_pTake(pPicture);
     m_u64GroupBytes += m_u64PictureBytes;
     if (m_u64GroupBytes > kMostGroup) {
-        m_objGroup.clear(); /* it stays above: who watches goes on, who is new waits */
+        m_objGroup.clear(); /* who watches goes on, who is new waits */
         return;
     }
     m_objGroup.push_back(pPicture);

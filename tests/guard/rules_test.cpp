@@ -279,6 +279,9 @@ TEST(StateTest, TheFileHasEverySectionAndIsReadBack)
         EXPECT_TRUE(ParseState(pText, &strError).is_null()) << pText;
         EXPECT_FALSE(strError.empty());
     }
+    nlohmann::json objOther = objState;
+    objOther["text"] = 5;
+    EXPECT_TRUE(ParseState(objOther.dump(), &strError).is_null());
 }
 
 } // namespace
