@@ -134,6 +134,15 @@ void CRoutes::Index(const CRequest &i_objRequest, CResponse &o_objResponse)
 std::string CRoutes::StateText(const STATE_S &i_stState)
 {
     json objState = i_stState.objJson;
+    /* The guard seldom asks for the settings. The panel's answer of this run of the daemon holds
+     * where it is the newer one. */
+    const json objKnown = m_objSettings.Known();
+    const std::optional<double> objStart = i_stState.Number("/daemon/uptime");
+    if (!objKnown.is_null() && objStart &&
+        objKnown["time"] >
+            i_stState.Number("/settings/time").value_or(*i_stState.Number("/time") - *objStart)) {
+        objState["settings"] = objKnown;
+    }
     objState["panel"] = {{"version", MV3300_VERSION},
                          {"viewers", m_objLive.Viewers()},
                          {"most_viewers", m_objLive.MostViewers()},

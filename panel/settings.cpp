@@ -127,6 +127,29 @@ void CSettings::Save(const CFieldValues &i_objValues, json &io_objReply) const
     io_objReply["save_error"] = bSaved ? "" : objErr.str();
 }
 
+void CSettings::Remember(const CFieldValues &i_objValues)
+{
+    const std::chrono::duration<double> objNow =
+        std::chrono::system_clock::now().time_since_epoch();
+    json objKnown = {{"time", objNow.count()}};
+    for (const auto &[pName, u64Field] :
+         {std::pair("h264_enable", SETTING_H264), std::pair("h264_gop", SETTING_GOP),
+          std::pair("h264_bitrate", SETTING_BITRATE), std::pair("preview_enable", SETTING_PREVIEW),
+          std::pair("preview_height", SETTING_HEIGHT),
+          std::pair("preview_refreshrate", SETTING_REFRESHRATE)}) {
+        const std::optional<CFieldValue> &xValue = i_objValues[u64Field];
+        objKnown[pName] = xValue ? ValueJson(*xValue) : json();
+    }
+    const std::lock_guard objLock(m_objKnownMutex);
+    m_objKnown = std::move(objKnown);
+}
+
+json CSettings::Known() const
+{
+    const std::lock_guard objLock(m_objKnownMutex);
+    return m_objKnown;
+}
+
 CSettings::REPLY_S CSettings::Get()
 {
     const std::lock_guard objLock(m_objMutex);
@@ -135,6 +158,9 @@ CSettings::REPLY_S CSettings::Get()
         return m_stLast;
     }
     const ANSWER_S stAnswer = AskDaemon({}, ASK_ALL, {}, kAskTime);
+    if (stAnswer.eResult == AskResult::Answered) {
+        Remember(stAnswer.objValues);
+    }
     m_stLast = stAnswer.eResult == AskResult::Answered
                    ? REPLY_S{200, {{"settings", Describe(stAnswer.objValues)}}}
                    : REPLY_S{503, {{"error", WhyNoAnswer(stAnswer)}}};
@@ -156,6 +182,7 @@ CSettings::REPLY_S CSettings::Put(const std::string &i_strBody, Bool i_bSave)
         return {503,
                 {{"error", WhyNoAnswer(stApplied.stAnswer)}, {"sent", stApplied.bSent == true}}};
     }
+    Remember(stApplied.stAnswer.objValues);
     json objResults = json::array();
     for (const SET_RESULT_S &stResult : stApplied.objResults) {
         objResults.push_back(ResultJson(stResult));

@@ -98,6 +98,7 @@ def test_password():
     assert 'HttpOnly' in headers['Set-Cookie'] and 'SameSite=Strict' in headers['Set-Cookie']
     cookie = {'Cookie': headers['Set-Cookie'].split(';')[0]}
     assert request('PUT', '/api/settings', {'gap': 1}, cookie)[0] == 400
+    assert state()['settings'] is None, 'the guard did not ask, nor did the panel'
     foreign = {**cookie, 'Origin': 'http://evil.example'}
     assert request('PUT', '/api/settings', {'gop': 30}, foreign)[0] == 403
     out_of_range = json.loads(request('PUT', '/api/settings', {'gop': 121}, cookie)[2])
@@ -105,6 +106,10 @@ def test_password():
     assert '2 to 120' in out_of_range['results'][0]['reason']
     set_password('another horse')
     assert request('PUT', '/api/settings', {'gop': 30}, cookie)[0] == 401, 'password changed'
+    headers = request('POST', '/api/login', {'password': 'another horse'})[1]
+    cookie = {'Cookie': headers['Set-Cookie'].split(';')[0]}
+    assert request('POST', '/api/logout', None, cookie)[0] == 204
+    assert request('PUT', '/api/settings', {'gop': 30}, cookie)[0] == 401, 'logged out'
 
 
 def test_pictures():
@@ -157,6 +162,7 @@ def test_figures():
         assert status == 200
         lines.append(open('/run/mv3300d/mv3300.log').read().count('boxes parse success') - before)
     assert lines == [0, 1], 'questions to the daemon'
+    assert state()['settings']['h264_gop'] == 60
     figures = request('GET', '/metrics')[2].decode()
     assert 'mv3300_condition{condition="streaming"} 1' in figures
     packets = float(re.search(r'^mv3300_stream_packets_total (\S+)', figures, re.M)[1])
