@@ -4,7 +4,7 @@
 #
 # Each step is a function that says what it saw in SAW and fails if that is not what it is to show.
 
-readonly PLAYING="Let's run [gst-h264]!" SEEN=/run/tour.json
+readonly PLAYING="Let's run [gst-h264]!" SEEN=/run/tour.json RUNNING=/run/demo
 SAW=
 STEPS=0
 FAILED_STEPS=0
@@ -70,6 +70,12 @@ again() {
     "$@" && until_true 20 is_not_streaming && streams "${TIMING%@*}"
 }
 kill_daemon() { kill -KILL "$(</var/run/mv3300.pid)"; }
+# As when the box is switched off and on: nothing that ran goes on, nothing it remembered is there.
+restart_everything() {
+    kill -KILL "$(<"$RUNNING/mv3300d.pid")" "$(<"$RUNNING/mv3300-guard.pid")" \
+        "$(<"$RUNNING/mv3300-panel.pid")" && rm -f /run/mv3300/*
+}
+panel_answers() { (exec 9<>/dev/tcp/127.0.0.1/8080) 2>/dev/null; }
 fail_encoder() { printf 'fail\ninput %s\n' "$TIMING" >/run/mv3300-sim/video0; }
 timing() { # TIMING [PICTURE]
     anew sim-uevent --quiet "$1" && receive 5 "${@:2}" &&
@@ -137,6 +143,8 @@ tour() {
     step "the preview is there and is renewed" preview
     step "the daemon is killed: the stream comes back" again kill_daemon
     step "the encoder fails: the stream comes back" again fail_encoder
+    step "all is restarted: the stream comes back" \
+        eval 'again restart_everything && until_true 10 panel_answers'
     step "mv3300ctl set --bitrate: the stream follows" bitrate
     step "mv3300ctl set --gop 15: the stream follows" gop
     step "mv3300ctl set --preview off: no picture" no_preview
