@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "guard/base64.h"
+#include "guard/wall_time.h"
 
 namespace
 {
@@ -161,7 +162,10 @@ const char *Fault(const nlohmann::json &i_objState)
         return "its text is none";
     }
     const auto objTime = i_objState.find("time");
-    if (objTime == i_objState.end() || !objTime->is_number()) {
+    const auto objHeard = i_objState["input"].find("time");
+    if (objTime == i_objState.end() || !objTime->is_number() || !IsWallTime(*objTime) ||
+        (objHeard != i_objState["input"].end() && objHeard->is_number() &&
+         !IsWallTime(*objHeard))) {
         return "its time is none";
     }
     const auto objEvents = i_objState.find("events");

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "guard/wall_time.h"
+
 namespace
 {
 constexpr SInt32 kMostPixels = 16384;
@@ -134,8 +136,7 @@ std::optional<HEARD_TIMING_S> ParseMemory(std::string_view i_strText)
         i_strText.substr(u64Blank + 1, i_strText.size() - u64Blank - 2);
     const auto stRead = std::from_chars(strTime.begin(), strTime.end(), stHeard.f64Time);
     if (TakeTiming(strTiming, &stHeard.stTiming) != 4 || !strTiming.empty() ||
-        stRead.ec != std::errc() || stRead.ptr != strTime.end() ||
-        !(stHeard.f64Time >= 0 && stHeard.f64Time < 1e12)) {
+        stRead.ec != std::errc() || stRead.ptr != strTime.end() || !IsWallTime(stHeard.f64Time)) {
         return std::nullopt;
     }
     return stHeard;

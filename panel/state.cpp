@@ -7,6 +7,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "guard/wall_time.h"
+
 using nlohmann::json;
 
 namespace
@@ -77,7 +79,8 @@ json ReadState(const std::optional<std::string> &i_objBytes, double i_f64Now)
     }
     json objState = json::parse(*i_objBytes, nullptr, false);
     if (!objState.is_object() || !objState["condition"].is_string() ||
-        !objState["text"].is_string() || !objState["time"].is_number()) {
+        !objState["text"].is_string() || !objState["time"].is_number() ||
+        !IsWallTime(objState["time"])) {
         return Unknown("no-guard", "The guard's state file cannot be read: it is damaged.");
     }
     if (objState["schema"] != 1) {

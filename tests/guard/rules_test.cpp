@@ -274,6 +274,11 @@ TEST(StateTest, TheFileHasEverySectionAndIsReadBack)
     EXPECT_EQ(objState["relay"]["also"][0]["refused"], 2);
     EXPECT_EQ(objState["settings"], nullptr);
     EXPECT_EQ(objState["events"][0]["kind"], "input");
+    for (const char *pTime : {"/time", "/input/time"}) {
+        nlohmann::json objHostile = objState;
+        objHostile[nlohmann::json::json_pointer(pTime)] = 1e300;
+        EXPECT_TRUE(ParseState(objHostile.dump(), &strError).is_null()) << pTime;
+    }
     for (const char *pText : {"", "[]", "{}", "{\"schema\":1}", "{\"schema\":\"1\"}",
                               "{\"schema\":2,\"condition\":\"streaming\"}"}) {
         EXPECT_TRUE(ParseState(pText, &strError).is_null()) << pText;
