@@ -34,6 +34,7 @@ put_stand_ins() {
             $units/mv3300d.service.d/bench.conf &&
         put "[Service]"$'\n'"Environment=LD_PRELOAD=/opt/stand-ins/libsim_capture.so" \
             $units/mv3300-guard.service.d/bench.conf &&
+        box ln -s /lib/systemd/system/mv3300-preview-relay.service $units/multi-user.target.wants/ &&
         put "d /run/mv3300-sim 0777"$'\n'"f /run/mv3300-sim/video0 0666 - - - run\ninput 1280x720@30-0" /etc/tmpfiles.d/bench.conf &&
         box systemd-tmpfiles --create bench.conf &&
         tar -C "$BOOT_DEBS" --exclude='*-dbgsym_*' -c . | box tar -x -C /debs --wildcards './mv3300*.deb'
@@ -69,6 +70,8 @@ installed() {
     local user
     box test -s /config/mv3300/param.xml -a -s /config/logconf/mvx3300.conf || return 1
     [[ $(box systemctl is-enabled mv3300d) == enabled ]] || return 1
+    # Of the release before: the guard relays now.
+    ! box test -L /etc/systemd/system/multi-user.target.wants/mv3300-preview-relay.service || return 1
     until_true 10 box sh -c 'for deb in /debs/*.deb; do
         unit=$(dpkg-deb -f "$deb" Package | sed s/mv3300d/mv3300-guard/)
         [ "$unit" = mv3300ctl ] || systemctl -q is-active "$unit" || exit; done' || return 1
@@ -85,8 +88,9 @@ confined() {
         SAW+="${unit%.service} $exposure; "
         [[ -n $exposure ]] && awk "BEGIN { exit !($exposure <= 2.0) }" || return 1
     done
-    # None for the daemon, CAP_NET_ADMIN for the guard.
-    [[ $(capabilities mv3300d) == 0000000000000000 && $(capabilities mv3300-guard) == 0000000000001000 ]]
+    # CAP_NET_ADMIN for the guard, none for the others.
+    [[ $(capabilities mv3300d) == 0000000000000000 && $(capabilities mv3300-guard) == 0000000000001000 ]] &&
+        { ! box systemctl -q is-active mv3300-panel || [[ $(capabilities mv3300-panel) == 0000000000000000 ]]; }
 }
 capabilities() { # UNIT
     box grep -hE '^Cap(Prm|Eff|Bnd|Amb)' "/proc/$(box systemctl show -P MainPID "$1")/status" | cut -f 2 | sort -u
@@ -105,6 +109,21 @@ decoded() {
 }
 streams() { # WxH
     timing "$1@30-0" && decoded "$1"
+}
+
+# What is changed on the panel's page is kept in the parameter file, from within its unit.
+panel_keeps() {
+    local web=(nsenter --target "$INIT" --net curl -s -m 20 -b "$WORK/cookie" -c "$WORK/cookie")
+    local at=http://127.0.0.1:8080/api
+    compgen -G "$BOOT_DEBS/mv3300-panel_*" >/dev/null || {
+        SAW="skipped: there is no package of the panel"
+        return 0
+    }
+    box sh -c 'echo "correct horse" | mv3300-panel --set-password' >/dev/null 2>&1 &&
+        "${web[@]}" --json '{"password": "correct horse"}' "$at/login" &&
+        SAW=$("${web[@]}" --json '{"gop": 45}' -X PUT "$at/settings?save=1") &&
+        [[ $SAW == *'"saved":true'* ]] && SAW='"saved":true' &&
+        box grep -q 'NAME="h264_stream_gop".*>45<' /config/mv3300/param.xml
 }
 
 # Another user of the box may look at the picture.
@@ -171,7 +190,7 @@ upgraded() {
         [[ $deb != *-dbgsym_* ]] || continue
         rm -rf "$folder/tree"
         dpkg-deb -R "$deb" "$folder/tree"
-        sed -Ei 's/^Version: .*|mv3300d \(= [^)]*/&+next/' "$folder/tree/DEBIAN/control"
+        sed -Ei 's/^Version: .*/&+next/' "$folder/tree/DEBIAN/control"
         dpkg-deb --root-owner-group -Zgzip -b "$folder/tree" "$folder/${deb##*/}" >/dev/null
     done
     rm -rf "$folder/tree"
@@ -208,8 +227,19 @@ removed() {
         left "$files"
 }
 purged() { # ANSWER LEFT
-    box sh -c "echo mv3300d mv3300d/remove-config boolean $1 | debconf-set-selections" &&
+    box sh -c "touch /config/mv3300/panel.password
+        echo mv3300d mv3300d/remove-config boolean $1 | debconf-set-selections" &&
         box_for 250 apt-get purge -y -q 'mv3300*' >"$WORK/apt.log" 2>&1 && left "$2"
+}
+panel_alone() {
+    local asked
+    box_for 250 sh -c 'apt-get install -y -q --no-install-recommends /debs/mv3300-panel_*.deb' >"$WORK/apt.log" 2>&1 &&
+        until_true 10 box systemctl -q is-active mv3300-panel &&
+        until_true 10 nsenter --target "$INIT" --net curl -s -o "$WORK/alone.json" http://127.0.0.1:8080/api/state || return 1
+    asked=$(grep -oE '"(condition|text)": ?"[^"]*"' "$WORK/alone.json" | tr '\n' ' ')
+    box_for 250 apt-get purge -y -q 'mv3300*' >"$WORK/apt.log" 2>&1 && left "" || return 1
+    SAW=$asked
+    [[ $SAW == *guard* ]]
 }
 
 # --- the plans -------------------------------------------------------------------------------------
@@ -231,6 +261,7 @@ quick() {
     step "exposure at most 2.0, capabilities" confined
     step "a timing becomes a picture on the switch" streams 1280x720
     step "others may look at the preview" preview
+    step "the panel keeps a setting" panel_keeps
     step "a crash is restarted" crash SEGV
     step "and ends in a picture" decoded 1280x720
     step "a removal leaves /config alone" removed
@@ -242,6 +273,7 @@ day() {
     step "exposure at most 2.0, capabilities" confined
     step "a timing becomes a picture on the switch" streams 1280x720
     step "others may look at the preview" preview
+    step "the panel keeps a setting" panel_keeps
     step "nothing but the stream is reachable" unreachable
     step "a failed assertion is restarted" crash ABRT
     step "a killed daemon is restarted" crash KILL
@@ -261,6 +293,7 @@ day() {
     step "a purge that nobody answers keeps it" purged false "$KEPT"
     step "an installation once more" apt_install /debs
     step "a purge that is told to takes it" purged true ""
+    step "the panel without a daemon says so" panel_alone
     end_of_day
 }
 
