@@ -127,7 +127,7 @@ const std::vector<std::string> CONDITIONS = {
 const prometheus::Histogram::BucketBoundaries INTERVAL_BOUNDS = {
     0.005, 0.010, 0.015, 0.018, 0.022, 0.030, 0.037, 0.045, 0.060, 0.100, 0.250, 0.500, 1, 2, 5};
 
-std::string FormatMetrics(const STATE_S &i_stState, const PANEL_FIGURES_S &i_stFigures,
+std::string FormatMetrics(const SEEN_STATE_S &i_stState, const PANEL_FIGURES_S &i_stFigures,
                           const prometheus::Histogram &i_objIntervals)
 {
     std::vector<MetricFamily> objFamilies = {

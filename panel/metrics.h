@@ -25,5 +25,5 @@ extern const std::vector<std::string> CONDITIONS;
  * them, and what an eye sees as a standstill. */
 extern const prometheus::Histogram::BucketBoundaries INTERVAL_BOUNDS;
 
-std::string FormatMetrics(const STATE_S &i_stState, const PANEL_FIGURES_S &i_stFigures,
+std::string FormatMetrics(const SEEN_STATE_S &i_stState, const PANEL_FIGURES_S &i_stFigures,
                           const prometheus::Histogram &i_objIntervals);

@@ -31,13 +31,13 @@ std::string Escaped(const std::string &i_strText)
     return strResult;
 }
 
-std::string Whole(const STATE_S &i_stState, const char *i_pPlace)
+std::string Whole(const SEEN_STATE_S &i_stState, const char *i_pPlace)
 {
     const std::optional<double> objValue = i_stState.Number(i_pPlace);
     return objValue && std::isfinite(*objValue) ? std::to_string(std::llround(*objValue)) : "?";
 }
 
-std::string Input(const STATE_S &i_stState)
+std::string Input(const SEEN_STATE_S &i_stState)
 {
     if (i_stState.Number("/input/width").value_or(0) <= 0) {
         return "none known";
@@ -46,7 +46,7 @@ std::string Input(const STATE_S &i_stState)
            Whole(i_stState, "/input/fps") + " pictures/s";
 }
 
-std::string Stream(const STATE_S &i_stState)
+std::string Stream(const SEEN_STATE_S &i_stState)
 {
     if (!i_stState.Number("/stream/packets")) {
         return "none known";
@@ -57,7 +57,7 @@ std::string Stream(const STATE_S &i_stState)
 }
 } // namespace
 
-std::string FillPage(std::string i_strPage, const STATE_S &i_stState,
+std::string FillPage(std::string i_strPage, const SEEN_STATE_S &i_stState,
                      const std::string &i_strOrigin)
 {
     const std::pair<const char *, std::string> objTexts[] = {

@@ -10,5 +10,5 @@
 
 /* Replaces {{condition}}, {{text}}, {{input}}, {{stream}} and {{origin}}, by which the reader
  * reaches the panel ("http://host:port"); what is put in is escaped. */
-std::string FillPage(std::string i_strPage, const STATE_S &i_stState,
+std::string FillPage(std::string i_strPage, const SEEN_STATE_S &i_stState,
                      const std::string &i_strOrigin);

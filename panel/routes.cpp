@@ -131,7 +131,7 @@ void CRoutes::Index(const CRequest &i_objRequest, CResponse &o_objResponse)
                "text/html; charset=utf-8");
 }
 
-std::string CRoutes::StateText(const STATE_S &i_stState)
+std::string CRoutes::StateText(const SEEN_STATE_S &i_stState)
 {
     json objState = i_stState.objJson;
     /* The guard seldom asks for the settings. The panel's answer of this run of the daemon holds

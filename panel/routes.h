@@ -48,7 +48,7 @@ private:
     void SendFile(const CRequest &i_objRequest, CResponse &o_objResponse, const char *i_pName,
                   const char *i_pType);
     Bool HasSession(const CRequest &i_objRequest);
-    std::string StateText(const STATE_S &i_stState);
+    std::string StateText(const SEEN_STATE_S &i_stState);
 
     const PANEL_OPTIONS_S m_stOptions;
     CHttpServer &m_objServer;

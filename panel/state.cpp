@@ -44,17 +44,17 @@ json Optional(const std::optional<double> &i_objValue)
 }
 } // namespace
 
-std::string STATE_S::Condition() const
+std::string SEEN_STATE_S::Condition() const
 {
     return objJson.value("condition", "");
 }
 
-std::string STATE_S::Sentence() const
+std::string SEEN_STATE_S::Sentence() const
 {
     return objJson.value("text", "");
 }
 
-std::optional<double> STATE_S::Number(const char *i_pPointer) const
+std::optional<double> SEEN_STATE_S::Number(const char *i_pPointer) const
 {
     const json::json_pointer objPointer(i_pPointer);
     if (!objJson.contains(objPointer) || !objJson.at(objPointer).is_number()) {
@@ -63,7 +63,7 @@ std::optional<double> STATE_S::Number(const char *i_pPointer) const
     return objJson.at(objPointer).get<double>();
 }
 
-std::string STATE_S::String(const char *i_pPointer) const
+std::string SEEN_STATE_S::String(const char *i_pPointer) const
 {
     const json::json_pointer objPointer(i_pPointer);
     return objJson.contains(objPointer) && objJson.at(objPointer).is_string()
@@ -135,14 +135,14 @@ void CState::End()
     m_objChanged.notify_all();
 }
 
-std::shared_ptr<const STATE_S> CState::Get() const
+std::shared_ptr<const SEEN_STATE_S> CState::Get() const
 {
     const std::lock_guard objLock(m_objMutex);
     return m_pState;
 }
 
-std::shared_ptr<const STATE_S> CState::Wait(UInt64 i_u64Version,
-                                            std::chrono::milliseconds i_objMost)
+std::shared_ptr<const SEEN_STATE_S> CState::Wait(UInt64 i_u64Version,
+                                                 std::chrono::milliseconds i_objMost)
 {
     std::unique_lock objLock(m_objMutex);
     m_objChanged.wait_for(objLock, i_objMost,
@@ -158,7 +158,7 @@ void CState::Run()
         m_pLook();
         const double f64Now = Now();
         Look(f64Now);
-        const std::shared_ptr<const STATE_S> pState = Get();
+        const std::shared_ptr<const SEEN_STATE_S> pState = Get();
         objLock.lock();
         if (m_objHistory.empty() || f64Now - m_objHistory.back().f64Time >= 0.95 ||
             f64Now < m_objHistory.back().f64Time) {
@@ -173,7 +173,7 @@ void CState::Look(double i_f64Now)
     std::optional<std::string> objBytes = ReadWhole(m_strFile, kMostBytes);
     const bool bSame = objBytes && *objBytes == m_strBytes;
     if (bSame) {
-        const std::shared_ptr<const STATE_S> pState = Get();
+        const std::shared_ptr<const SEEN_STATE_S> pState = Get();
         if (i_f64Now - pState->Number("/time").value_or(i_f64Now) <= kOldSeconds) {
             return;
         }
@@ -187,7 +187,7 @@ void CState::Look(double i_f64Now)
 
 void CState::Publish(json i_objJson)
 {
-    auto pState = std::make_shared<STATE_S>();
+    auto pState = std::make_shared<SEEN_STATE_S>();
     pState->objJson = std::move(i_objJson);
     pState->strText = pState->objJson.dump(-1, ' ', false, json::error_handler_t::replace);
     const std::lock_guard objLock(m_objMutex);
@@ -196,7 +196,7 @@ void CState::Publish(json i_objJson)
     m_objChanged.notify_all();
 }
 
-void CState::Remember(double i_f64Now, const STATE_S &i_stState)
+void CState::Remember(double i_f64Now, const SEEN_STATE_S &i_stState)
 {
     HISTORY_S stSecond;
     stSecond.f64Time = i_f64Now;

@@ -19,7 +19,7 @@
 
 #include "framework/types.h"
 
-struct STATE_S {
+struct SEEN_STATE_S {
     UInt64 u64Version = 0; /* grows with every change */
     nlohmann::json objJson;
     std::string strText; /* the same, serialised */
@@ -46,9 +46,10 @@ public:
     CState(const CState &) = delete;
     CState &operator=(const CState &) = delete;
 
-    std::shared_ptr<const STATE_S> Get() const;
+    std::shared_ptr<const SEEN_STATE_S> Get() const;
     /* Waits for a state of another version, at most the given time. */
-    std::shared_ptr<const STATE_S> Wait(UInt64 i_u64Version, std::chrono::milliseconds i_objMost);
+    std::shared_ptr<const SEEN_STATE_S> Wait(UInt64 i_u64Version,
+                                             std::chrono::milliseconds i_objMost);
     /* {"time":[...],"kbit":[...],...}, the oldest second first. */
     nlohmann::json History() const;
     /* Ends every Wait(). */
@@ -58,13 +59,13 @@ private:
     void Run();
     void Look(double i_f64Now);
     void Publish(nlohmann::json i_objJson);
-    void Remember(double i_f64Now, const STATE_S &i_stState);
+    void Remember(double i_f64Now, const SEEN_STATE_S &i_stState);
 
     const std::string m_strFile;
     const std::function<void()> m_pLook;
     mutable std::mutex m_objMutex;
     std::condition_variable m_objChanged;
-    std::shared_ptr<const STATE_S> m_pState;
+    std::shared_ptr<const SEEN_STATE_S> m_pState;
     std::deque<HISTORY_S> m_objHistory;
     double m_f64Lost = -1; /* the counter a second ago */
     bool m_bEnd = false;

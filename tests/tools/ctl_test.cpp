@@ -183,6 +183,7 @@ TEST_F(CtlTest, GroupTellsWhichBoxesShareOne)
     const std::string strFile = testing::TempDir() + "group_test." + std::to_string(getpid());
     std::ofstream(strFile) << "# hall\n\n0a1b2c454e5f hall-2 # by the door\n0A1B2C3D4E5F\n";
     EXPECT_EQ(Run("group --json 0a:1b:2c:3d:4e:5f --file " + strFile), 1);
+    EXPECT_EQ(nlohmann::json::parse(m_strOut)["ok"], false);
     const auto objJson = nlohmann::json::parse(m_strOut);
     EXPECT_EQ(objJson["collisions"].dump(),
               R"([{"group":"234.29.78.95","macs":["0a:1b:2c:3d:4e:5f","0a1b2c454e5f"]}])");
