@@ -150,7 +150,8 @@ FINDING_S EventFinding(const PATIENT_S &i_stPatient)
 {
     const std::string strLine = LastLine(i_stPatient.strLog, "event {'tc358743'");
     const nlohmann::json objTime = StateValue(i_stPatient.objState, "input", "time");
-    if (StateValue(i_stPatient.objState, "input", "origin") == "uevent" && objTime.is_number()) {
+    const nlohmann::json objOrigin = StateValue(i_stPatient.objState, "input", "origin");
+    if (objOrigin.is_string() && objOrigin.get<std::string>() == "uevent" && objTime.is_number()) {
         const auto s64Age = time(nullptr) - static_cast<time_t>(objTime.get<double>());
         return {"uevent", Verdict::Yes,
                 "the guard heard the last one " + std::to_string(s64Age) + " s ago", ""};
