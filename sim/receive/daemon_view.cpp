@@ -97,20 +97,13 @@ void ReadLogLine(const std::string &i_strLine, LOG_VIEW_S *io_pView)
     }
 }
 
-CLogTail::CLogTail(const std::string &i_strFile) : m_strFile(i_strFile), m_s32Fd(-1) {}
-
-CLogTail::~CLogTail()
-{
-    if (m_s32Fd >= 0) {
-        close(m_s32Fd);
-    }
-}
+CLogTail::CLogTail(const std::string &i_strFile) : m_strFile(i_strFile) {}
 
 void CLogTail::ReadOpen(LOG_VIEW_S *io_pView)
 {
     char szBuffer[4096];
     ssize_t s64Got = 0;
-    while ((s64Got = read(m_s32Fd, szBuffer, sizeof(szBuffer))) > 0) {
+    while ((s64Got = read(m_objFd.Get(), szBuffer, sizeof(szBuffer))) > 0) {
         m_strPartial.append(szBuffer, static_cast<size_t>(s64Got));
     }
     size_t u64Begin = 0;
@@ -126,18 +119,17 @@ void CLogTail::Read(LOG_VIEW_S *io_pView)
 {
     struct stat stNamed = {};
     struct stat stOpen = {};
-    if (m_s32Fd >= 0) {
+    if (m_objFd) {
         ReadOpen(io_pView);
-        if (stat(m_strFile.c_str(), &stNamed) != 0 || fstat(m_s32Fd, &stOpen) != 0 ||
+        if (stat(m_strFile.c_str(), &stNamed) != 0 || fstat(m_objFd.Get(), &stOpen) != 0 ||
             stNamed.st_ino == stOpen.st_ino) {
             return;
         }
         ReadOpen(io_pView); /* what came between the last read and the renaming */
-        close(m_s32Fd);
         m_strPartial.clear();
     }
-    m_s32Fd = open(m_strFile.c_str(), O_RDONLY | O_CLOEXEC);
-    if (m_s32Fd >= 0) {
+    m_objFd.Reset(open(m_strFile.c_str(), O_RDONLY | O_CLOEXEC));
+    if (m_objFd) {
         ReadOpen(io_pView);
     }
 }

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include "framework/types.h"
+#include "framework/unique_fd.h"
 
 /* What cannot be measured from outside and is read from the log, out of lines that the README
  * documents. */
@@ -32,9 +33,6 @@ class CLogTail
 {
 public:
     explicit CLogTail(const std::string &i_strFile);
-    ~CLogTail();
-    CLogTail(const CLogTail &) = delete;
-    CLogTail &operator=(const CLogTail &) = delete;
 
     /* Reads what was added since the last call. */
     void Read(LOG_VIEW_S *io_pView);
@@ -44,7 +42,7 @@ private:
 
     std::string m_strFile;
     std::string m_strPartial;
-    int m_s32Fd;
+    UniqueFd m_objFd;
 };
 
 struct PROCESS_VIEW_S {

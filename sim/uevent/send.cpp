@@ -6,9 +6,9 @@
 
 #include <linux/netlink.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "framework/types.h"
+#include "framework/unique_fd.h"
 
 namespace
 {
@@ -17,8 +17,8 @@ constexpr UInt16 kUeventMessage = 16;
 
 int SendToKernel(const std::string &i_strPayload)
 {
-    const int s32Fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
-    if (s32Fd < 0) {
+    const UniqueFd objFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT));
+    if (!objFd) {
         return errno;
     }
     std::vector<char> objMessage(NLMSG_SPACE(i_strPayload.size()), 0);
@@ -34,13 +34,9 @@ int SendToKernel(const std::string &i_strPayload)
         nlmsgerr stVerdict;
         char szRest[4096];
     } stAnswer = {};
-    int s32Error = 0;
-    if (send(s32Fd, objMessage.data(), stHeader.nlmsg_len, 0) < 0 ||
-        recv(s32Fd, &stAnswer, sizeof(stAnswer), 0) < 0) {
-        s32Error = errno;
-    } else {
-        s32Error = -stAnswer.stVerdict.error;
+    if (send(objFd.Get(), objMessage.data(), stHeader.nlmsg_len, 0) < 0 ||
+        recv(objFd.Get(), &stAnswer, sizeof(stAnswer), 0) < 0) {
+        return errno;
     }
-    close(s32Fd);
-    return s32Error;
+    return -stAnswer.stVerdict.error;
 }
