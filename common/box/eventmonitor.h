@@ -45,10 +45,10 @@ public:
         SOCKET_STATE_READY = 3,
         SOCKET_STATE_CLOSED = 4,
     };
-    SocketState GetSocketState() const { return m_eSocketState; }
 
     /* --- Offered: the daemon uses nothing of what follows. ----------------------------------- */
 
+    SocketState GetSocketState() const { return m_eSocketState; }
     /* Callbacks of the older forms; null, the default, switches one off. */
     void SetTextCallbacks(EventTextCallback i_pText, EventTextReplyCallback i_pTextReply);
     /* Sends one datagram to the local notification port. i_pData null or i_s32Length below 1 is

@@ -52,8 +52,6 @@ public:
 
     CEncoderRules();
 
-    /* A plain start without a timing is wanted. */
-    ENC_PLAN OnPlainStart();
     /* s32H264Started: the worker's start status, settled. */
     ENC_PLAN OnTiming(const INPUT_TIMING_S &i_stTiming, SInt32 i_s32H264Started);
     /* STREAM_STATUS_UNCHANGED leaves a numeric field as it is. */
@@ -72,6 +70,11 @@ public:
 
     /* Settings have been read: a preview has a height. */
     bool HasSettings() const { return m_stStatus.u32PrevHeight != 0; }
+
+    /* --- Offered: nothing in the daemon asks for what follows. ------------------------------- */
+
+    /* A plain start without a timing is wanted. */
+    ENC_PLAN OnPlainStart();
 
 private:
     using NEXT = ENC_PLAN (CEncoderRules::*)();
