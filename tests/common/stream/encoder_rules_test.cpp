@@ -186,6 +186,8 @@ TEST_F(EncoderRulesTest, ASwitchRebuildsBothPipelinesFromWhatChanged)
         {{0, 0, kNo, "", kNo, kNo, kNo, kNo}, "127.0.0.1:12350", "bitrate=1000 gop-size=60", kHd},
         {{1, 0, 2, "", 2, 0, kNo, kNo}, "10.0.0.1:5000", "bitrate=1000 gop-size=60", nullptr},
         {{2, 0, kNo, "", kNo, 0, kNo, kNo}, "", "", nullptr},
+        /* All but 0 is on. */
+        {{2, 2, kNo, "", kNo, 3, kNo, kNo}, kBoth, "bitrate=1000 gop-size=60", kHd},
     };
     for (const auto &stCase : stCases) {
         m_objRules = CEncoderRules();
