@@ -146,7 +146,7 @@ protected:
         if (IsSkipped()) {
             return;
         }
-        m_s32Fd = BindLoopback(8365);
+        m_objReplies = BindLoopback(8365);
         fake_router::OnMessage([this](const MSG_DESC_INFO_S &i_stMsg, void *o_pResult) {
             if (i_stMsg.msgno == 0x103 && i_stMsg.dst == 0 && i_stMsg.msgtype == MSG_TYPE_SYNC) {
                 m_s32ChangesAtFetch = static_cast<int>(fake_router::Sent(0x809).size());
@@ -159,10 +159,10 @@ protected:
     std::string Ask(const std::string &i_strNested)
     {
         EXPECT_EQ(Handle(Record(4, i_strNested)), 0);
-        return ReceiveLoopback(m_s32Fd, 0);
+        return ReceiveLoopback(m_objReplies.Get(), 0);
     }
 
-    int m_s32Fd = -1;
+    UniqueFd m_objReplies;
     STREAM_STATUS_S m_stStored = {0, 1, 60, "vbr", 1000000, 2, 720, 1};
     bool m_bFetchFails = false;
     int m_s32ChangesAtFetch = -1;

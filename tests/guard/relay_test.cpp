@@ -30,7 +30,7 @@ protected:
     {
         CPrivateNetTest::SetUp();
         if (!IsSkipped()) {
-            m_objFrom.Reset(BindLoopback(0));
+            m_objFrom = BindLoopback(0);
         }
     }
     void Send(const std::string &i_strBytes) { SendLoopback(m_objFrom.Get(), 12350, i_strBytes); }
@@ -133,7 +133,7 @@ TEST_F(RelayTest, SettingsAreAskedWithoutWaitingAndThePortIsGivenUp)
     ASSERT_TRUE(stSilent);
     EXPECT_TRUE(stSilent->bAsked);
     EXPECT_FALSE(stSilent->stSettings);
-    EXPECT_NO_THROW(objOther.Reset(BindLoopback(8365)));
+    EXPECT_NO_THROW(objOther = BindLoopback(8365));
 }
 
 TEST(FilesTest, AFileIsReplacedWholeAndReadableByAll)

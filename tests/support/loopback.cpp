@@ -4,7 +4,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 sockaddr_in Loopback(UInt16 i_u16Port)
 {
@@ -15,20 +14,20 @@ sockaddr_in Loopback(UInt16 i_u16Port)
     return stAddress;
 }
 
-int BindLoopback(UInt16 i_u16Port, UInt16 *o_pPort)
+UniqueFd BindLoopback(UInt16 i_u16Port, UInt16 *o_pPort)
 {
-    const int s32Fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    UniqueFd objFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in stAddress = Loopback(i_u16Port);
     socklen_t u32Size = sizeof(stAddress);
     auto *pAddress = reinterpret_cast<sockaddr *>(&stAddress);
-    if (bind(s32Fd, pAddress, u32Size) != 0 || getsockname(s32Fd, pAddress, &u32Size) != 0) {
-        close(s32Fd);
+    if (bind(objFd.Get(), pAddress, u32Size) != 0 ||
+        getsockname(objFd.Get(), pAddress, &u32Size) != 0) {
         throw std::runtime_error("no loopback port");
     }
     if (o_pPort != nullptr) {
         *o_pPort = ntohs(stAddress.sin_port);
     }
-    return s32Fd;
+    return objFd;
 }
 
 void SendLoopback(int i_s32Fd, UInt16 i_u16Port, const std::string &i_strBytes)

@@ -8,11 +8,12 @@
 #include <netinet/in.h>
 
 #include "framework/types.h"
+#include "framework/unique_fd.h"
 
 sockaddr_in Loopback(UInt16 i_u16Port);
 
 /* A socket bound to the port (0: any), or an exception; its port is in *o_pPort. */
-int BindLoopback(UInt16 i_u16Port, UInt16 *o_pPort = nullptr);
+UniqueFd BindLoopback(UInt16 i_u16Port, UInt16 *o_pPort = nullptr);
 
 void SendLoopback(int i_s32Fd, UInt16 i_u16Port, const std::string &i_strBytes);
 

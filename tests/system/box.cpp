@@ -176,7 +176,6 @@ RECEIVED_S Receive(const std::string &i_strAddress, int i_s32Port, int i_s32Seco
     stReceived.f64Rate = objJson.value("rate", 0.0);
     stReceived.s64Packets = objJson.value("packets", 0L);
     stReceived.s64Gaps = objJson.value("lost", 0L);
-    stReceived.f64Kbits = objJson.value("kbit_per_s", 0.0);
     return stReceived;
 }
 

@@ -72,7 +72,6 @@ struct RECEIVED_S {
     double f64Rate = 0; /* decoded pictures per second */
     long s64Packets = 0;
     long s64Gaps = 0; /* RTP sequence numbers missed */
-    double f64Kbits = 0;
 };
 RECEIVED_S Receive(const std::string &i_strAddress, int i_s32Port, int i_s32Seconds = 3);
 /* Expects the group's stream with pictures of that size, nothing missing, and about that rate: a

@@ -148,7 +148,7 @@ TEST_F(ControlTest, HostileDatagramsHarmNeitherTheStreamNorTheDaemon)
     const std::string strGet = EncodeStreamCommand(kAskAll, {});
     /* A seed of its own for every run would now and then hit upon a valid set. */
     std::mt19937 objRandom(8366);
-    const int s32Client = BindLoopback(0);
+    const UniqueFd objClient = BindLoopback(0);
     auto Attack = [&](Seconds i_objTime) {
         const auto objEnd = std::chrono::steady_clock::now() + i_objTime;
         int s32Sent = 0;
@@ -162,7 +162,7 @@ TEST_F(ControlTest, HostileDatagramsHarmNeitherTheStreamNorTheDaemon)
                 }
                 strBytes.resize(objRandom() % (strBytes.size() + 1));
             }
-            SendLoopback(s32Client, 8366, strBytes);
+            SendLoopback(objClient.Get(), 8366, strBytes);
             usleep(500);
             if (s32Sent % 100 == 99) {
                 Ask(); /* so that a slow machine keeps up, and loses none */
@@ -197,6 +197,5 @@ TEST_F(ControlTest, HostileDatagramsHarmNeitherTheStreamNorTheDaemon)
     RecordProperty("sent", s32Sent);
     EXPECT_GT(m_objDaemon.Count("boxes parse success") - s32Before, s32Sent / 2) << "was not read";
     EXPECT_GT(s32Sent, 1000);
-    close(s32Client);
 }
 } // namespace

@@ -1,9 +1,7 @@
 /* The commands for a box in the field, beside the running daemon and guard. */
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -41,16 +39,13 @@ TEST(FieldTest, TheKitOfAnAnnouncedStreamIsTakenByRealReceivers)
     ASSERT_TRUE(WaitUntil([] { return Holds(Ctl("receive-kit --sdp").strText, "sprop-"); }));
     RunToEnd({"/bin/sh", "-c", MV3300_CTL " receive-kit --sdp >/tmp/kit.sdp"});
     const std::string strPictures = "/tmp/kit.gray";
-    const auto Pictures = [&strPictures] {
-        std::ifstream objFile(strPictures, std::ios::binary | std::ios::ate);
-        return static_cast<long>(objFile.tellg()) / (320 * 240);
-    };
+    const auto Pictures = [&strPictures] { return ReadFile(strPictures).size() / (320 * 240); };
     RunToEnd({"/bin/sh", "-c",
               "timeout 30 gst-launch-1.0 filesrc location=/tmp/kit.sdp ! sdpdemux ! rtph264depay ! "
               "avdec_h264 ! videoconvert ! video/x-raw,format=GRAY8 ! identity eos-after=11 ! "
               "filesink location=" +
                   strPictures});
-    EXPECT_GE(Pictures(), 10);
+    EXPECT_GE(Pictures(), 10U);
     EXPECT_EQ(Ctl("announce --none").s32Exit, 0);
     EXPECT_TRUE(objDaemon.WaitFor("input timing width:0"));
     EXPECT_EQ(Ctl("announce --timing 320x240@30-0").s32Exit, 0);
@@ -62,7 +57,7 @@ TEST(FieldTest, TheKitOfAnAnnouncedStreamIsTakenByRealReceivers)
               "timeout 30 ffmpeg -v error -y -protocol_whitelist file,udp,rtp -i /tmp/kit.sdp "
               "-frames:v 10 -pix_fmt gray -f rawvideo " +
                   strPictures + " </dev/null"});
-    EXPECT_EQ(Pictures(), 10);
+    EXPECT_EQ(Pictures(), 10U);
 }
 
 /* As they are to be pasted, but for the window, which the machine may not have. */
@@ -220,31 +215,25 @@ TEST(FieldTest, WhatIsSavedHoldsAfterARestartAndTheRestOfTheFileStays)
                "  <PARAM NAME=\"h264_stream_bitrate\" TYPE=\"string\">" +
                i_strBitrate + "</PARAM>\n </CHANNEL_1></CONFIGURATION>\n\n";
     };
-    const auto File = [] {
-        std::ostringstream objText;
-        objText << std::ifstream(kParamFile, std::ios::binary).rdbuf();
-        return objText.str();
-    };
-    std::ofstream(kParamFile, std::ios::binary) << Text("59", "1000000");
+    WriteFile(kParamFile, Text("59", "1000000"));
     {
         const CDaemon objDaemon;
         ASSERT_TRUE(objDaemon.WaitUntilUp()) << objDaemon.Output();
         EXPECT_EQ(Ctl("set --bitrate 2M").s32Exit, 0);
-        EXPECT_EQ(File(), Text("59", "1000000"));
         EXPECT_EQ(Ctl("save --dry-run").s32Exit, 0);
-        EXPECT_EQ(File(), Text("59", "1000000"));
+        EXPECT_EQ(ReadFile(kParamFile), Text("59", "1000000"));
         EXPECT_EQ(Ctl("save").s32Exit, 0);
-        EXPECT_EQ(File(), Text("59", "2000000"));
+        EXPECT_EQ(ReadFile(kParamFile), Text("59", "2000000"));
         EXPECT_EQ(Ctl("set --gop 25 --save").s32Exit, 0);
         EXPECT_EQ(Ctl("set --gop 30").s32Exit, 0);
-        EXPECT_EQ(File(), Text("25", "2000000"));
+        EXPECT_EQ(ReadFile(kParamFile), Text("25", "2000000"));
     }
     const CDaemon objDaemon;
     ASSERT_TRUE(WaitUntil([] { return Ctl("get").s32Exit == 0; })) << objDaemon.Output();
     const nlohmann::json objNow = nlohmann::json::parse(Ctl("get --json").strText);
     EXPECT_EQ(objNow["gop"], 25);
     EXPECT_EQ(objNow["bitrate"], 2000000);
-    EXPECT_EQ(File(), Text("25", "2000000"));
+    EXPECT_EQ(ReadFile(kParamFile), Text("25", "2000000"));
 }
 
 TEST(FieldTest, TheBundleHoldsAReportAndMasksIt)

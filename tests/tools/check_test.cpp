@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <vector>
 
-#include <unistd.h>
-
+#include "tests/support/temp_dir.h"
 #include "tools/check_file.h"
 #include "tools/ctl_main.h"
 #include "tools/try_pipeline.h"
@@ -16,10 +14,9 @@ using CTexts = std::vector<std::string>;
 class CheckTest : public testing::Test
 {
 protected:
-    void TearDown() override { std::remove(m_strPath.c_str()); }
     CHECKED_FILE_S Check(const std::string &i_strText) const
     {
-        std::ofstream(m_strPath) << i_strText;
+        WriteFile(m_strPath, i_strText);
         return CheckParamFile(m_strPath);
     }
     static std::string Doc(const std::string &i_strParams)
@@ -31,7 +28,8 @@ protected:
         return "<PARAM NAME=\"" + i_strName + "\">" + i_strText + "</PARAM>";
     }
 
-    const std::string m_strPath = testing::TempDir() + "check_test." + std::to_string(getpid());
+    const CTempDir m_objDir;
+    const std::string m_strPath = m_objDir.Path("param.xml");
 };
 
 TEST_F(CheckTest, EachRowSaysWhatBecameOfIt)

@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -14,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/support/loopback.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 #include "tests/tools/fake_daemon.h"
 #include "tools/ctl_main.h"
@@ -50,6 +49,7 @@ protected:
         return m_strErr.find(i_strText) != std::string::npos;
     }
 
+    const CTempDir m_objDir;
     CFakeDaemon m_objDaemon;
     std::string m_strOut;
     std::string m_strErr;
@@ -116,10 +116,9 @@ TEST_F(CtlTest, SetTellsWhatWasRefusedAndWhy)
 
 TEST_F(CtlTest, SaveWritesWhatTheFileDoesNotSay)
 {
-    const std::string strFile = testing::TempDir() + "ctl_test." + std::to_string(getpid());
-    std::ofstream(strFile) << "<CONFIGURATION><CHANNEL_1>"
-                              "<PARAM NAME=\"h264_stream_gop\"> 9 </PARAM>"
-                              "</CHANNEL_1></CONFIGURATION>";
+    const std::string strFile = m_objDir.Path("param.xml");
+    WriteFile(strFile, "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"h264_stream_gop\"> 9 </PARAM>"
+                       "</CHANNEL_1></CONFIGURATION>");
     const std::string strSave = "save --file " + strFile;
     EXPECT_EQ(Run(strSave + " --dry-run"), 0);
     EXPECT_EQ(m_strOut, "gop          9 -> 60\nnot saved, would be in " + strFile + "\n");
@@ -131,14 +130,12 @@ TEST_F(CtlTest, SaveWritesWhatTheFileDoesNotSay)
                                          "\"preview\":{\"file\":true,\"running\":false}}");
     EXPECT_EQ(Run(strSave), 0);
     EXPECT_EQ(m_strOut, "nothing to save: the same is in " + strFile + "\n");
-    std::ifstream objFile(strFile);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(objFile), {}),
+    EXPECT_EQ(ReadFile(strFile),
               "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"h264_stream_gop\">60</PARAM>\n        "
               "<PARAM NAME=\"preview_stream_enable\" TYPE=\"string\">false</PARAM>"
               "</CHANNEL_1></CONFIGURATION>");
     EXPECT_EQ(Run("save --file /nonexistent/param.xml"), 5);
     EXPECT_TRUE(Told("No such file")) << m_strErr;
-    std::remove(strFile.c_str());
 }
 
 TEST_F(CtlTest, SetThatDoesNotShowInTimeIsNotTaken)
@@ -180,15 +177,14 @@ TEST_F(CtlTest, GroupTellsWhichBoxesShareOne)
     EXPECT_EQ(Run("group 0a:1b:2c:3d:4e:5f 0A-1B-2C-3D-4E-60"), 0) << m_strErr;
     EXPECT_EQ(m_strOut, "0a:1b:2c:3d:4e:5f  234.29.78.95\n0A-1B-2C-3D-4E-60  234.29.78.96\n");
     /* Bits above the nineteenth make another box, not another group; case makes neither. */
-    const std::string strFile = testing::TempDir() + "group_test." + std::to_string(getpid());
-    std::ofstream(strFile) << "# hall\n\n0a1b2c454e5f hall-2 # by the door\n0A1B2C3D4E5F\n";
+    const std::string strFile = m_objDir.Path("group");
+    WriteFile(strFile, "# hall\n\n0a1b2c454e5f hall-2 # by the door\n0A1B2C3D4E5F\n");
     EXPECT_EQ(Run("group --json 0a:1b:2c:3d:4e:5f --file " + strFile), 1);
     EXPECT_EQ(nlohmann::json::parse(m_strOut)["ok"], false);
     const auto objJson = nlohmann::json::parse(m_strOut);
     EXPECT_EQ(objJson["collisions"].dump(),
               R"([{"group":"234.29.78.95","macs":["0a:1b:2c:3d:4e:5f","0a1b2c454e5f"]}])");
     EXPECT_EQ(objJson["twice"].dump(), R"(["0A1B2C3D4E5F"])");
-    unlink(strFile.c_str());
     EXPECT_EQ(Run("group 0a:1b:2c:3d:4e:5f 0a1b2c3d4e5f"), 1) << "twice alone";
     for (const char *pNone : {"", "0a:1b:2c:3d:4e", "0a:1b:2c:3d:4e:5g", "0a:1b:2c:3d:4e-5f",
                               "0a1b2c3d4e5f0", "0ax1bx2cx3dx4ex5f", "0a:1b:2c:3d:4:e5f"}) {
@@ -225,7 +221,7 @@ TEST_F(CtlTest, WatchEndsInTimeWithALastPollThatCounts)
 TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
 {
     CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
-    close(BindLoopback(0, &stEndpoint.u16RequestPort));
+    (void)BindLoopback(0, &stEndpoint.u16RequestPort);
     EXPECT_EQ(Run("get --timeout 60s", stEndpoint), 3);
     EXPECT_TRUE(Told("the daemon is not running")) << m_strErr;
     EXPECT_EQ(Run("watch", stEndpoint), 3);
@@ -234,19 +230,18 @@ TEST_F(CtlTest, ADaemonThatIsNotRunningIsNoticedAtOnce)
 TEST_F(CtlTest, ASilentDaemonAndItsLockAreNamed)
 {
     CONTROL_ENDPOINT_S stEndpoint = m_objDaemon.Endpoint();
-    stEndpoint.strPidFile = testing::TempDir() + "mv3300ctl_test." + std::to_string(getpid());
-    const int s32Fd = open(stEndpoint.strPidFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_EQ(flock(s32Fd, LOCK_EX | LOCK_NB), 0);
+    stEndpoint.strPidFile = m_objDir.Path("pid");
+    UniqueFd objFile(open(stEndpoint.strPidFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(objFile.Get(), LOCK_EX | LOCK_NB), 0);
     m_objDaemon.m_s32Answers = 0;
     EXPECT_EQ(Run("get --timeout 100ms", stEndpoint), 3);
     EXPECT_TRUE(Told("no answer within 0.1 s")) << m_strErr;
     EXPECT_TRUE(Told("process " + std::to_string(getpid()) + " holds ")) << m_strErr;
-    close(s32Fd);
+    objFile.Reset();
     EXPECT_EQ(Run("get --timeout 100ms", stEndpoint), 3);
     EXPECT_TRUE(Told("no process is seen to hold ")) << m_strErr;
     EXPECT_EQ(Run("set --gop 30 --timeout 100ms", stEndpoint), 3);
     EXPECT_TRUE(Told("what became of them is unknown")) << m_strErr;
-    std::remove(stEndpoint.strPidFile.c_str());
 }
 
 TEST_F(CtlTest, AStrangeDatagramIsPassedOver)
@@ -263,14 +258,14 @@ TEST_F(CtlTest, AStrangeDatagramIsPassedOver)
 
 TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)
 {
-    const int s32Fd = BindLoopback(m_objDaemon.Endpoint().u16ReplyPort);
+    UniqueFd objTaken = BindLoopback(m_objDaemon.Endpoint().u16ReplyPort);
     EXPECT_EQ(Run("set --gop 30 --timeout 100ms"), 4);
     EXPECT_TRUE(Told("another reader of the daemon's replies")) << m_strErr;
     EXPECT_EQ(m_objDaemon.m_s32Requests, 0);
 
-    std::thread objRelease([s32Fd] {
+    std::thread objRelease([&objTaken] {
         usleep(50000);
-        close(s32Fd);
+        objTaken.Reset();
     });
     EXPECT_EQ(Run("get"), 0) << m_strErr;
     objRelease.join();
@@ -279,17 +274,17 @@ TEST_F(CtlTest, ATakenReplyPortSendsNothingAndABrieflyTakenOneIsWaitedFor)
 TEST_F(CtlTest, AReplyPortTakenAfterTheSetLeavesItsOutcomeUnknown)
 {
     m_objDaemon.m_s32Lag = 1000;
-    const int s32Fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    std::thread objTake([this, s32Fd] {
+    const UniqueFd objFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    std::thread objTake([this, &objFd] {
         const sockaddr_in stReply = Loopback(m_objDaemon.Endpoint().u16ReplyPort);
         while (m_objDaemon.m_s32Requests == 0 ||
-               bind(s32Fd, reinterpret_cast<const sockaddr *>(&stReply), sizeof(stReply)) != 0) {
+               bind(objFd.Get(), reinterpret_cast<const sockaddr *>(&stReply), sizeof(stReply)) !=
+                   0) {
             usleep(1000);
         }
     });
     EXPECT_EQ(Run("set --gop 30 --timeout 1s"), 3) << m_strOut;
     objTake.join();
-    close(s32Fd);
     EXPECT_TRUE(Told("the values were sent, but what became of them is unknown")) << m_strErr;
     EXPECT_TRUE(Told("another reader of the daemon's replies")) << m_strErr;
 }

@@ -1,7 +1,6 @@
 #include "tests/tools/fake_daemon.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "tests/support/loopback.h"
 #include "tlv/tlv_box_ptr.h"
@@ -22,12 +21,12 @@ bool IsRefused(const std::array<int, STREAM_SETTING_COUNT> &i_objSets)
 
 } // namespace
 
-CFakeDaemon::CFakeDaemon() : m_s32Fd(BindLoopback(0, &m_stEndpoint.u16RequestPort))
+CFakeDaemon::CFakeDaemon() : m_objFd(BindLoopback(0, &m_stEndpoint.u16RequestPort))
 {
-    close(BindLoopback(0, &m_stEndpoint.u16ReplyPort));
+    (void)BindLoopback(0, &m_stEndpoint.u16ReplyPort);
     m_stEndpoint.strPidFile = "/nonexistent/mv3300.pid";
     timeval stTimeout = {0, 20000};
-    setsockopt(m_s32Fd, SOL_SOCKET, SO_RCVTIMEO, &stTimeout, sizeof(stTimeout));
+    setsockopt(m_objFd.Get(), SOL_SOCKET, SO_RCVTIMEO, &stTimeout, sizeof(stTimeout));
     m_objThread = std::thread([this] { Run(); });
 }
 
@@ -35,7 +34,6 @@ CFakeDaemon::~CFakeDaemon()
 {
     m_bStop = true;
     m_objThread.join();
-    close(m_s32Fd);
 }
 
 int CFakeDaemon::Value(std::size_t i_u64Field) const
@@ -60,7 +58,7 @@ void CFakeDaemon::Run()
 {
     while (!m_bStop) {
         std::string strRequest(4096, '\0');
-        const ssize_t s64Length = recv(m_s32Fd, strRequest.data(), strRequest.size(), 0);
+        const ssize_t s64Length = recv(m_objFd.Get(), strRequest.data(), strRequest.size(), 0);
         if (s64Length >= 0) {
             strRequest.resize(static_cast<std::size_t>(s64Length));
             m_s32Requests++;
@@ -118,7 +116,5 @@ void CFakeDaemon::Handle(const std::string &i_strRequest)
 
 void CFakeDaemon::Reply(const std::string &i_strBytes) const
 {
-    const int s32Fd = BindLoopback(0);
-    SendLoopback(s32Fd, m_stEndpoint.u16ReplyPort, i_strBytes);
-    close(s32Fd);
+    SendLoopback(BindLoopback(0).Get(), m_stEndpoint.u16ReplyPort, i_strBytes);
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "framework/unique_fd.h"
 #include "tools/control_channel.h"
 
 class CFakeDaemon
@@ -39,7 +40,7 @@ private:
     void Reply(const std::string &i_strBytes) const;
 
     CONTROL_ENDPOINT_S m_stEndpoint;
-    int m_s32Fd;
+    UniqueFd m_objFd;
     mutable std::mutex m_objMutex;
     std::array<int, 7> m_s32Values{1, 60, 0, 1000000, 1, 720, 1};
     std::array<int, 7> m_s32Pending{-1, -1, -1, -1, -1, -1, -1};

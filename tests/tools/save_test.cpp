@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include <grp.h>
@@ -13,6 +11,7 @@
 #include <unistd.h>
 
 #include "framework/types.h"
+#include "tests/support/temp_dir.h"
 #include "tools/param_edit.h"
 #include "tools/param_save.h"
 
@@ -73,18 +72,7 @@ TEST(ParamEditTest, OnlyTheValueChanges)
 class ParamSaveTest : public testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(mkdir(m_strFolder.c_str(), 0700), 0);
-        Write(m_strOld);
-    }
-    void TearDown() override { EXPECT_EQ(system(("rm -r " + m_strFolder).c_str()), 0); }
-    void Write(const std::string &i_strText) const { std::ofstream(m_strPath) << i_strText; }
-    std::string Read() const
-    {
-        std::ifstream objFile(m_strPath);
-        return {std::istreambuf_iterator<char>(objFile), {}};
-    }
+    void SetUp() override { WriteFile(m_strPath, m_strOld); }
     SaveResult Save() { return SaveParams(m_strPath, {kGop}, m_strError); }
 
     /* Saves in a process of its own, which is killed at its n-th stop at a system call, entering
@@ -121,8 +109,8 @@ protected:
         return objCalls;
     }
 
-    const std::string m_strFolder = testing::TempDir() + "save_test." + std::to_string(getpid());
-    const std::string m_strPath = m_strFolder + "/param.xml";
+    const CTempDir m_objDir;
+    const std::string m_strPath = m_objDir.Path("param.xml");
     const std::string m_strOld = Doc("\n    " + Gop("60") + "\n  ");
     const std::string m_strNew = Doc("\n    " + Gop("30") + "\n  ");
     std::string m_strError;
@@ -135,9 +123,9 @@ TEST_F(ParamSaveTest, KilledAtAnySystemCallTheFileIsTheOldOrTheNew)
     int s32New = 0;
     std::vector<UInt64> objCalls;
     for (int i = 1; !bEnded && i < 2000; i++) {
-        Write(m_strOld);
+        WriteFile(m_strPath, m_strOld);
         objCalls = SaveAndKillAt(i, bEnded);
-        const std::string strNow = Read();
+        const std::string strNow = ReadFile(m_strPath);
         ASSERT_TRUE(strNow == m_strOld || strNow == m_strNew) << "at stop " << i << ": " << strNow;
         (strNow == m_strOld ? s32Old : s32New)++;
     }
@@ -162,18 +150,18 @@ TEST_F(ParamSaveTest, KilledAtAnySystemCallTheFileIsTheOldOrTheNew)
     EXPECT_EQ(strOrder, "wsrs");
 #endif
     /* What the killed ones left does not stand in the way of the next. */
-    Write(m_strOld);
+    WriteFile(m_strPath, m_strOld);
     EXPECT_EQ(Save(), SaveResult::Saved) << m_strError;
-    EXPECT_EQ(Read(), m_strNew);
+    EXPECT_EQ(ReadFile(m_strPath), m_strNew);
 }
 
 TEST_F(ParamSaveTest, ModeAndLinkStay)
 {
     ASSERT_EQ(chmod(m_strPath.c_str(), 0751), 0);
-    const std::string strLink = m_strFolder + "/link";
+    const std::string strLink = m_objDir.Path("link");
     ASSERT_EQ(symlink("param.xml", strLink.c_str()), 0);
     EXPECT_EQ(SaveParams(strLink, {kGop}, m_strError), SaveResult::Saved) << m_strError;
-    EXPECT_EQ(Read(), m_strNew);
+    EXPECT_EQ(ReadFile(m_strPath), m_strNew);
     struct stat stStat = {};
     EXPECT_EQ(lstat(strLink.c_str(), &stStat), 0);
     EXPECT_TRUE(S_ISLNK(stStat.st_mode));
@@ -188,7 +176,7 @@ TEST_F(ParamSaveTest, WhoMayNotGiveFilesAwayKeepsTheGroup)
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can make a file of another user";
     }
-    for (const std::string &strPath : {m_strFolder, m_strPath}) {
+    for (const std::string &strPath : {m_objDir.Path(""), m_strPath}) {
         ASSERT_EQ(chown(strPath.c_str(), 0, kGroup), 0);
         ASSERT_EQ(chmod(strPath.c_str(), 0775), 0);
     }
@@ -201,7 +189,7 @@ TEST_F(ParamSaveTest, WhoMayNotGiveFilesAwayKeepsTheGroup)
     int s32Status = 0;
     waitpid(s32Child, &s32Status, 0);
     EXPECT_EQ(s32Status, 0);
-    EXPECT_EQ(Read(), m_strNew);
+    EXPECT_EQ(ReadFile(m_strPath), m_strNew);
     struct stat stStat = {};
     ASSERT_EQ(stat(m_strPath.c_str(), &stStat), 0);
     EXPECT_EQ(stStat.st_gid, kGroup);
@@ -214,14 +202,14 @@ TEST_F(ParamSaveTest, WhatCannotBeEditedStaysAsItIs)
     for (const std::string &strText :
          {std::string("<CONFIGURATION><CHANNEL_1>"),
           Doc("<PARAM NAME=\"h264_stream_&#103;op\">60</PARAM>" + Gop("61"))}) {
-        Write(strText);
+        WriteFile(m_strPath, strText);
         EXPECT_EQ(Save(), SaveResult::Damaged);
         EXPECT_NE(m_strError.find("stays as it is"), std::string::npos) << m_strError;
-        EXPECT_EQ(Read(), strText);
+        EXPECT_EQ(ReadFile(m_strPath), strText);
     }
-    EXPECT_NE(access((m_strFolder + "/.param.xml.new").c_str(), F_OK), 0);
+    EXPECT_NE(access(m_objDir.Path(".param.xml.new").c_str(), F_OK), 0);
     EXPECT_EQ(SaveParams("/dev/null", {kGop}, m_strError), SaveResult::SystemError);
-    EXPECT_EQ(SaveParams(m_strFolder + "/no/param.xml", {kGop}, m_strError),
+    EXPECT_EQ(SaveParams(m_objDir.Path("no/param.xml"), {kGop}, m_strError),
               SaveResult::SystemError);
     EXPECT_NE(m_strError.find("No such file"), std::string::npos) << m_strError;
 }

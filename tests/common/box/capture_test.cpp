@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "common/box/capture.h"
+#include "framework/unique_fd.h"
 #include "tests/support/fake_router.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/moved_time.h"
@@ -120,15 +121,11 @@ protected:
             return i_stMsg.dst == MODULE_CAPTURE ? m_objCapture.PushMsg(&i_stMsg) : 1;
         });
         moved_time::DivideSleeps(20);
-        m_s32Fd = socket(AF_NETLINK, SOCK_DGRAM, NETLINK_KOBJECT_UEVENT);
-        ASSERT_GE(m_s32Fd, 0);
+        m_objFd.Reset(socket(AF_NETLINK, SOCK_DGRAM, NETLINK_KOBJECT_UEVENT));
+        ASSERT_TRUE(m_objFd);
     }
 
-    void TearDown() override
-    {
-        m_objCapture.StopAndWaitForThread();
-        close(m_s32Fd);
-    }
+    void TearDown() override { m_objCapture.StopAndWaitForThread(); }
 
     /* False when the system keeps unicast on this protocol for a privileged user. */
     bool Send(const std::string &i_strDatagram)
@@ -136,33 +133,31 @@ protected:
         struct sockaddr_nl stAddr = {};
         stAddr.nl_family = AF_NETLINK;
         stAddr.nl_pid = static_cast<UInt32>(getpid());
-        ssize_t s64Sent = sendto(m_s32Fd, i_strDatagram.data(), i_strDatagram.size(), 0,
+        ssize_t s64Sent = sendto(m_objFd.Get(), i_strDatagram.data(), i_strDatagram.size(), 0,
                                  reinterpret_cast<struct sockaddr *>(&stAddr), sizeof(stAddr));
         return s64Sent == static_cast<ssize_t>(i_strDatagram.size());
     }
 
     CLogCapture m_objLog;
     CCapture m_objCapture;
-    int m_s32Fd = -1;
+    UniqueFd m_objFd;
 };
 
 TEST_F(CaptureLoopTest, RetriesTheSocketUntilItIsFree)
 {
     CCapture objOther;
-    int s32Taken = objOther.open_uevent_socket();
-    ASSERT_GE(s32Taken, 0);
+    UniqueFd objTaken(objOther.open_uevent_socket());
+    ASSERT_TRUE(objTaken);
     m_objCapture.Start();
     ASSERT_TRUE(m_objLog.WaitFor("INFO uevent device_fd = -1 --[", 2));
     EXPECT_GE(m_objLog.Count("ERROR open_uevent_socket error --["), 2);
     EXPECT_GE(moved_time::SleptMicroseconds(), 2000000U);
-    close(s32Taken);
+    objTaken.Reset();
     ASSERT_TRUE(m_objLog.WaitFor("INFO thread info [capture:"));
     ASSERT_TRUE(m_objLog.WaitFor("uevent device_fd = ", m_objLog.Count("device_fd = -1") + 1));
     m_objCapture.StopAndWaitForThread();
 
-    s32Taken = objOther.open_uevent_socket();
-    EXPECT_GE(s32Taken, 0); /* the module has closed its own */
-    close(s32Taken);
+    EXPECT_TRUE(UniqueFd(objOther.open_uevent_socket())) << "the module has not closed its own";
 }
 
 TEST_F(CaptureLoopTest, DatagramsArriveWholeAndInOrder)

@@ -107,16 +107,15 @@ protected:
             EXPECT_TRUE(WaitUntil([] { return CWatchedTask::s_s32Alive == 0; }));
             CTaskThreadPool::RemoveThreads();
         }
-        close(m_s32Client);
     }
     void Create(const char *i_pAddress = "127.0.0.1")
     {
         CTaskThreadPool::AddThreads(2);
         CTimeoutTask::Initialize(100);
         StartEvents();
-        m_s32Client = BindLoopback(0);
+        m_objClient = BindLoopback(0);
         if (m_u16Port == 0) {
-            close(BindLoopback(0, &m_u16Port));
+            (void)BindLoopback(0, &m_u16Port);
         }
         m_pTask = new CWatchedTask(i_pAddress, m_u16Port);
     }
@@ -130,7 +129,10 @@ protected:
         m_pTask->Signal(CTask::kStartEvent);
         ASSERT_TRUE(Reaches(CEventMonitorTask::SOCKET_STATE_READY));
     }
-    void Send(const std::string &i_strBytes) { SendLoopback(m_s32Client, m_u16Port, i_strBytes); }
+    void Send(const std::string &i_strBytes)
+    {
+        SendLoopback(m_objClient.Get(), m_u16Port, i_strBytes);
+    }
     /* Waits for as many calls and returns the last. */
     static std::string CallNumber(std::size_t i_u64Count)
     {
@@ -140,7 +142,7 @@ protected:
 
     CWatchedTask *m_pTask = nullptr;
     UInt16 m_u16Port = 0;
-    int m_s32Client = -1;
+    UniqueFd m_objClient;
 };
 
 TEST_F(EventMonitorTest, EveryDatagramIsHandedOverWholeUpToTheLimit)
@@ -172,7 +174,7 @@ TEST_F(EventMonitorTest, AnAnswerNeedsAResultAndALengthAboveZero)
         CallNumber(++u64Calls);
         /* Answers come in order, so one too many is noticed with the next. */
         if (stCase.u64Sent > 0) {
-            EXPECT_EQ(ReceiveLoopback(m_s32Client, 20000), std::string(stCase.u64Sent, 'r'));
+            EXPECT_EQ(ReceiveLoopback(m_objClient.Get(), 20000), std::string(stCase.u64Sent, 'r'));
         }
     }
 }
@@ -196,8 +198,8 @@ TEST_F(EventMonitorTest, TheOlderCallbacksTakeAndAnswerTextsFirst)
     EXPECT_EQ(CallNumber(3), "one");
     Answer(2, 2);
     Send(std::string("two\0x", 5));
-    EXPECT_EQ(ReceiveLoopback(m_s32Client, 20000), "the answer");
-    EXPECT_EQ(ReceiveLoopback(m_s32Client, 20000), "rr");
+    EXPECT_EQ(ReceiveLoopback(m_objClient.Get(), 20000), "the answer");
+    EXPECT_EQ(ReceiveLoopback(m_objClient.Get(), 20000), "rr");
     EXPECT_EQ(Calls(), (std::vector<std::string>{"text one", "reply to one4096", "one", "text two",
                                                  "reply to two4096", std::string("two\0x", 5)}));
 }
@@ -205,13 +207,13 @@ TEST_F(EventMonitorTest, TheOlderCallbacksTakeAndAnswerTextsFirst)
 TEST_F(EventMonitorTest, ATakenPortIsTriedUntilItIsFree)
 {
     CLogCapture objLog;
-    const int s32Holder = BindLoopback(0, &m_u16Port);
+    UniqueFd objHolder = BindLoopback(0, &m_u16Port);
     Create();
     m_pTask->Signal(CTask::kStartEvent);
     ASSERT_TRUE(Reaches(CEventMonitorTask::SOCKET_STATE_OPENED));
     EXPECT_TRUE(WaitUntil([&] { return m_pTask->m_s32Runs >= 3; })) << "no retry";
     EXPECT_EQ(m_pTask->m_eState, CEventMonitorTask::SOCKET_STATE_OPENED);
-    close(s32Holder);
+    objHolder.Reset();
     ASSERT_TRUE(Reaches(CEventMonitorTask::SOCKET_STATE_READY));
     Send("now");
     EXPECT_EQ(CallNumber(1), "now");
@@ -244,19 +246,18 @@ TEST_F(EventMonitorTest, ASocketThatCannotBeOpenedIsNotTriedAgain)
 TEST_F(EventMonitorTest, NotificationsGoToTheirPortOrAreRefused)
 {
     Create();
-    const int s32Listener = BindLoopback(23456);
+    const UniqueFd objListener = BindLoopback(23456);
     CLogCapture objLog;
     m_pTask->SendNotifyMsg("text", 0);
     m_pTask->SendNotifyMsg(nullptr, 5);
     m_pTask->SendNotifyMsg("text", 3);
-    EXPECT_EQ(ReceiveLoopback(s32Listener, 20000), "tex");
+    EXPECT_EQ(ReceiveLoopback(objListener.Get(), 20000), "tex");
     m_pTask->SendNotifyMsg(std::string(70000, 'x').c_str(), 70000);
     for (const char *pLine : {"SendNotifyMsg para <0> err --[", "SendNotifyMsg para <5> err --[",
                               "send errno<90> --["}) {
         EXPECT_EQ(objLog.Count(pLine), 1) << pLine;
     }
     EXPECT_EQ(objLog.Count("ERROR "), 3);
-    close(s32Listener);
 }
 
 /* How many reports of 239.1.2.3 by version 2 of the protocol leave eth0, two at most. */
@@ -278,7 +279,7 @@ TEST_F(EventMonitorTest, AGroupIsJoinedAsSoonAsItCanBeAndReportedFromThenOn)
     if (system("ip route del 224.0.0.0/4 && ip link add eth0 type veth peer name switch0") != 0) {
         GTEST_SKIP() << "no eth0 in the private network";
     }
-    const int s32Packets = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ALL));
+    const UniqueFd objPackets(socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ALL)));
     Create("239.1.2.3");
     testing::internal::CaptureStdout();
     m_pTask->Signal(CTask::kStartEvent);
@@ -291,17 +292,15 @@ TEST_F(EventMonitorTest, AGroupIsJoinedAsSoonAsItCanBeAndReportedFromThenOn)
     /* The threads of the framework print too, as they start. */
     EXPECT_NE(strPrinted.find("join multicast failed, 19: No such device\n"), std::string::npos);
     EXPECT_EQ(strPrinted.substr(strPrinted.size() - 19), "join multicast now.") << strPrinted;
-    EXPECT_EQ(CountReports(s32Packets), 2);
+    EXPECT_EQ(CountReports(objPackets.Get()), 2);
 
     struct sockaddr_in stGroup = Loopback(m_u16Port);
     stGroup.sin_addr.s_addr = htonl(0xEF010203);
     const struct in_addr stFrom = {htonl(0xC0000209)};
-    const int s32Sender = socket(AF_INET, SOCK_DGRAM, 0);
-    EXPECT_EQ(setsockopt(s32Sender, IPPROTO_IP, IP_MULTICAST_IF, &stFrom, sizeof(stFrom)), 0);
-    sendto(s32Sender, "to all", 6, 0, reinterpret_cast<struct sockaddr *>(&stGroup),
+    const UniqueFd objSender(socket(AF_INET, SOCK_DGRAM, 0));
+    EXPECT_EQ(setsockopt(objSender.Get(), IPPROTO_IP, IP_MULTICAST_IF, &stFrom, sizeof(stFrom)), 0);
+    sendto(objSender.Get(), "to all", 6, 0, reinterpret_cast<struct sockaddr *>(&stGroup),
            sizeof(stGroup));
     EXPECT_EQ(CallNumber(1), "to all");
-    close(s32Sender);
-    close(s32Packets);
 }
 } // namespace

@@ -55,15 +55,13 @@ TEST(IgmpTest, CheckSumInMemoryOrder)
 /* The lowest free descriptor: unchanged if whatever was opened is closed. */
 int NextDescriptor()
 {
-    int s32FileDesc = dup(0);
-    close(s32FileDesc);
-    return s32FileDesc;
+    return UniqueFd(dup(0)).Get();
 }
 
 using CIgmpNetTest = CPrivateNetTest;
 TEST_F(CIgmpNetTest, TheSameReportLeavesEachTime)
 {
-    const int s32Packets = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));
+    const UniqueFd objPackets(socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP)));
     int s32Before = NextDescriptor();
     {
         CIGMP objIgmp;
@@ -71,10 +69,10 @@ TEST_F(CIgmpNetTest, TheSameReportLeavesEachTime)
         objIgmp.Open("127.0.0.1", "239.1.1.1");
         EXPECT_EQ(NextDescriptor(), s32Before + 1);
         objIgmp.MemberShip();
-        const std::string strFirst = ReceiveLoopback(s32Packets, 5000);
+        const std::string strFirst = ReceiveLoopback(objPackets.Get(), 5000);
         objIgmp.MemberShip();
         ASSERT_EQ(strFirst.size(), 28U);
-        EXPECT_EQ(strFirst, ReceiveLoopback(s32Packets, 5000));
+        EXPECT_EQ(strFirst, ReceiveLoopback(objPackets.Get(), 5000));
 
         EXPECT_EQ(strFirst.substr(8, 2), std::string("\1\2", 2)); /* lifetime, protocol */
         EXPECT_EQ(strFirst.substr(12),
@@ -85,12 +83,11 @@ TEST_F(CIgmpNetTest, TheSameReportLeavesEachTime)
         objIgmp.MemberShip();
         objIgmp.Open(nullptr, nullptr);
         objIgmp.MemberShip();
-        EXPECT_EQ(ReceiveLoopback(s32Packets, 50), "none");
+        EXPECT_EQ(ReceiveLoopback(objPackets.Get(), 50), "none");
         objIgmp.Open(0x7F000001, 0xE0000001);
         EXPECT_EQ(NextDescriptor(), s32Before + 1);
     }
     EXPECT_EQ(NextDescriptor(), s32Before);
-    close(s32Packets);
 }
 
 } // namespace
