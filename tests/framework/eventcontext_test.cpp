@@ -155,6 +155,19 @@ TEST(EventContextTest, CleanupClosesAndTheContextCanBeUsedAgain)
     EXPECT_TRUE(IsOpen(objKept.Get()));
 }
 
+TEST(EventContextTest, AWatchIsTakenOver)
+{
+    CProbe objFrom(Counter(false)), objTo(Counter(false));
+    const int s32FileDesc = objFrom.m_s32FileDesc, s32Before = objTo.m_s32FileDesc;
+    objFrom.RequestEvent(EV_READ);
+    objTo.SnarfEventContext(objFrom);
+    EXPECT_EQ(objFrom.m_s32FileDesc, -1);
+    EXPECT_FALSE(IsOpen(s32Before));
+    EXPECT_EQ(eventfd_write(s32FileDesc, 1), 0);
+    EXPECT_TRUE(objTo.WaitFor(1));
+    EXPECT_EQ(objFrom.m_s32Events, 0);
+}
+
 TEST(EventContextTest, IdsWrapAndSkipThoseInUse)
 {
     std::vector<std::unique_ptr<CProbe>> objProbes;

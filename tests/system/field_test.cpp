@@ -38,6 +38,11 @@ TEST(FieldTest, TheKitOfAnAnnouncedStreamIsTakenByRealReceivers)
     ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --["));
     ASSERT_TRUE(WaitUntil([] { return Holds(Ctl("receive-kit --sdp").strText, "sprop-"); }));
     RunToEnd({"/bin/sh", "-c", MV3300_CTL " receive-kit --sdp >/tmp/kit.sdp"});
+    const nlohmann::json objStream =
+        nlohmann::json::parse(ReadFile("/run/mv3300/state.json"))["stream"];
+    EXPECT_TRUE(Holds(ReadFile("/tmp/kit.sdp"),
+                      "sprop-parameter-sets=" + objStream["sps"].get<std::string>() + "," +
+                          objStream["pps"].get<std::string>() + "\r\n"));
     const std::string strPictures = "/tmp/kit.gray";
     const auto Pictures = [&strPictures] { return ReadFile(strPictures).size() / (320 * 240); };
     RunToEnd({"/bin/sh", "-c",

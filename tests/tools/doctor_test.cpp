@@ -81,6 +81,28 @@ TEST(DoctorTest, TheDeviceTheDriverAndTheClock)
     EXPECT_EQ(FirstNo(DiagnoseMachine(1700000000)).find("clock: 2023-11-1"), 0U);
 }
 
+/* An error that the pipeline has been played after is over. */
+TEST(DoctorTest, TheLastOfTheLogCounts)
+{
+    const struct {
+        const char *pLog;
+        Verdict eVerdict;
+    } kRows[] = {
+        {"1 Let's run [gst-h264]!\n2 Received error in [gst-h264]\n", Verdict::No},
+        {"1 Received error in [gst-h264]\n2 Let's run [gst-h264]!\n", Verdict::NotKnown},
+        {"1 Received error in [gst-jpeg]\n", Verdict::NotKnown},
+        {"1 pipeline could not be constructed: x\n", Verdict::No},
+    };
+    PATIENT_S stPatient = {};
+    stPatient.stDaemon = DAEMON_S{};
+    stPatient.stTiming = TIMING_S{640, 360, 30, 0};
+    stPatient.stFile.stStatus.u32H264Enable = 1;
+    for (const auto &stRow : kRows) {
+        stPatient.strLog = stRow.pLog;
+        EXPECT_EQ(DiagnosePipelines(stPatient)[1].eVerdict, stRow.eVerdict) << stRow.pLog;
+    }
+}
+
 TEST(BundleTest, AddressesOfEveryKindAreMasked)
 {
     const struct {

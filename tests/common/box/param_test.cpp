@@ -162,7 +162,7 @@ TEST_F(ParamTest, ATextBecomesAValueOfItsKindOrTheDefault)
         {PARAM_H264_GOP, "fast", "60", NOT_IN_RANGE},
         {PARAM_H264_GOP, "", "60", NOT_IN_RANGE},
         {PARAM_H264_GOP, "4294967326", "60", NOT_IN_RANGE},
-        {PARAM_H264_GOP, std::string(70, '1'), "60", TOO_LONG},
+        {PARAM_H264_GOP, std::string(64, '1'), "60", TOO_LONG},
         {PARAM_PREV_HEIGHT, " 480 ", "480", AS_GIVEN},
         {PARAM_PREV_HEIGHT, "480p", "480", TAIL_IGNORED},
         {PARAM_H264_MODE, "CBR", "cbr", AS_GIVEN},
@@ -172,6 +172,7 @@ TEST_F(ParamTest, ATextBecomesAValueOfItsKindOrTheDefault)
         {PARAM_H264_ENABLE, "False", "false", AS_GIVEN},
         {PARAM_PREV_ENABLE, "1", "false", COUNTS_AS_OFF},
         {PARAM_SRC_DEVICE_ID, "12345678901", "", TOO_SHORT},
+        {PARAM_SRC_DEVICE_ID, "", "", AS_GIVEN},
         {PARAM_SRC_DEVICE_ID, "123456789012", "123456789012", AS_GIVEN},
         {PARAM_ADDR_URL, std::string(1023, 'u'), std::string(511, 'u'), CUT},
     };
