@@ -4,6 +4,10 @@
 # Works on a bare Debian 12, as root or with sudo. Nothing is installed that is there already, and
 # what is installed is said together with its reason.
 
+# First of all: while bash waits for a program without a trap, a Ctrl-C that the program itself did not
+# die of is lost.
+trap 'exit 130' INT
+
 REPO=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly REPO
 export DEBIAN_FRONTEND=noninteractive

@@ -49,6 +49,8 @@ expect "own /run" "mv3300-sim mv3300d" "$(box --no-relay ls /run | xargs)"
 expect "own /tmp" 0 "$(status_of box -- touch "/tmp/${SCRATCH##*/}-leak")"
 expect "nothing of it in the machine's" gone \
     "$([[ -e /tmp/${SCRATCH##*/}-leak ]] && echo there || echo gone)"
+expect "no process that is no box is joined" "2 no bench box" \
+    "$(status_of "$BOX" --join $$ true) $(grep -o 'no bench box' "$SCRATCH/stderr")"
 expect "no capabilities, no box" 77 \
     "$(status_of box setpriv --bounding-set=-all --inh-caps=-all -- "$BOX" --build "$BUILD" true)"
 
