@@ -1,6 +1,8 @@
 /*
  * mv3300-guard: options and signals.
  */
+#include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <system_error>
@@ -9,9 +11,36 @@
 #include <sys/signalfd.h>
 
 #include "guard/guard.h"
+#include "tools/control_channel.h"
 
 namespace
 {
+/* The ranges of the options are comparisons, which let "nan" through. */
+void CheckNumber(const char *i_pOption, double i_f64Number)
+{
+    if (!std::isfinite(i_f64Number)) {
+        throw CLI::ValidationError(i_pOption, "is no number");
+    }
+}
+
+/* Throws unless the stream may be sent to each of the ports: to the relay's own it would go round
+ * for ever, to the preview's it goes already, and the control channel is no place for it. */
+void CheckPorts(const std::vector<UInt16> &i_u16Ports)
+{
+    const CONTROL_ENDPOINT_S stControl;
+    for (auto it = i_u16Ports.begin(); it != i_u16Ports.end(); ++it) {
+        const char *pFault = *it == COPY_PORT      ? "is where the stream itself comes"
+                             : *it == PREVIEW_PORT ? "is the preview's, which gets it anyway"
+                             : *it == stControl.u16RequestPort || *it == stControl.u16ReplyPort
+                                 ? "belongs to the daemon's control channel"
+                             : std::find(i_u16Ports.begin(), it, *it) != it ? "is given twice"
+                                                                            : nullptr;
+        if (pFault != nullptr) {
+            throw CLI::ValidationError("--also", "port " + std::to_string(*it) + " " + pFault);
+        }
+    }
+}
+
 /* Readable when the process is to end. */
 UniqueFd MakeStop()
 {
@@ -64,6 +93,9 @@ int main(int argc, char **argv)
     objApp.add_option("--folder", stOptions.strFolder, "folder of the state (/run/mv3300)");
     try {
         objApp.parse(argc, argv);
+        CheckNumber("--stall", f64Stall);
+        CheckNumber("--preview-rate", stOptions.f64PreviewRate);
+        CheckPorts(stOptions.u16Also);
     } catch (const CLI::ParseError &objError) {
         return objApp.exit(objError) == 0 ? 0 : 2;
     }

@@ -13,8 +13,6 @@
 
 namespace
 {
-constexpr UInt16 kCopyPort = 12350;
-constexpr UInt16 kPreviewPort = 12345;
 constexpr std::size_t kBatch = 32;
 constexpr int kMostBatches = 8;
 constexpr std::size_t kLongestDatagram = 65536;
@@ -50,7 +48,7 @@ struct CRelay::BATCH_S {
 };
 
 CRelay::CRelay(const std::vector<UInt16> &i_u16Also, double i_f64PreviewRate)
-    : m_objIn(MakeSocket()), m_stPreview(MakeOut(kPreviewPort)),
+    : m_objIn(MakeSocket()), m_stPreview(MakeOut(PREVIEW_PORT)),
       m_pBatch(std::make_unique<BATCH_S>()), m_objThinner(i_f64PreviewRate)
 {
     for (const UInt16 u16Port : i_u16Also) {
@@ -82,7 +80,7 @@ CRelay::OUT_S CRelay::MakeOut(UInt16 i_u16Port)
 
 int CRelay::Bind()
 {
-    const sockaddr_in stAddress = LoopbackAddress(kCopyPort);
+    const sockaddr_in stAddress = LoopbackAddress(COPY_PORT);
     return bind(m_objIn.Get(), reinterpret_cast<const sockaddr *>(&stAddress), sizeof(stAddress)) ==
                    0
                ? 0

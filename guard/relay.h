@@ -16,6 +16,9 @@
 #include "guard/state.h"
 #include "guard/thinner.h"
 
+inline constexpr UInt16 COPY_PORT = 12350;    /* where the daemon sends its local copy */
+inline constexpr UInt16 PREVIEW_PORT = 12345; /* where its preview listens */
+
 class CRelay
 {
 public:
