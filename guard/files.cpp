@@ -48,8 +48,12 @@ std::optional<std::string> ReadFile(const std::string &i_strPath, std::size_t i_
 int ReplaceFile(const std::string &i_strPath, const std::string &i_strText)
 {
     const std::string strNew = i_strPath + ".new";
+    /* Whatever has the name, a pipe on which one would wait or a link to elsewhere, is not ours. */
+    if (unlink(strNew.c_str()) != 0 && errno != ENOENT) {
+        return errno;
+    }
     UniqueFd objFd(
-        open(strNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
+        open(strNew.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));
     if (!objFd) {
         return errno;
     }

@@ -108,17 +108,20 @@ void CGuard::Note(const char *i_pKind, const std::string &i_strText)
     m_bChanged = true;
 }
 
-/* --- the input ---------------------------------------------------------------------------------
- */
-
-void CGuard::Remember()
+void CGuard::Write(FILE_S &io_stFile, const std::string &i_strText)
 {
-    const int s32Error = ReplaceFile(m_stOptions.strFolder + "/timing",
-                                     MemoryText({*m_stFacts.stTiming, Wall(m_s64NowMs)}));
-    if (s32Error != 0) {
-        Note("input", std::string("the timing cannot be remembered: ") + strerror(s32Error));
+    const int s32Error = ReplaceFile(m_stOptions.strFolder + "/" + io_stFile.pName, i_strText);
+    if (s32Error != io_stFile.s32Error) {
+        io_stFile.s32Error = s32Error; /* the state is written every second: said once */
+        Note("file",
+             std::string(io_stFile.pName) +
+                 (s32Error == 0 ? " is written again"
+                                : std::string(" cannot be written: ") + strerror(s32Error)));
     }
 }
+
+/* --- the input ---------------------------------------------------------------------------------
+ */
 
 void CGuard::Recall()
 {
@@ -151,7 +154,8 @@ void CGuard::SetTiming(const TIMING_S &i_stTiming, const char *i_pOrigin, Link i
     if (bNew) {
         Note("input", TimingText(i_stTiming) + " by " + i_pOrigin + ", link " + LinkText(i_eLink));
     }
-    Remember();
+    m_strMemory = MemoryText({i_stTiming, Wall(m_s64NowMs)});
+    Write(m_stMemoryFile, m_strMemory);
 }
 
 void CGuard::HearUevents()
@@ -399,12 +403,12 @@ void CGuard::Publish()
     m_stState.stActs.f64Backoff = Seconds(m_objRestart.BackoffMs());
     m_stState.stActs.u32Budget = m_objRestart.Budget();
     m_stState.stActs.u32BudgetLeft = m_objRestart.BudgetLeft();
-    const int s32Error = ReplaceFile(m_stOptions.strFolder + "/state.json", StateText(m_stState));
-    if (s32Error != 0) {
-        fprintf(stderr, "the state cannot be written: %s\n", strerror(s32Error));
-    }
     m_s64PublishedMs = m_s64NowMs;
     m_bChanged = false;
+    Write(m_stStateFile, StateText(m_stState));
+    if (m_stMemoryFile.s32Error != 0) {
+        Write(m_stMemoryFile, m_strMemory);
+    }
 }
 
 void CGuard::Tick()

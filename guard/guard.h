@@ -41,8 +41,14 @@ public:
     void Run(int i_s32StopFd);
 
 private:
+    struct FILE_S {
+        const char *pName; /* in the folder */
+        int s32Error = 0;  /* of the last try to write it */
+    };
+
     void OpenFolder();
-    void Remember();
+    /* Why it cannot be, and that it can be again, is an event each. */
+    void Write(FILE_S &io_stFile, const std::string &i_strText);
     void Recall();
     void Tick();
     void LookForDaemon();
@@ -73,6 +79,9 @@ private:
     CRestartPolicy m_objRestart;
     CSap m_objSap;
 
+    FILE_S m_stStateFile = {"state.json"};
+    FILE_S m_stMemoryFile = {"timing"};
+    std::string m_strMemory; /* what the latter is to hold */
     SInt64 m_s64NowMs = 0;
     SInt64 m_s64BeginMs = 0;
     SInt64 m_s64PublishedMs = INT64_MIN;

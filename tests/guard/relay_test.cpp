@@ -146,9 +146,15 @@ TEST(FilesTest, AFileIsReplacedWholeAndReadableByAll)
     struct stat stStat = {};
     ASSERT_EQ(stat(strPath.c_str(), &stStat), 0);
     EXPECT_EQ(stStat.st_mode & 0777, 0644U);
-    EXPECT_EQ(symlink(strPath.c_str(), (strPath + ".new").c_str()), 0);
-    EXPECT_EQ(ReplaceFile(strPath, "new"), ELOOP) << "another's link is not written through";
-    EXPECT_EQ(::ReadFile(strPath, 3), "old");
+    const std::string strNew = strPath + ".new";
+    EXPECT_EQ(symlink(objDir.Path("other").c_str(), strNew.c_str()), 0);
+    EXPECT_EQ(ReplaceFile(strPath, "one"), 0);
+    EXPECT_NE(access(objDir.Path("other").c_str(), F_OK), 0) << "written through another's link";
+    EXPECT_EQ(mkfifo(strNew.c_str(), 0600), 0);
+    EXPECT_EQ(ReplaceFile(strPath, "two"), 0) << "nobody reads another's pipe";
+    EXPECT_EQ(mkdir(strNew.c_str(), 0700), 0);
+    EXPECT_EQ(ReplaceFile(strPath, "new"), EISDIR);
+    EXPECT_EQ(::ReadFile(strPath, 3), "two");
     EXPECT_FALSE(::ReadFile(strPath, 2)) << "longer than the limit";
     EXPECT_FALSE(::ReadFile(objDir.Path("."), 100)) << "a folder";
 }
