@@ -7,7 +7,7 @@
  * here the plans are carried out. All handlers run on the encoder thread, under the module mutex; a
  * stop of a worker is a direct, blocking call, a start a message in the worker's queue.
  *
- * A stop request ends a plan before its next step and any wait for a start at its next look. The
+ * A stop request ends a plan before its next step and any wait for a start at its next poll. The
  * thread then ends after at most ENC_STOP_LONGEST_MS.
  */
 #pragma once

@@ -43,7 +43,7 @@ public:
     /* Queues the start of the description, of which 1023 characters are kept. Its number, counted
      * from 1; 0 if the queue is full. */
     UInt64 PushStart(const std::string &i_strCmd);
-    /* Waits for the start of this number, 99 looks 100 ms apart, or until i_objOwner, the calling
+    /* Waits for the start of this number, 99 polls 100 ms apart, or until i_objOwner, the calling
      * thread's, is asked to stop. A start of number 0 is never taken. */
     ENC_START AwaitStart(UInt64 i_u64Number, const CThread &i_objOwner);
     /* 1 after a start was taken, also when its pipeline has ended by itself since; 0 after a

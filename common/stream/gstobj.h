@@ -20,8 +20,8 @@
 #include "framework/mutex.h"
 #include "framework/types.h"
 
-/* The longest that a stop takes, milliseconds: 41 looks 500 ms apart at a loop that does not run
- * yet, 10 looks 1 s apart at a clean-up that is not over, 500 ms to settle. */
+/* The longest that a stop takes, milliseconds: 41 polls 500 ms apart of a loop that does not run
+ * yet, 10 polls 1 s apart of a clean-up that is not over, 500 ms to settle. */
 constexpr unsigned GST_STOP_LONGEST_MS = 41 * 500 + 10 * 1000 + 500;
 
 /* The life of one run; the bus callback gets to know it. All null and 0 between runs. */
