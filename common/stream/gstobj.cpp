@@ -6,7 +6,6 @@
  */
 #include "common/stream/gstobj.h"
 
-#include <cstring>
 #include <utility>
 
 #include <gst/app/gstappsrc.h>
@@ -66,13 +65,11 @@ int CGstObj::HandleStartMsgEnc(const MSG_DESC_INFO_S *i_pMsg, void *)
         LOG_ERROR("start msg null in [%s]", m_strName.c_str());
         return 0;
     }
-    const char *pText = reinterpret_cast<const char *>(i_pMsg->payload);
     /* The run reads a copy, since a second start is refused only after it has stored its own. */
     std::string strCmd;
     {
         CMutexLocker objLocker(&m_objRunMutex);
-        m_strCmd.clear();
-        m_strCmd.append(pText, strnlen(pText, sizeof(i_pMsg->payload)));
+        m_strCmd = TextOf(*i_pMsg);
         strCmd = m_strCmd;
     }
     return StartGst(strCmd) != 0 ? 1 : 0;
