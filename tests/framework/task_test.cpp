@@ -124,7 +124,9 @@ TEST_F(CTaskTest, EventsMergeAndADelayedRunKeepsItsTimeAndItsThread)
     objTask.Signal(CTask::kReadEvent); /* adds its bit, and no run of its own */
     objTask.WaitForRuns(3);
     CTaskThreadPool::RemoveThreads();
-    EXPECT_EQ(objTask.m_u32Seen, (std::vector<UInt32>{4, 8 | 16, 2 | 16}));
+    EXPECT_EQ(objTask.m_u32Seen,
+              (std::vector<UInt32>{CTask::kStartEvent, CTask::kTimeoutEvent | CTask::kReadEvent,
+                                   CTask::kIdleEvent | CTask::kReadEvent}));
     EXPECT_GE(objTask.m_s64Times[2] - objTask.m_s64Times[1], 250);
     EXPECT_EQ(objTask.m_pThreads.size(), 1u);
 }

@@ -149,7 +149,8 @@ TEST_F(CTimersTest, AScanSignalsWhatIsDueEveryTimeAndAddsASecondToTheRest)
 
     CCountingTask objTask;
     CTimeoutTask objDue(&objTask, 2000, CTask::kTimeoutEvent);
-    CTimeoutTask objOff(&objTask, 0, CTask::kReadEvent), objNobody(nullptr, 3000, 1);
+    CTimeoutTask objOff(&objTask, 0, CTask::kReadEvent),
+        objNobody(nullptr, 3000, CTask::kKillEvent);
     EXPECT_EQ(objScanner.Run(), 1000);
     moved_time::Advance(5000);
     EXPECT_LE(objDue.GetTimeRemaining(), -3000);

@@ -30,7 +30,7 @@ protected:
     /* Reads the file; the result byte. */
     int Read(UInt32 i_u32MsgNo = MSG_READ_CONFIG)
     {
-        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, 2, 0, i_u32MsgNo);
+        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, MODULE_ENCODER, MODULE_CONFIG, i_u32MsgNo);
         UInt8 u8Changed = 0xEE;
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, &u8Changed), 1);
         return u8Changed;
@@ -38,7 +38,7 @@ protected:
 
     std::string GetText(UInt32 i_u32MsgNo)
     {
-        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, 2, 0, i_u32MsgNo);
+        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, MODULE_ENCODER, MODULE_CONFIG, i_u32MsgNo);
         char szText[512] = {};
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, szText), 1);
         return szText;
@@ -46,7 +46,8 @@ protected:
 
     STREAM_STATUS_S GetStatus()
     {
-        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, 2, 0, MSG_GET_STREAM_STATUS);
+        MSG_DESC_INFO_S stMsg =
+            MakeMsg(MSG_TYPE_SYNC, MODULE_ENCODER, MODULE_CONFIG, MSG_GET_STREAM_STATUS);
         STREAM_STATUS_S stStatus = {};
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, &stStatus), 1);
         return stStatus;
@@ -54,7 +55,7 @@ protected:
 
     int Set(UInt32 i_u32MsgNo, const void *i_pData, std::size_t i_u64Size)
     {
-        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, 2, 0, i_u32MsgNo);
+        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, MODULE_ENCODER, MODULE_CONFIG, i_u32MsgNo);
         memcpy(stMsg.payload, i_pData, i_u64Size);
         return m_objConfig.HandleMsg(&stMsg, nullptr);
     }
@@ -146,7 +147,7 @@ TEST_F(ConfigTest, GettersAnswerInTheBufferOrByAMessage)
         {0x104, 64, "123456789012"},
     };
     for (const auto &[u32MsgNo, u64Size, strStart] : stCases) {
-        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, MODULE_MONITOR, 0, u32MsgNo);
+        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, MODULE_MONITOR, MODULE_CONFIG, u32MsgNo);
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, nullptr), 0);
         std::string strResult(600, '\x5A');
         EXPECT_EQ(m_objConfig.HandleMsg(&stMsg, strResult.data()), 1);

@@ -13,7 +13,8 @@ TEST(MsgQueueTest, KeepsOrderOverTheRingsEndAndDropsTheFiftieth)
     CLogCapture objLog;
     CMsgQueue objQueue;
     MSG_DESC_INFO_S stOut = {};
-    MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, 9, 2, 0x803);
+    MSG_DESC_INFO_S stMsg =
+        MakeMsg(MSG_TYPE_ASYNC, MODULE_CAPTURE, MODULE_ENCODER, MSG_ENC_VIDEO_CHG);
     stMsg.payload[1023] = 0xA5;
     for (int s32Round = 0; s32Round < 5; s32Round++) {
         /* The ring begins one further on. */

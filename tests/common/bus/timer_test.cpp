@@ -45,7 +45,7 @@ public:
     void Pass(SInt64 i_s64Milliseconds)
     {
         moved_time::Advance(i_s64Milliseconds);
-        MSG_DESC_INFO_S stMsg = MakeMsg(0, 0, 0, MSG_TIMEOUT);
+        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_SYNC, MODULE_TIMER, MODULE_TIMER, MSG_TIMEOUT);
         EXPECT_EQ(m_objTimer.HandleMsg(&stMsg, nullptr), 1);
     }
 

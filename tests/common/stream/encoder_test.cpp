@@ -48,7 +48,7 @@ protected:
 
     template <typename Record> void Send(UInt32 i_u32MsgNo, const Record &i_stRecord)
     {
-        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, 0, MODULE_ENCODER, i_u32MsgNo);
+        MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, MODULE_CONFIG, MODULE_ENCODER, i_u32MsgNo);
         PutPayload(&stMsg, i_stRecord);
         EXPECT_EQ(m_pEncoder->HandleMsg(&stMsg, nullptr), i_u32MsgNo == MSG_ENC_DEINIT ? 0 : 1);
     }

@@ -17,7 +17,7 @@ constexpr char kUnknown[] = "fakesrc ! nosuchelement ! fakesink";
 
 inline MSG_DESC_INFO_S StartMsg(const std::string &i_strText)
 {
-    MSG_DESC_INFO_S stMsg = MakeMsg(1, 2, 3, 4);
+    MSG_DESC_INFO_S stMsg = MakeMsg(MSG_TYPE_ASYNC, MODULE_ENCODER, MODULE_GST_H264, MSG_START);
     memcpy(stMsg.payload, i_strText.data(), std::min<size_t>(i_strText.size(), 1024));
     /* A text that fills the payload is not ended by what follows it. */
     memset(stMsg.tail, 'x', sizeof(stMsg.tail));
