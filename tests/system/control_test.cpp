@@ -127,18 +127,6 @@ std::vector<std::string> HostileDatagrams()
         strDatagrams.push_back(Record(4, u32Length, strGet.substr(8)));
         strDatagrams.push_back(Record(4, 20, Record(0x10001, u32Length, "true") + strGet));
     }
-    /* Numbers of the wrong width, texts for numbers and the other way round. Four bytes and more
-     * are a number; for a flag any is a value. */
-    for (UInt32 u32Type = 0x10002; u32Type <= 0x70002; u32Type += 0x10000) {
-        for (const char *pValue : {"", "\x01", "not a number at all"}) {
-            const std::string strValue(pValue);
-            const auto u32Length = static_cast<UInt32>(strValue.size());
-            if (u32Length < 4 || (u32Type != 0x10002 && u32Type != 0x50002)) {
-                strDatagrams.push_back(
-                    Record(4, 8 + u32Length, Record(u32Type, u32Length, strValue)));
-            }
-        }
-    }
     return strDatagrams;
 }
 
