@@ -14,7 +14,8 @@ extern CTimer g_objTimer;
 extern CConfig g_objConfig;
 extern CCapture g_objCapture;
 extern CMonitor g_objMonitor;
-/* Held while a synchronous message is carried. Spelled so on purpose. */
+/* Held while a synchronous message is carried. Kept: spelled with one n, since a core dump is read
+ * by the name it has always had. */
 extern CMutex g_objRuningMutex;
 
 /* Enters every module in the router's table. Once, before the first module is started. */
