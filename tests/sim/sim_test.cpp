@@ -31,16 +31,6 @@ TEST(SimUeventTest, ReadsATimingAsAPersonSaysIt)
     }
 }
 
-TEST(SimUeventTest, LaysTheEventOutLikeTheKernel)
-{
-    UeventVars objVars = BridgeEvent("1x2@3-4");
-    SetVar(&objVars, "DEVPATH", "/d");
-    SetVar(&objVars, "EXTRA", "");
-    static const char kExpected[] = "change@/d\0ACTION=change\0DEVPATH=/d\0SUBSYSTEM=i2c\0"
-                                    "DRIVER=tc358743\0EVENT=1x2@3-4\0EXTRA=";
-    EXPECT_EQ(UeventPayload(objVars), std::string(kExpected, sizeof(kExpected)));
-}
-
 void AddPacket(CRtpCounter *io_pCounter, UInt16 i_u16Number, UInt8 i_u8Source = 1)
 {
     UInt8 u8Packet[20] = {0x80, 96, static_cast<UInt8>(i_u16Number >> 8),

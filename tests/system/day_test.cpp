@@ -64,29 +64,6 @@ protected:
     std::unique_ptr<CDaemon> m_pDaemon;
 };
 
-TEST_F(DayTest, APulledAndReplacedCableBringsEachTimingBack)
-{
-    const struct {
-        const char *pTiming;
-        int s32Width, s32Height;
-        double f64Rate;
-    } stPlugs[] = {{"320x240@30-0", 320, 240, 30},
-                   {"320x240@30-0", 320, 240, 30},
-                   {"640x360@15-0", 640, 360, 15},
-                   {"176x144@25-0", 176, 144, 25}};
-    int s32Starts = 0;
-    for (const auto &stPlug : stPlugs) {
-        SendTiming(stPlug.pTiming);
-        ASSERT_TRUE(m_pDaemon->WaitFor(kPlaying, ++s32Starts));
-        ExpectStream(stPlug.s32Width, stPlug.s32Height, stPlug.f64Rate);
-        EXPECT_TRUE(WaitForPicture(Seconds(20)));
-        SetSource("stall"); /* the signal goes before the driver says so */
-        SendTiming("0x0@0-0");
-        ASSERT_TRUE(m_pDaemon->WaitFor("Going out [gst-h264] --[", s32Starts));
-        SetSource("run");
-    }
-}
-
 TEST_F(DayTest, AfterAStormOfTimingsTheLastOneHolds)
 {
     SendTiming("320x240@30-0");

@@ -73,25 +73,6 @@ TEST_F(StreamTest, ATimingBeforeTheEncoderIsReadyIsNotLost)
     ExpectPictures("early timing", 320, 240, 30);
 }
 
-TEST_F(StreamTest, ReceiversOfTheParameterFileTakeTheGroupsPlace)
-{
-    WriteParams({{"addr_list", "127.0.0.1:5004,127.0.0.1:5006"},
-                 {"h264_stream_gop", "10"},
-                 {"h264_stream_bitrate", "300000"},
-                 {"preview_stream_enable", "false"}});
-    CDaemon objDaemon;
-    ASSERT_TRUE(objDaemon.WaitUntilUp());
-    SendTiming("320x240@30-0");
-    ASSERT_TRUE(objDaemon.WaitFor("addr list: 127.0.0.1:5004,127.0.0.1:5006 --["));
-    ASSERT_TRUE(objDaemon.WaitFor(kPlaying));
-    for (int s32Port : {5004, 5006}) {
-        RECEIVED_S stReceived = Receive("127.0.0.1", s32Port);
-        EXPECT_EQ(stReceived.s32Height, 240) << s32Port;
-    }
-    EXPECT_EQ(Receive(kGroup, kGroupPort, 1).s64Packets, 0);
-    EXPECT_TRUE(objDaemon.WaitFor("bitrate=300 gop-size=10"));
-}
-
 TEST_F(StreamTest, AbsurdTimingsAreSurvived)
 {
     CDaemon objDaemon;
@@ -114,35 +95,6 @@ TEST_F(StreamTest, AbsurdTimingsAreSurvived)
     SendTiming("320x240@30-0");
     ASSERT_TRUE(objDaemon.WaitFor(kPlaying, s32Played + 1));
     ExpectPictures("after absurd timings", 320, 240, 30);
-}
-
-TEST_F(StreamTest, SourceFaultsAreLoggedAndTheNextSignalWorks)
-{
-    const struct {
-        const char *pWord;
-        const char *pLine;
-    } stCases[] = {{"absent", "Received error in [gst-h264] --["},
-                   {"fail", "Received error in [gst-h264] --["},
-                   {"end", "The source in [gst-h264] got dry --["}};
-    CDaemon objDaemon;
-    ASSERT_TRUE(objDaemon.WaitUntilUp());
-    int s32Starts = 0;
-    for (const auto &stCase : stCases) {
-        const int s32Before = objDaemon.Count(stCase.pLine);
-        if (std::string(stCase.pWord) == "absent") {
-            SetSource(stCase.pWord);
-        }
-        SendTiming("320x240@30-0");
-        ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", ++s32Starts)) << stCase.pWord;
-        SetSource(stCase.pWord);
-        EXPECT_TRUE(objDaemon.WaitFor(stCase.pLine, s32Before + 1)) << stCase.pWord;
-        SetSource("run");
-        SendTiming("0x0@0-0");
-        ASSERT_TRUE(objDaemon.WaitFor("stop gstreamer, status:1 --[", s32Starts)) << stCase.pWord;
-    }
-    SendTiming("320x240@30-0");
-    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --[", ++s32Starts));
-    ExpectPictures("after the faults", 320, 240, 30);
 }
 
 TEST_F(StreamTest, WithoutEth0TheGroupIsMissedAndItsReturnBringsTheStream)

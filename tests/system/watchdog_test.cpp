@@ -87,12 +87,6 @@ TEST_F(WatchdogTest, ACrashedDaemonAnswersAgainAfterASecond)
     EXPECT_EQ(End(SIGTERM), 0); /* a clean stop, which exits with 0 */
 }
 
-TEST_F(WatchdogTest, AKilledDaemonIsLeftDead)
-{
-    Start();
-    EXPECT_EQ(End(SIGKILL), 1);
-}
-
 /* Exit code 1: the instance that runs already has the pid file's lock. */
 TEST_F(WatchdogTest, ARefusedStartIsTriedAgainUntilTheOtherInstanceEnds)
 {
