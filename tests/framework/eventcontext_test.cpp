@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include "framework/task.h"
 #include "framework/udpsocket.h"

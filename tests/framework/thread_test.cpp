@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <sys/prctl.h>
-#include <unistd.h>
 
 #include "framework/atomic.h"
 #include "framework/clock.h"

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <thread>
 
 #include <fcntl.h>
 #include <signal.h>

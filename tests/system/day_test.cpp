@@ -5,8 +5,6 @@
 #include <memory>
 #include <string>
 
-#include <unistd.h>
-
 #include "tests/system/box.h"
 
 namespace

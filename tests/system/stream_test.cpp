@@ -3,10 +3,6 @@
 
 #include <string>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "tests/system/box.h"
 
 namespace

@@ -12,7 +12,6 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "tests/system/box.h"
 

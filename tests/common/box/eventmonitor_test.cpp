@@ -10,7 +10,6 @@
 
 #include <net/ethernet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "common/box/eventmonitor.h"
 #include "framework/timeouttask.h"

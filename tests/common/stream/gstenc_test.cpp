@@ -6,7 +6,6 @@
 #include <thread>
 
 #include <malloc.h>
-#include <unistd.h>
 
 #include "common/stream/gstenc.h"
 #include "tests/common/stream/gst_start.h"
