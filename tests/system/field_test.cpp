@@ -105,6 +105,8 @@ TEST(FieldTest, TheKitFollowsTheReceivers)
         Holds(objFirst["mediamtx"], "udp+rtp://192.0.2.7:5000\n    rtpSDP: |\n      v=0\n"));
     EXPECT_TRUE(Holds(Ctl("receive-kit --to 127.0.0.1:5001 --sdp").strText, "m=video 5001 "));
     EXPECT_EQ(Ctl("receive-kit --to no.such.host.invalid:1").s32Exit, 1);
+    EXPECT_EQ(Ctl("check --timing 320x240@30-0").s32Exit, 0);
+    EXPECT_EQ(Ctl("check --log-config /nowhere").s32Exit, 1);
     EXPECT_EQ(Ctl("announce --none").s32Exit, 3); /* nobody there to hear it */
 }
 /* The first thing that is wrong, "" for nothing. */

@@ -119,6 +119,7 @@ TEST_F(CheckTest, TheCommandPlansByTheEncodersRules)
     } stCases[] = {
         {"1920x1080@60-0", 1, "width=1920, height=1080, framerate=60/1"},
         {"1920x1080@60-0", 1, "video/x-raw,width=640,height=360"},
+        {"1920x1080@60-0", 1, "clients=\"127.0.0.1:5,127.0.0.1:12350\""},
         {"1920x1080@60-1", 1, "interlaced input is refused"},
         {"0x0@0-0", 1, "no signal"},
         {"1920x1080", 2, ""},
