@@ -49,18 +49,11 @@ Bool IsFailed(const FACTS_S &i_stFacts)
             *i_stFacts.s64PacketMs <= *i_stFacts.s64RestartMs + kTrailingMs);
 }
 
-Bool IsRefused(const FACTS_S &i_stFacts)
-{
-    return i_stFacts.s64RefusedSinceMs &&
-           i_stFacts.s64NowMs - *i_stFacts.s64RefusedSinceMs >= kPreviewStartMs;
-}
-
-/* Only while its port takes the packets: where it does not, that is the thing to say. */
 Bool IsPreviewStalled(const FACTS_S &i_stFacts)
 {
     const SInt64 s64Since = std::max(i_stFacts.s64FlowingMs.value_or(i_stFacts.s64NowMs),
                                      i_stFacts.s64PictureMs.value_or(INT64_MIN));
-    return !IsRefused(i_stFacts) && i_stFacts.s64NowMs - s64Since >= kPreviewMs;
+    return i_stFacts.s64NowMs - s64Since >= kPreviewMs;
 }
 
 std::string SizeText(const TIMING_S &i_stTiming)
@@ -101,6 +94,16 @@ const char *ConditionWord(Condition i_eCondition)
 Bool IsFlowing(const FACTS_S &i_stFacts)
 {
     return i_stFacts.s64PacketMs && i_stFacts.s64NowMs - *i_stFacts.s64PacketMs < kQuietMs;
+}
+
+Bool IsRefused(const FACTS_S &i_stFacts)
+{
+    if (!i_stFacts.s64RefusedSinceMs || !IsFlowing(i_stFacts)) {
+        return false;
+    }
+    const SInt64 s64Since =
+        std::max(*i_stFacts.s64RefusedSinceMs, i_stFacts.s64FlowingMs.value_or(INT64_MIN));
+    return i_stFacts.s64NowMs - s64Since >= kPreviewStartMs;
 }
 
 Bool IsDisabled(const FACTS_S &i_stFacts)
@@ -176,7 +179,8 @@ std::string Describe(const FACTS_S &i_stFacts, double i_f64Pictures)
     case Condition::Stalled:
         return "The input is " + SizeText(stTiming) + ", but the stream brings no packets.";
     case Condition::PreviewStalled:
-        return "The stream runs, but no preview picture has come for ten seconds.";
+        return std::string("The stream runs, but no preview picture has come for ten seconds") +
+               (IsRefused(i_stFacts) ? ": nobody listens on the preview's port." : ".");
     case Condition::RelayRefused:
         return "The stream runs, but nobody listens on the preview's port.";
     case Condition::Streaming:

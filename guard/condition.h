@@ -66,6 +66,8 @@ std::string Describe(const FACTS_S &i_stFacts, double i_f64Pictures);
 
 /* Packets come: the last one is younger than two seconds. */
 Bool IsFlowing(const FACTS_S &i_stFacts);
+/* Packets come, and nobody has listened on the preview's port for five seconds of them. */
+Bool IsRefused(const FACTS_S &i_stFacts);
 /* The settings, if they say why no packet comes: told after the last one, and no local copy is to
  * be made. */
 Bool IsDisabled(const FACTS_S &i_stFacts);

@@ -397,6 +397,7 @@ void CGuard::Publish()
     m_stState.f64PreviewAge = objAge(stFacts.s64PictureMs);
     m_stState.stRelay = m_objRelay.Figures();
     m_stState.stRelay.bListening = m_s32RelayError == 0;
+    m_stState.stRelay.bRefusing = IsRefused(stFacts);
     m_stState.stSettings = stFacts.stSettings;
     m_stState.stActs.u32Restarts = m_objRestart.Restarts();
     m_stState.stActs.u32FailedRestarts = m_objRestart.FailedRestarts();

@@ -83,6 +83,7 @@ Json RelayJson(const RELAY_FIGURES_S &i_stRelay)
                            {"dropped", stPort.u64Dropped}});
     }
     return {{"listening", i_stRelay.bListening},
+            {"refusing", i_stRelay.bRefusing},
             {"forwarded", i_stRelay.stPreview.u64Forwarded},
             {"thinned", i_stRelay.u64Thinned},
             {"not_rtp", i_stRelay.u64NotRtp},

@@ -33,6 +33,7 @@ struct RELAY_FIGURES_S {
     UInt64 u64NotRtp = 0;
     UInt64 u64Missed = 0;    /* came, and the system had no room for them */
     Bool bListening = false; /* the guard has the local copy's port */
+    Bool bRefusing = false;  /* nobody listens on the preview's port */
     Bool bThinning = false;
     std::optional<double> f64Rate; /* pictures a second passed on to the preview */
 };

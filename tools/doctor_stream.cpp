@@ -92,7 +92,7 @@ FINDING_S RelayFinding(const PATIENT_S &i_stPatient)
             "End the program that has 127.0.0.1 port 12350: the stream is the guard's to take."};
     }
     if (i_stPatient.objState.is_object()) {
-        const Bool bRefused = i_stPatient.Condition() == "relay-refused";
+        const Bool bRefused = StateValue(i_stPatient.objState, "relay", "refusing") == true;
         return {
             "relay", bRefused ? Verdict::No : Verdict::Yes,
             "the guard passed on " + StateValue(i_stPatient.objState, "relay", "forwarded").dump() +

@@ -134,8 +134,12 @@ TEST(ConditionTest, TheFirstThatHolds)
         {"streaming", [](FACTS_S &f, auto &) { f.s64PacketMs = 998001; }},
         {"preview-stalled", [](FACTS_S &f, auto &) { f.s64PictureMs = 990000; }},
         {"streaming", [](FACTS_S &f, auto &) { f.s64PictureMs.reset(), f.s64FlowingMs = 991000; }},
+        {"preview-stalled", /* before relay-refused, which is why */
+         [](FACTS_S &f, auto &) { f.s64PictureMs = 990000, f.s64RefusedSinceMs = 989000; }},
         {"relay-refused",
-         [](FACTS_S &f, auto &) { f.s64PictureMs = 990000, f.s64RefusedSinceMs = 995000; }},
+         [](FACTS_S &f, auto &) { f.s64PictureMs = 990001, f.s64RefusedSinceMs = 995000; }},
+        {"streaming", /* what was refused before the stream came back does not count */
+         [](FACTS_S &f, auto &) { f.s64FlowingMs = 995001, f.s64RefusedSinceMs = 402000; }},
         {"streaming", /* the preview is still being started */
          [](FACTS_S &f, auto &) { f.s64RefusedSinceMs = 995001; }},
     };
@@ -145,6 +149,8 @@ TEST(ConditionTest, TheFirstThatHolds)
         const Condition eCondition = Judge(stFacts);
         EXPECT_STREQ(ConditionWord(eCondition), stRow.pWord) << &stRow - kRows;
         EXPECT_EQ(Describe(stFacts, 0).find("12350"), std::string::npos);
+        EXPECT_EQ(Describe(stFacts, 0).find("nobody listens") != std::string::npos,
+                  IsRefused(stFacts));
         stFacts.s64ListenMs.reset();
         EXPECT_EQ(Describe(stFacts, 0).find("12350") != std::string::npos,
                   eCondition >= Condition::Starting)

@@ -164,6 +164,13 @@ TEST(FieldTest, TheDoctorNamesWhatIsWrongFirst)
             {"cp -a /config /tmp && mount -t tmpfs -o size=512k t /config && cp -a /tmp/config /",
              "umount /config", "disk", 1},
             {MV3300_CTL " set --preview off", MV3300_CTL " set --preview on", "", 6},
+            /* The box's own guard is in the way of another one. */
+            {"box=$(cat /run/mv3300-sim/box.pid); for pid in $(cat /proc/$box/task/$box/children); "
+             "do ! grep -q guard /proc/$pid/comm || kill -STOP $pid; done; "
+             "mount -t tmpfs t /run/mv3300; mv3300-guard --no-restart & echo $! >/tmp/guard.pid",
+             "kill $(cat /tmp/guard.pid); umount -l /run/mv3300; "
+             "box=$(cat /run/mv3300-sim/box.pid); kill -CONT $(cat /proc/$box/task/$box/children)",
+             "relay", 1},
         };
         for (const auto &stRow : kRows) {
             RunToEnd({"/bin/sh", "-c", stRow.pPlant});

@@ -103,6 +103,27 @@ TEST(DoctorTest, TheLastOfTheLogCounts)
     }
 }
 
+TEST(DoctorTest, TheRelayByTheWordOfTheGuard)
+{
+    const struct {
+        const char *pRelay;
+        const char *pFirst;
+    } kRows[] = {
+        {R"({"listening": true, "refusing": false, "forwarded": 7})", ""},
+        {R"({"listening": true, "refusing": true, "refused": 7})",
+         "relay: the guard passed on null packets; refused 7, dropped null"},
+        {R"({"listening": false})", "relay: another program has the port"},
+        {"5", ""},
+    };
+    for (const auto &stRow : kRows) {
+        PATIENT_S stPatient;
+        stPatient.stFile.stStatus.u32PrevEnable = 1;
+        stPatient.strPacketsFact = "another program has the port";
+        stPatient.objState["relay"] = nlohmann::json::parse(stRow.pRelay);
+        EXPECT_EQ(FirstNo(DiagnoseStream(stPatient)), stRow.pFirst);
+    }
+}
+
 TEST(BundleTest, AddressesOfEveryKindAreMasked)
 {
     const struct {
