@@ -79,7 +79,9 @@ CGuard::~CGuard() = default;
 void CGuard::OpenFolder()
 {
     const std::string &strFolder = m_stOptions.strFolder;
-    if (mkdir(strFolder.c_str(), 0755) != 0 && errno != EEXIST) {
+    if (mkdir(strFolder.c_str(), 0755) == 0) {
+        (void)chmod(strFolder.c_str(), 0755); /* for every reader, whatever the umask */
+    } else if (errno != EEXIST) {
         throw std::system_error(errno, std::generic_category(), strFolder + " cannot be made");
     }
     const std::string strLock = strFolder + "/guard.lock";

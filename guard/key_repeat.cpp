@@ -7,7 +7,8 @@
 
 namespace
 {
-constexpr std::size_t kMostBytes = 1024 * 1024;
+/* Three seconds of the highest bit rate. */
+constexpr std::size_t kMostBytes = 4 * 1024 * 1024;
 } // namespace
 
 void CKeyRepeat::Clear()

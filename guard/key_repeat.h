@@ -3,7 +3,7 @@
  * the rest of the group is left out.
  *
  * Both, for two key pictures that follow each other directly must not be of the same idr_pic_id
- * (ITU-T H.264, 7.4.3). At most a megabyte is kept. No clock, no socket. One thread.
+ * (ITU-T H.264, 7.4.3). At most four megabytes are kept. No clock, no socket. One thread.
  */
 #pragma once
 

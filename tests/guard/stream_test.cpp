@@ -263,7 +263,7 @@ TEST_F(StreamTest, ALongGroupsKeyPictureIsRepeated)
     for (int i = 0; i < 2; i++) {
         m_objPassed.clear();
         Picture(true, 60);
-        Send(Packet(1100000, 0x41), false, 1);
+        Send(Packet(4200000, 0x41), false, 1);
         for (int j = 0; j < 700; j++) {
             Picture(false, 60);
         }
