@@ -16,6 +16,7 @@ using Json = nlohmann::ordered_json;
 
 /* The guard's own file has a tenth of this. */
 constexpr std::size_t kLongestText = 256 * 1024;
+constexpr int kDeepest = 8; /* twice what the guard writes */
 
 template <typename T> Json OrNull(const std::optional<T> &i_objValue)
 {
@@ -202,13 +203,26 @@ std::string StateText(const STATE_S &i_stState)
     return objState.dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+nlohmann::json ParseStateJson(const std::string &i_strText)
+{
+    Bool bDeep = false;
+    nlohmann::json objState = nlohmann::json::parse(
+        i_strText,
+        [&bDeep](int i_s32Depth, nlohmann::json::parse_event_t, nlohmann::json &) {
+            bDeep = bDeep || i_s32Depth > kDeepest;
+            return !bDeep;
+        },
+        false);
+    return bDeep ? nlohmann::json(nlohmann::json::value_t::discarded) : objState;
+}
+
 nlohmann::json ParseState(const std::string &i_strText, std::string *o_strError)
 {
     if (i_strText.size() > kLongestText) {
         *o_strError = "The guard's state file is longer than the guard ever writes one.";
         return nullptr;
     }
-    nlohmann::json objState = nlohmann::json::parse(i_strText, nullptr, false);
+    nlohmann::json objState = ParseStateJson(i_strText);
     if (const char *pFault = Fault(objState)) {
         *o_strError =
             std::string("The guard's state file is not as the guard writes it: ") + pFault + ".";

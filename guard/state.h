@@ -84,6 +84,9 @@ struct STATE_S {
 
 /* The file's text. */
 std::string StateText(const STATE_S &i_stState);
+/* The file's JSON, discarded if it is none. So is what lies deeper than anything that the guard
+ * writes: to copy or print it takes a stack as deep. */
+nlohmann::json ParseStateJson(const std::string &i_strText);
 /* The file as a reader may rely on it: an object of schema 1 with every section in it and a
  * condition among the known words. Null if it is not, and o_strError says what is wrong in one
  * sentence. */

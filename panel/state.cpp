@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "guard/state.h"
 #include "guard/wall_time.h"
 
 using nlohmann::json;
@@ -77,7 +78,7 @@ json ReadState(const std::optional<std::string> &i_objBytes, double i_f64Now)
         return Unknown("no-guard", "The guard (mv3300-guard) is not running, so nothing is known "
                                    "of the input and the stream.");
     }
-    json objState = json::parse(*i_objBytes, nullptr, false);
+    json objState = ParseStateJson(*i_objBytes);
     if (!objState.is_object() || !objState["condition"].is_string() ||
         !objState["text"].is_string() || !objState["time"].is_number() ||
         !IsWallTime(objState["time"])) {
