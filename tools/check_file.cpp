@@ -16,6 +16,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/box/param_table.h"
 #include "tools/nearest.h"
@@ -198,19 +199,30 @@ bool CHECKED_FILE_S::IsAsWritten() const
 
 CHECKED_FILE_S CheckParamFile(const std::string &i_strPath)
 {
-    CHECKED_FILE_S stChecked = {i_strPath, {}, {}, {}, ""};
+    CHECKED_FILE_S stChecked = {i_strPath, {}, {}, {}, "", false};
     CReadFile objFile(i_strPath.c_str());
     (void)objFile.Load();
     struct stat stStat = {};
-    const bool bExists = stat(i_strPath.c_str(), &stStat) == 0;
-    if (!bExists) {
+    const int s32Error =
+        stat(i_strPath.c_str(), &stStat) != 0 || access(i_strPath.c_str(), R_OK) != 0 ? errno : 0;
+    /* As the daemon makes it where there is none. */
+    const bool bEmpty = S_ISREG(stStat.st_mode) && stStat.st_size == 0 &&
+                        strstr(objFile.LoadError(), "EMPTY_DOCUMENT") != nullptr;
+    stChecked.bRefused = s32Error == EACCES || s32Error == EPERM;
+    if (stChecked.bRefused) {
+        stChecked.strProblems.push_back(
+            "you may not read the file: what the daemon makes of it is not known");
+        stChecked.stStatus = StatusOf({});
+        return stChecked;
+    }
+    if (s32Error != 0) {
         stChecked.strProblems.push_back("the file cannot be read, the daemon uses the defaults: " +
-                                        std::string(strerror(errno)));
-    } else if (stStat.st_size > 0 && objFile.LoadError()[0] != '\0') {
+                                        std::string(strerror(s32Error)));
+    } else if (!bEmpty && objFile.LoadError()[0] != '\0') {
         stChecked.strProblems.push_back("the file is damaged or cannot be read, the daemon uses "
                                         "the defaults: " +
                                         std::string(objFile.LoadError()));
-    } else if (stStat.st_size > 0) {
+    } else if (!bEmpty) {
         CheckSections(objFile.Document(), &stChecked.strProblems);
         CheckNames(objFile.FirstParam(kSection), &stChecked.strProblems);
     }

@@ -34,6 +34,8 @@ struct CHECKED_FILE_S {
     std::vector<std::string> strProblems;
     STREAM_STATUS_S stStatus; /* as the encoder would have it */
     std::string strAddrList;
+    /* The calling user may not read the file: there are no rows, and the status is the default. */
+    bool bRefused = false;
 
     bool IsAsWritten() const;
 };

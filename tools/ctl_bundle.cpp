@@ -23,10 +23,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "common/bus/log_config.h"
 #include "framework/unique_fd.h"
-#include "guard/files.h"
 #include "guard/state.h"
 #include "tools/ctl_main.h"
+#include "tools/doctor.h"
+#include "tools/file_end.h"
 
 namespace
 {
@@ -76,27 +78,31 @@ std::string Shell(const std::string &i_strCommand)
 
 void AddFile(CParts *io_pParts, const std::string &i_strName, const std::string &i_strPath)
 {
-    const auto strText = ReadFile(i_strPath, 16 * kLongest);
-    (*io_pParts)[i_strName] = strText ? EndOf(*strText) : i_strPath + ": " + strerror(errno) + "\n";
+    (*io_pParts)[i_strName] =
+        ReadEnd(i_strPath, kLongest).value_or(i_strPath + ": " + strerror(errno) + "\n");
 }
 
-void AddLogs(CParts *io_pParts)
+void AddLogs(CParts *io_pParts, const std::string &i_strConfig)
 {
-    const std::string strPath = Shell("sed -n 's/^[^#]*\\.fileName=//p' "
-                                      "/config/logconf/mvx3300.conf | head -n 1");
-    const std::string strLog = strPath.substr(0, strPath.find('\n'));
-    for (const char *pSuffix : {"", ".1", ".2"}) {
-        if (access((strLog + pSuffix).c_str(), F_OK) == 0) {
-            AddFile(io_pParts, std::string("log/mv3300.log") + pSuffix, strLog + pSuffix);
+    const std::string strLog = FirstLogFile(i_strConfig.c_str());
+    std::string strEvents;
+    for (const char *pSuffix : {".2", ".1", ""}) {
+        const std::string strName = std::string("log/mv3300.log") + pSuffix;
+        if (strLog.empty() ||
+            (pSuffix[0] != '\0' && access((strLog + pSuffix).c_str(), F_OK) != 0)) {
+            continue;
+        }
+        AddFile(io_pParts, strName, strLog + pSuffix);
+        std::istringstream objLines((*io_pParts)[strName]);
+        for (std::string strLine; std::getline(objLines, strLine);) {
+            if (strLine.find("event {'") != std::string::npos ||
+                strLine.find("input timing ") != std::string::npos) {
+                strEvents += strLine + "\n";
+            }
         }
     }
-    std::istringstream objLines((*io_pParts)["log/mv3300.log"]);
-    std::string strEvents;
-    for (std::string strLine; std::getline(objLines, strLine);) {
-        if (strLine.find("event {'") != std::string::npos ||
-            strLine.find("input timing ") != std::string::npos) {
-            strEvents += strLine + "\n";
-        }
+    if (strLog.empty()) {
+        (*io_pParts)["log/mv3300.log"] = i_strConfig + " names no file\n";
     }
     (*io_pParts)["uevents.txt"] = strEvents;
     (*io_pParts)["log/journal.txt"] =
@@ -105,6 +111,7 @@ void AddLogs(CParts *io_pParts)
 
 CParts Collect(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
 {
+    const DOCTOR_PATHS_S stPaths;
     CParts objParts;
     objParts["doctor.txt"] = Own(i_stContext, {"doctor"});
     objParts["doctor.json"] = Own(i_stContext, {"doctor", "--json"});
@@ -112,9 +119,9 @@ CParts Collect(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
     objParts["settings.txt"] = Own(i_stContext, {"get"});
     AddFile(&objParts, "state.json", STATE_FILE);
     AddFile(&objParts, "timing", TIMING_FILE);
-    AddFile(&objParts, "config/param.xml", "/config/mv3300/param.xml");
-    AddFile(&objParts, "config/mvx3300.conf", "/config/logconf/mvx3300.conf");
-    AddLogs(&objParts);
+    AddFile(&objParts, "config/param.xml", stPaths.strParamFile);
+    AddFile(&objParts, "config/mvx3300.conf", stPaths.strLogConfig);
+    AddLogs(&objParts, stPaths.strLogConfig);
     objParts["versions.txt"] =
         "mv3300ctl " MV3300_VERSION "\n" +
         Shell("sh -c 'uname -srvm; cat /etc/os-release; dpkg-query -W \"mv3300*\" "

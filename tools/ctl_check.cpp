@@ -92,20 +92,29 @@ void PlanPipelines(const INPUT_TIMING_S &i_stTiming, CHECKED_S *io_pChecked)
     }
 }
 
-CHECKED_S Check(const OPTIONS_S &i_stOptions, const std::optional<INPUT_TIMING_S> &i_objTiming)
+void CheckStream(const OPTIONS_S &i_stOptions, const std::optional<INPUT_TIMING_S> &i_objTiming,
+                 CHECKED_S *io_pChecked)
 {
-    CHECKED_S stChecked;
-    stChecked.stFile = CheckParamFile(i_stOptions.strFile);
-    (void)get_multicast_ip(stChecked.strGroup, kGroupInterface);
+    (void)get_multicast_ip(io_pChecked->strGroup, kGroupInterface);
     if (i_objTiming) {
-        PlanPipelines(*i_objTiming, &stChecked);
+        PlanPipelines(*i_objTiming, io_pChecked);
     }
-    for (PIPELINE_S &stPipeline : stChecked.objPipelines) {
+    for (PIPELINE_S &stPipeline : io_pChecked->objPipelines) {
         stPipeline.strProblem = TryPipeline(
             stPipeline.strText, i_stOptions.bDryRun ? kDryRun : std::chrono::milliseconds(0));
     }
     /* Behind the pipelines, which are tried by a fork: resolving leaves threads. */
-    stChecked.objReceivers = CheckReceivers(stChecked.stFile.strAddrList);
+    io_pChecked->objReceivers = CheckReceivers(io_pChecked->stFile.strAddrList);
+}
+
+CHECKED_S Check(const OPTIONS_S &i_stOptions, const std::optional<INPUT_TIMING_S> &i_objTiming)
+{
+    CHECKED_S stChecked;
+    stChecked.stFile = CheckParamFile(i_stOptions.strFile);
+    /* Of a file that may not be read the defaults would be told, which may not be what runs. */
+    if (!stChecked.stFile.bRefused) {
+        CheckStream(i_stOptions, i_objTiming, &stChecked);
+    }
     stChecked.strLogProblems = CheckLogConfig(i_stOptions.strLogFile.c_str());
     return stChecked;
 }
@@ -120,17 +129,10 @@ std::string RowLine(const CHECKED_ROW_S &i_stRow)
     return strLine + (i_stRow.strNote.empty() ? "" : "  ! " + i_stRow.strNote) + "\n";
 }
 
-void Print(std::ostream &io_objOut, const CHECKED_S &i_stChecked, const OPTIONS_S &i_stOptions)
+/* Where the stream goes, and the pipelines. */
+void PrintStream(std::ostream &io_objOut, const CHECKED_S &i_stChecked,
+                 const OPTIONS_S &i_stOptions)
 {
-    io_objOut << i_stOptions.strFile << "\n";
-    for (const std::string &strProblem : i_stChecked.stFile.strProblems) {
-        io_objOut << "  ! " << strProblem << "\n";
-    }
-    for (const CHECKED_ROW_S &stRow : i_stChecked.stFile.objRows) {
-        if (stRow.bUsed || stRow.bInFile || !stRow.strNote.empty()) {
-            io_objOut << RowLine(stRow);
-        }
-    }
     io_objOut << "receivers\n";
     for (const RECEIVER_S &stReceiver : i_stChecked.objReceivers) {
         io_objOut << (stReceiver.strProblem.empty() ? "  " : "  ! ") << stReceiver.strText << "  "
@@ -155,6 +157,22 @@ void Print(std::ostream &io_objOut, const CHECKED_S &i_stChecked, const OPTIONS_
         if (!stPipeline.strProblem.empty()) {
             io_objOut << "  ! " << stPipeline.strProblem << "\n";
         }
+    }
+}
+
+void Print(std::ostream &io_objOut, const CHECKED_S &i_stChecked, const OPTIONS_S &i_stOptions)
+{
+    io_objOut << i_stOptions.strFile << "\n";
+    for (const std::string &strProblem : i_stChecked.stFile.strProblems) {
+        io_objOut << "  ! " << strProblem << "\n";
+    }
+    for (const CHECKED_ROW_S &stRow : i_stChecked.stFile.objRows) {
+        if (stRow.bUsed || stRow.bInFile || !stRow.strNote.empty()) {
+            io_objOut << RowLine(stRow);
+        }
+    }
+    if (!i_stChecked.stFile.bRefused) {
+        PrintStream(io_objOut, i_stChecked, i_stOptions);
     }
     io_objOut << i_stOptions.strLogFile << "\n";
     for (const std::string &strProblem : i_stChecked.strLogProblems) {

@@ -3,10 +3,14 @@
  */
 #include "tools/ctl_save.h"
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/box/param_table.h"
 #include "tools/param_save.h"
@@ -44,11 +48,18 @@ std::string ToText(const CFieldValue &i_xValue)
     return pNumber != nullptr ? std::to_string(*pNumber) : std::get<std::string>(i_xValue);
 }
 
-/* A file that is missing or damaged says the defaults. */
-CFieldValues ReadFile(const std::string &i_strFile)
+/* A file that is missing or damaged says the defaults; o_strError: why one cannot be read. */
+CFieldValues ReadFile(const std::string &i_strFile, std::string &o_strError)
 {
+    struct stat stStat = {};
     RQ_XMLParser objParser(i_strFile.c_str());
     (void)objParser.Load();
+    if ((stat(i_strFile.c_str(), &stStat) != 0 || access(i_strFile.c_str(), R_OK) != 0) &&
+        errno != ENOENT) {
+        o_strError = i_strFile + ": " + strerror(errno);
+    } else if (stStat.st_mode != 0 && !S_ISREG(stStat.st_mode)) {
+        o_strError = i_strFile + ": " + objParser.LoadError();
+    }
     const PARAM_ELEMENTS pElements = FindParams(objParser);
     CFieldValues objValues;
     for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
@@ -62,7 +73,11 @@ CFieldValues ReadFile(const std::string &i_strFile)
 int SaveSettings(const CTL_CONTEXT_S &i_stContext, const CFieldValues &i_objRunning,
                  const SAVE_OPTIONS_S &i_stOptions)
 {
-    const CFieldValues objFile = ReadFile(i_stOptions.strFile);
+    std::string strError;
+    const CFieldValues objFile = ReadFile(i_stOptions.strFile, strError);
+    if (!strError.empty()) {
+        return i_stContext.Fail(CTL_SYSTEM_ERROR, "nothing was saved: " + strError);
+    }
     std::vector<PARAM_CHANGE_S> objChanges;
     for (std::size_t i = 0; i < STREAM_SETTING_COUNT; i++) {
         if (i_objRunning[i] && i_objRunning[i] != objFile[i]) {
@@ -79,7 +94,6 @@ int SaveSettings(const CTL_CONTEXT_S &i_stContext, const CFieldValues &i_objRunn
         i_stContext.objOut << FormatChanges(objFile, i_objRunning) << std::flush;
     }
     const bool bSave = !objChanges.empty() && !i_stOptions.bDryRun;
-    std::string strError;
     const SaveResult eResult =
         bSave ? SaveParams(i_stOptions.strFile, objChanges, strError) : SaveResult::Saved;
     if (eResult != SaveResult::Saved) {

@@ -101,6 +101,9 @@ FINDING_S ParamFinding(const PATIENT_S &i_stPatient)
             strFact = stRow.strName + " " + stRow.strNote;
         }
     }
+    if (stFile.bRefused) {
+        return {"parameter file", Verdict::NotKnown, stFile.strPath + ": " + strFact, ""};
+    }
     return {"parameter file", Verdict::No, stFile.strPath + ": " + strFact,
             "Correct " + stFile.strPath +
                 " and restart the daemon; mv3300ctl check tells each row."};
@@ -131,15 +134,19 @@ Bool PATIENT_S::ShouldStream() const
 std::vector<FINDING_S> DiagnoseDaemon(const PATIENT_S &i_stPatient, const DOCTOR_PATHS_S &i_stPaths)
 {
     const Bool bOn = i_stPatient.WantsH264();
-    return {
-        DaemonFinding(i_stPatient),
-        PidFinding(i_stPatient),
-        ControlFinding(i_stPatient),
-        LogFinding(i_stPatient, i_stPaths.strLogConfig),
-        ParamFinding(i_stPatient),
-        {"H.264 is on", bOn ? Verdict::Yes : Verdict::No,
-         i_stPatient.stAnswer.eResult == AskResult::Answered ? "the daemon" : "the parameter file",
-         bOn ? "" : "Switch it on: mv3300ctl set --h264 on --save"}};
+    const Bool bAnswered = i_stPatient.stAnswer.eResult == AskResult::Answered;
+    const Bool bTold = bAnswered || !i_stPatient.stFile.bRefused;
+    return {DaemonFinding(i_stPatient),
+            PidFinding(i_stPatient),
+            ControlFinding(i_stPatient),
+            LogFinding(i_stPatient, i_stPaths.strLogConfig),
+            ParamFinding(i_stPatient),
+            {"H.264 is on",
+             !bTold ? Verdict::NotKnown
+             : bOn  ? Verdict::Yes
+                    : Verdict::No,
+             bAnswered ? "the daemon" : "the parameter file",
+             bOn || !bTold ? "" : "Switch it on: mv3300ctl set --h264 on --save"}};
 }
 
 std::vector<FINDING_S> Diagnose(const PATIENT_S &i_stPatient, const DOCTOR_PATHS_S &i_stPaths)

@@ -206,6 +206,11 @@ FINDING_S ClockFinding(time_t i_s64Now)
 
 std::vector<FINDING_S> DiagnoseNetwork(const PATIENT_S &i_stPatient)
 {
+    if (i_stPatient.stFile.bRefused) {
+        const std::string strFact = "they stand in a file that you may not read";
+        return {{"receivers", Verdict::NotKnown, strFact, ""},
+                {"multicast route", Verdict::NotKnown, strFact, ""}};
+    }
     const std::vector<RECEIVER_S> objReceivers = CheckReceivers(i_stPatient.stFile.strAddrList);
     return {ReceiversFinding(objReceivers),
             objReceivers.empty() ? GroupFinding()

@@ -6,22 +6,22 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/bus/log_config.h"
 #include "common/stream/pipeline_desc.h"
 #include "framework/unique_fd.h"
 #include "guard/files.h"
 #include "guard/loopback.h"
 #include "guard/rtp.h"
 #include "guard/state.h"
+#include "tools/file_end.h"
 #include "tools/guard_state.h"
 #include "tools/try_pipeline.h"
 
@@ -31,34 +31,22 @@ constexpr std::chrono::milliseconds kAnswerTime(4000);
 constexpr UInt16 kLocalCopy = 12350;
 constexpr int kListenMs = 2000;
 constexpr double kFreshPacket = 2; /* s */
-constexpr std::streamoff kLogTail = 256 * 1024;
+constexpr std::size_t kLogTail = 256 * 1024;
 constexpr std::size_t kLongest = 4 * 1024 * 1024;
 
 /* The end of the first file that the log configuration names. */
 void ReadLog(const std::string &i_strConfig, PATIENT_S *io_pPatient)
 {
-    std::ifstream objConfig(i_strConfig);
-    for (std::string strLine; std::getline(objConfig, strLine);) {
-        const std::size_t u64At = strLine.find(".fileName=");
-        if (u64At == std::string::npos || strLine[0] == '#') {
-            continue;
-        }
-        io_pPatient->strLogFact = strLine.substr(u64At + 10);
-        const UniqueFd objFd(
-            open(io_pPatient->strLogFact.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-        struct stat stStat = {};
-        if (!objFd || fstat(objFd.Get(), &stStat) != 0 || !S_ISREG(stStat.st_mode)) {
-            io_pPatient->strLogFact += std::string(": ") + strerror(objFd ? EINVAL : errno);
-            return;
-        }
-        std::string strText(kLogTail, '\0');
-        const ssize_t s64Length = pread(objFd.Get(), strText.data(), strText.size(),
-                                        stStat.st_size > kLogTail ? stStat.st_size - kLogTail : 0);
-        strText.resize(s64Length > 0 ? static_cast<std::size_t>(s64Length) : 0);
-        io_pPatient->strLog = strText;
+    io_pPatient->strLogFact = FirstLogFile(i_strConfig.c_str());
+    if (io_pPatient->strLogFact.empty()) {
+        io_pPatient->strLogFact = i_strConfig + " names no file";
         return;
     }
-    io_pPatient->strLogFact = i_strConfig + " names no file";
+    const auto strText = ReadEnd(io_pPatient->strLogFact, kLogTail);
+    if (!strText) {
+        io_pPatient->strLogFact += std::string(": ") + strerror(errno);
+    }
+    io_pPatient->strLog = strText.value_or("");
 }
 
 void FindTiming(PATIENT_S *io_pPatient)

@@ -46,12 +46,26 @@ TARGET_S TargetOf(const RECEIVER_S &i_stReceiver)
 TARGET_S FindTarget(const std::string &i_strFile, const std::string &i_strTo,
                     std::string *o_strNote)
 {
-    const std::vector<RECEIVER_S> objReceivers =
-        CheckReceivers(i_strTo.empty() ? CheckParamFile(i_strFile).strAddrList : i_strTo);
+    std::string strList = i_strTo;
+    if (i_strTo.empty()) {
+        const CHECKED_FILE_S stFile = CheckParamFile(i_strFile);
+        if (stFile.bRefused) {
+            TARGET_S stTarget;
+            stTarget.strProblem = "the receivers stand in " + i_strFile + ": " +
+                                  stFile.strProblems[0] + "; --to HOST:PORT names one";
+            return stTarget;
+        }
+        if (!stFile.strProblems.empty() && o_strNote != nullptr) {
+            *o_strNote = i_strFile + ": " + stFile.strProblems[0];
+        }
+        strList = stFile.strAddrList;
+    }
+    const std::vector<RECEIVER_S> objReceivers = CheckReceivers(strList);
     if (!objReceivers.empty()) {
         if (objReceivers.size() > 1 && o_strNote != nullptr) {
-            *o_strNote = "for the first of " + std::to_string(objReceivers.size()) +
-                         " receivers; --to HOST:PORT names another";
+            *o_strNote += (o_strNote->empty() ? "" : "; ") + std::string("for the first of ") +
+                          std::to_string(objReceivers.size()) +
+                          " receivers; --to HOST:PORT names another";
         }
         return TargetOf(objReceivers[0]);
     }

@@ -18,8 +18,8 @@ struct TARGET_S {
 };
 
 /* The first receiver of i_strTo ("host:port", separated by commas), else of the file's list, else
- * the box's own group. A name that does not resolve takes up to 5 s. o_strNote, where it is not
- * null: what a person should know beside it. */
+ * the box's own group. A list that the calling user may not read is a problem. A name that does not
+ * resolve takes up to 5 s. o_strNote, where it is not null: what a person should know beside it. */
 TARGET_S FindTarget(const std::string &i_strFile, const std::string &i_strTo,
                     std::string *o_strNote);
 /* i_objState: the guard's state (mv3300-state(5)), or null. */

@@ -8,6 +8,8 @@
 #include "common/bus/log_config.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -48,6 +50,8 @@ constexpr std::string_view kAppenderPrefix = "appender.";
 constexpr std::string_view kCategoryPrefix = "category.";
 constexpr std::size_t kFallbackSize = 1000000; /* bytes, as in the sample configuration */
 constexpr unsigned kFallbackBackups = 2;
+constexpr std::string_view kFileKey = ".fileName";
+constexpr off_t kMostBytes = 1024 * 1024; /* of a configuration that somebody asks about */
 
 using Lines = std::vector<std::pair<std::string, std::string>>; /* key and value */
 using Names = std::vector<std::string>;
@@ -136,6 +140,22 @@ Lines ReadLines(const char *i_pPath)
         }
     }
     return strLines;
+}
+
+/* Why a configuration is not read by who only asks about it; "" if it is. */
+std::string WhyNotRead(const char *i_pPath)
+{
+    struct stat stStat;
+    if (stat(i_pPath, &stStat) != 0 || access(i_pPath, R_OK) != 0) {
+        return strerror(errno);
+    }
+    if (!S_ISREG(stStat.st_mode)) {
+        return "it is no regular file";
+    }
+    /* Those of proc(5) have no size, and some of them no end. */
+    return stStat.st_size == 0           ? "it is empty"
+           : stStat.st_size > kMostBytes ? "it is longer than a megabyte"
+                                         : "";
 }
 
 /* The appender that a key speaks of; "" for other keys. */
@@ -350,11 +370,21 @@ void ConfigureLog(const char *i_pPath, const char *i_pFallback)
 
 std::vector<std::string> CheckLogConfig(const char *i_pPath)
 {
+    const std::string strNotRead = WhyNotRead(i_pPath);
+    if (!strNotRead.empty()) {
+        return {"the file is not read: " + strNotRead};
+    }
     const Lines strLines = ReadLines(i_pPath);
     Names strNewFiles;
     for (const auto &[strKey, strValue] : strLines) {
-        if (strKey.ends_with(".fileName") && access(strValue.c_str(), F_OK) != 0) {
+        struct stat stStat;
+        if (!strKey.ends_with(kFileKey)) {
+            continue;
+        }
+        if (stat(strValue.c_str(), &stStat) != 0) {
             strNewFiles.push_back(strValue);
+        } else if (S_ISFIFO(stStat.st_mode)) {
+            return {"the log file " + strValue + " is a pipe: opening it would wait for a reader"};
         }
     }
     Names strProblems;
@@ -364,4 +394,16 @@ std::vector<std::string> CheckLogConfig(const char *i_pPath)
         unlink(strFile.c_str());
     }
     return strProblems;
+}
+
+std::string FirstLogFile(const char *i_pPath)
+{
+    if (WhyNotRead(i_pPath).empty()) {
+        for (const auto &[strKey, strValue] : ReadLines(i_pPath)) {
+            if (strKey.ends_with(kFileKey)) {
+                return strValue;
+            }
+        }
+    }
+    return "";
 }

@@ -22,5 +22,9 @@ void ConfigureLog(const char *i_pPath, const char *i_pFallback);
 /* --- Offered: the daemon uses nothing of what follows. --------------------------------------- */
 
 /* What of a log configuration ConfigureLog() would leave out, for a process that does not log. Its
- * files are opened for that as the calling user; one that was not there is removed again. */
+ * files are opened for that as the calling user; one that was not there is removed again. What is
+ * no regular file, empty or longer than a megabyte is not read: reading it might not end. */
 std::vector<std::string> CheckLogConfig(const char *i_pPath);
+/* The first file that a log configuration names; "" where it names none or is not read, see above.
+ */
+std::string FirstLogFile(const char *i_pPath);

@@ -253,6 +253,10 @@ TEST(FieldTest, WhatIsSavedHoldsAfterARestartAndTheRestOfTheFileStays)
 TEST(FieldTest, TheBundleHoldsAReportAndMasksIt)
 {
     WriteParams({{"addr_list", "192.0.2.7:5000"}});
+    const CDaemon objDaemon;
+    ASSERT_TRUE(objDaemon.WaitUntilUp()) << objDaemon.Output();
+    SendTiming("320x240@30-0");
+    ASSERT_TRUE(objDaemon.WaitFor("gstreamer start ok --["));
     EXPECT_EQ(Ctl("bundle /tmp/report.tar.gz --mask").s32Exit, 0);
     EXPECT_EQ(Ctl("bundle /tmp/report.tar.gz").s32Exit, 5); /* it exists */
     const std::string strList = RunToEnd({"/bin/tar", "-tzf", "/tmp/report.tar.gz"});
@@ -260,7 +264,13 @@ TEST(FieldTest, TheBundleHoldsAReportAndMasksIt)
                               "versions.txt", "ip.txt", "proc/net/udp", "uevents.txt"}) {
         EXPECT_TRUE(Holds(strList, pName)) << strList;
     }
-    const std::string strText = RunToEnd({"/bin/tar", "-xOzf", "/tmp/report.tar.gz"});
+    const auto Part = [](const std::string &i_strName) {
+        return RunToEnd({"/bin/tar", "-xOzf", "/tmp/report.tar.gz", "mv3300-bundle" + i_strName});
+    };
+    for (const char *pName : {"/log/mv3300.log", "/uevents.txt"}) {
+        EXPECT_TRUE(Holds(Part(pName), "event {'tc358743'")) << pName;
+    }
+    const std::string strText = Part("");
     EXPECT_TRUE(Holds(strText, ">ipv4-")) << "the receiver of the parameter file";
     for (const char *pAddress : {"192.0.2.", "234.29.78.95", "0a:1b:2c:3d:4e:5f"}) {
         EXPECT_FALSE(Holds(strText, pAddress)) << pAddress;

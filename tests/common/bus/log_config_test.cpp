@@ -3,6 +3,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <log4cpp/Appender.hh>
@@ -118,5 +119,34 @@ TEST_F(LogConfigTest, WithoutStandardStreamsTheLinesGoToAFile)
     dup2(s32Error, STDERR_FILENO);
     EXPECT_EQ(Count(strLogs, "one "), 4) << strLogs;
     EXPECT_EQ(Count(strLogs, "ERROR log configuration"), 2) << strLogs;
+}
+/* By a client, which must not hang at what somebody left there. */
+TEST_F(LogConfigTest, WhoOnlyAsksWaitsForNoFile)
+{
+    const std::string strPipe = m_objDir.Path("pipe");
+    ASSERT_EQ(mkfifo(strPipe.c_str(), 0600), 0);
+    const std::string strConf = m_objDir.Path("asked");
+    const struct {
+        std::string strPath;
+        std::string strText;
+        std::string strLogFile;
+        const char *pProblem;
+    } kRows[] = {
+        {strPipe, "", "", "it is no regular file"},
+        {"/dev/zero", "", "", "it is no regular file"},
+        {"/proc/self/pagemap", "", "", "it is empty"},
+        {strConf, std::string(2000000, '\n'), "", "it is longer than a megabyte"},
+        {strConf, "#a.fileName=/x\n a.fileName = " + strPipe + " # ours\n", strPipe, "is a pipe"},
+    };
+    for (const auto &stRow : kRows) {
+        SCOPED_TRACE(stRow.pProblem);
+        if (!stRow.strText.empty()) {
+            WriteFile(stRow.strPath, stRow.strText);
+        }
+        const std::vector<std::string> strProblems = CheckLogConfig(stRow.strPath.c_str());
+        ASSERT_EQ(strProblems.size(), 1U);
+        EXPECT_NE(strProblems[0].find(stRow.pProblem), std::string::npos) << strProblems[0];
+        EXPECT_EQ(FirstLogFile(stRow.strPath.c_str()), stRow.strLogFile);
+    }
 }
 } // namespace
