@@ -2,9 +2,16 @@
 
 #include <vector>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "tests/support/temp_dir.h"
 #include "tools/check_file.h"
 #include "tools/ctl_main.h"
+#include "tools/ctl_save.h"
+#include "tools/doctor.h"
+#include "tools/session.h"
 #include "tools/try_pipeline.h"
 
 namespace
@@ -79,7 +86,51 @@ TEST_F(CheckTest, WhatIsNotReadIsNamed)
     EXPECT_EQ(Check("<OTHER/>").strProblems.size(), 1U);
     EXPECT_EQ(Check("<CONFIGURATION>").strProblems.size(), 1U);
     EXPECT_TRUE(Check("").IsAsWritten()) << "as the daemon itself creates it";
-    EXPECT_FALSE(CheckParamFile("/nonexistent/param.xml").IsAsWritten());
+    const std::string strPipe = m_objDir.Path("pipe");
+    ASSERT_EQ(mkfifo(strPipe.c_str(), 0600), 0);
+    for (const std::string &strNone :
+         {std::string("/nonexistent/param.xml"), std::string("/dev/zero"), std::string("/dev/null"),
+          std::string("/proc/self/mem"), strPipe, m_objDir.Path("")}) {
+        EXPECT_FALSE(CheckParamFile(strNone).IsAsWritten()) << strNone;
+    }
+}
+
+/* What the calling user may not read is neither damaged nor empty. */
+TEST_F(CheckTest, AFileOfAnothersIsNotJudged)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    (void)Check(Doc(Param("h264_stream_gop", "50") + Param("addr_list", "127.0.0.1:5")));
+    ASSERT_EQ(chmod(m_strPath.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(m_objDir.Path("").c_str(), 0755), 0);
+    const pid_t s32Child = fork();
+    if (s32Child == 0) {
+        (void)!setresuid(65534, 65534, 65534);
+        DOCTOR_PATHS_S stPaths;
+        stPaths.strParamFile = m_strPath;
+        PATIENT_S stPatient;
+        stPatient.stFile = CheckParamFile(m_strPath);
+        EXPECT_EQ(DiagnoseDaemon(stPatient, stPaths)[4].eVerdict, Verdict::NotKnown);
+        EXPECT_EQ(DiagnoseDaemon(stPatient, stPaths)[5].eVerdict, Verdict::NotKnown);
+        EXPECT_EQ(DiagnoseNetwork(stPatient)[1].eVerdict, Verdict::NotKnown);
+        EXPECT_NE(FindTarget(m_strPath, "", nullptr).strProblem, "");
+        EXPECT_EQ(FindTarget(m_strPath, "127.0.0.1:7", nullptr).u16Port, 7);
+        const char *pCheck[] = {"mv3300ctl", "check", m_strPath.c_str()};
+        std::ostringstream objOut;
+        EXPECT_EQ(RunCtl(3, pCheck, {}, objOut, objOut), 1);
+        EXPECT_NE(objOut.str().find("you may not read"), std::string::npos) << objOut.str();
+        EXPECT_EQ(objOut.str().find("h264_stream_gop"), std::string::npos) << objOut.str();
+        const CFieldValues objRunning = {true, 50, "vbr", 1000000, true, 360, 1};
+        SAVE_OPTIONS_S stSave;
+        stSave.strFile = m_strPath;
+        stSave.bDryRun = true;
+        EXPECT_EQ(SaveSettings({{}, objOut, objOut}, objRunning, stSave), 5);
+        _exit(HasFailure() ? 1 : 0);
+    }
+    int s32Status = 0;
+    waitpid(s32Child, &s32Status, 0);
+    EXPECT_EQ(s32Status, 0);
 }
 
 TEST_F(CheckTest, ReceiversAreTakenApartAndResolved)
