@@ -296,21 +296,26 @@ TEST_F(CTaskTest, WhatBecomesReadyJustBeforeTheStopIsRun)
     }
 }
 
-TEST_F(CTaskTest, WhatTheLastTaskSignalsIsRunToo)
+TEST_F(CTaskTest, WhatTheLastTaskSignalsIsRunTooUnlessItIsBoundElsewhere)
 {
     CTaskThreadPool::AddThreads(2);
     std::atomic<bool> bInside{false};
+    CTestTask objBound(DoNothing);
+    objBound.SetBoundThread(CTaskThreadPool::GetThread(0, 0));
+    /* Runs on the other thread: the first fresh task is thread 1's. */
     CTestTask objLast([&](CTestTask &) {
         bInside = true;
         EXPECT_TRUE(WaitUntil([] { return CThread::GetCurrent()->IsStopRequested(); }));
         CThread::Sleep(30);
         SignalTwoToDie();
+        objBound.Signal(CTask::kStartEvent);
         return 0;
     });
     objLast.Signal(CTask::kStartEvent);
     EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
     CTaskThreadPool::RemoveThreads();
     EXPECT_EQ(CMortalTask::s_s32Deleted.exchange(0), 2);
+    EXPECT_EQ(objBound.m_s32Runs, 0);
 }
 
 TEST(TaskThreadPoolDeathTest, PoolsAreMadeOnce)
