@@ -43,6 +43,7 @@ def test_refusals():
         (421, 'GET', '/api/state', {'Host': 'evil.example:8080'}, None),
         (421, 'GET', '/', {'Host': '127.0.0.1.evil.example'}, None),
         (403, 'GET', '/api/state', {'Origin': 'http://evil.example'}, None),
+        (403, 'GET', '/api/state', {'Origin': f'http://127.0.0.1:{PORT}.evil.example'}, None),
         (403, 'POST', '/api/login', {'Origin': 'null', **json_type}, '{"password": "x"}'),
         (403, 'POST', '/api/logout', {'Sec-Fetch-Site': 'cross-site'}, None),
         (200, 'GET', '/api/state', {'Origin': f'http://127.0.0.1:{PORT}'}, None),
