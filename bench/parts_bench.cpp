@@ -149,13 +149,19 @@ constexpr auto kLater = [](const CHeapElem *i_pOne, const CHeapElem *i_pOther) {
     return i_pOne->GetValue() > i_pOther->GetValue();
 };
 
+/* Keeps in the element that it is in a heap, as ours must: whoever cancels a timer asks for it. */
 struct CStdHeap {
     std::priority_queue<CHeapElem *, std::vector<CHeapElem *>, decltype(kLater)> objHeap;
-    void Insert(CHeapElem *i_pElem) { objHeap.push(i_pElem); }
+    void Insert(CHeapElem *i_pElem)
+    {
+        objHeap.push(i_pElem);
+        i_pElem->SetEnclosingObject(this);
+    }
     CHeapElem *ExtractMin()
     {
         CHeapElem *pElem = objHeap.top();
         objHeap.pop();
+        pElem->SetEnclosingObject(nullptr);
         return pElem;
     }
 };
