@@ -2,22 +2,19 @@
  * What the framework costs while nothing happens, beside a program that only makes its wake-ups.
  *
  * Both run in turn for a few seconds, each in a process of its own (this program, with --ours or
- * --limit): the framework as the daemon sets it up, and four bare threads: one in select with 15 s,
- * one that waits for good, one that waits 5 ms at a time and one a second.
+ * --limit): the framework as the daemon sets it up, and four threads that make its wake-ups: one in
+ * select with 15 s, one that waits for good, one that waits 5 ms at a time and one a second.
  */
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 #include <vector>
 
-#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/select.h>
-#include <sys/time.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "bench/least_loop.h"
 #include "bench/rig.h"
 #include "framework/ev.h"
 #include "framework/idletask.h"
@@ -41,43 +38,22 @@ void StartFramework()
     CIdleTask::Initialize();
 }
 
-void Select()
+/* A second's pause and what its end comes to: the scan of the timeouts and the end of its run. */
+void Scan()
 {
     for (;;) {
-        struct timeval stTimeout = {15, 0};
-        select(0, nullptr, nullptr, nullptr, &stTimeout);
+        usleep(1005000);
+        sched_yield();
+        sched_yield();
     }
 }
 
-/* A task thread: looks at its delayed runs and its list, and waits the milliseconds given. Each has
- * a mutex and a condition that nobody else takes. */
-void WaitAgainAndAgain(long i_s64Ms)
-{
-    pthread_mutex_t stMutex = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t stCond = PTHREAD_COND_INITIALIZER;
-    for (;;) {
-        struct timespec stMonotonic;
-        clock_gettime(CLOCK_MONOTONIC, &stMonotonic);
-        pthread_mutex_lock(&stMutex);
-        struct timeval stNow;
-        gettimeofday(&stNow, nullptr);
-        const long s64End = stNow.tv_usec + i_s64Ms * 1000;
-        const struct timespec stEnd = {stNow.tv_sec + s64End / 1000000, s64End % 1000000 * 1000};
-        pthread_cond_timedwait(&stCond, &stMutex, &stEnd);
-        pthread_mutex_unlock(&stMutex);
-        if (i_s64Ms > 5) {
-            sched_yield(); /* the look at the timeouts and the end of its run */
-            sched_yield();
-        }
-    }
-}
-
+/* The least loop waits in select with 15 s, and its worker 5 ms at a time. */
 void StartLimit()
 {
-    std::thread(Select).detach();
+    static CLeastLoop s_objLoop;
     std::thread([] { pause(); }).detach();
-    std::thread(WaitAgainAndAgain, 5).detach();
-    std::thread(WaitAgainAndAgain, 1005).detach();
+    std::thread(Scan).detach();
 }
 } // namespace
 
@@ -89,7 +65,6 @@ int main(int argc, char **argv)
             pause();
         }
     }
-    PinToOneProcessor();
     std::vector<double> f64Switches[2];
     std::vector<double> f64CpuMs[2];
     for (int i = 0; i < 2 * kRounds; i++) {

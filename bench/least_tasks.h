@@ -1,28 +1,24 @@
 /*
- * The limit of the task pool and of the event thread: the least POSIX program that takes the same
- * steps.
+ * The limit of the task pool: the least POSIX program that takes the same steps.
  *
- * The pool: the event words and the round robin are under one mutex; each worker has a list with a
+ * The event words and the round robin are under one mutex; each worker has a list with a
  * mutex and a condition and looks at it at least every 5 ms; runs share a lock; a worker yields
  * after a run. There are no delayed runs, priorities, names or checks.
  */
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include <pthread.h>
 #include <sched.h>
-#include <sys/select.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include "bench/rig.h"
 #include "framework/types.h"
@@ -37,7 +33,6 @@ private:
     friend class CLeastPool;
 
     UInt32 m_u32Events = 0;
-    CLeastTask *m_pNext = nullptr;
 };
 
 class CLeastPool
@@ -46,20 +41,11 @@ public:
     explicit CLeastPool(unsigned i_u32Threads)
     {
         for (unsigned i = 0; i < i_u32Threads; i++) {
-            m_pWorkers.push_back(std::make_unique<CWorker>());
-            CWorker *pWorker = m_pWorkers.back().get();
-            pWorker->objThread = std::thread([this, pWorker] { Work(pWorker); });
+            CWorker *pWorker = m_pWorkers.emplace_back(std::make_unique<CWorker>()).get();
+            pWorker->objThread = std::jthread([this, pWorker] { Work(pWorker); });
         }
     }
-    ~CLeastPool()
-    {
-        m_bStop = true;
-        for (auto &pWorker : m_pWorkers) {
-            pWorker->objThread.join();
-        }
-    }
-    CLeastPool(const CLeastPool &) = delete;
-    CLeastPool &operator=(const CLeastPool &) = delete;
+    ~CLeastPool() { m_bStop = true; }
 
     void Signal(CLeastTask *i_pTask, UInt32 i_u32Events)
     {
@@ -73,9 +59,7 @@ public:
         CWorker &objWorker = *m_pWorkers[u32Picked % m_pWorkers.size()];
         {
             const std::lock_guard objLock(objWorker.objMutex);
-            i_pTask->m_pNext = nullptr;
-            *objWorker.ppTail = i_pTask;
-            objWorker.ppTail = &i_pTask->m_pNext;
+            objWorker.pReady.push_back(i_pTask);
         }
         objWorker.objCond.notify_one();
     }
@@ -86,9 +70,8 @@ private:
     struct CWorker {
         std::mutex objMutex;
         std::condition_variable objCond;
-        CLeastTask *pHead = nullptr;
-        CLeastTask **ppTail = &pHead;
-        std::thread objThread;
+        std::deque<CLeastTask *> pReady;
+        std::jthread objThread; /* joined first */
     };
 
     static CLeastTask *Take(CWorker *i_pWorker)
@@ -96,17 +79,15 @@ private:
         /* Kept in the limit: delayed runs are looked for at every turn. */
         (void)NowUs();
         std::unique_lock objLock(i_pWorker->objMutex);
-        if (i_pWorker->pHead == nullptr) {
+        if (i_pWorker->pReady.empty()) {
             i_pWorker->objCond.wait_until(objLock, std::chrono::system_clock::now() +
                                                        std::chrono::milliseconds(5));
         }
-        CLeastTask *pTask = i_pWorker->pHead;
-        if (pTask != nullptr) {
-            i_pWorker->pHead = pTask->m_pNext;
-            if (i_pWorker->pHead == nullptr) {
-                i_pWorker->ppTail = &i_pWorker->pHead;
-            }
+        if (i_pWorker->pReady.empty()) {
+            return nullptr;
         }
+        CLeastTask *pTask = i_pWorker->pReady.front();
+        i_pWorker->pReady.pop_front();
         return pTask;
     }
 
@@ -114,28 +95,26 @@ private:
     {
         CLeastTask *pTask = nullptr;
         while ((pTask = Take(i_pWorker)) != nullptr || !m_bStop) {
-            if (pTask != nullptr) {
-                RunUntilDone(pTask);
+            while (pTask != nullptr && !RunOnce(pTask)) {
             }
         }
     }
 
-    void RunUntilDone(CLeastTask *i_pTask)
+    /* True if no event came meanwhile. */
+    bool RunOnce(CLeastTask *i_pTask)
     {
         UInt32 &u32Events = i_pTask->m_u32Events;
-        for (bool bDone = false; !bDone;) {
-            pthread_rwlock_rdlock(&m_stRunLock);
+        {
+            const std::shared_lock objLock(m_objRunMutex);
             /* The run takes its events in two steps: what is there, and then no more than that. */
             const UInt32 u32Taken = Locked([&] { return u32Events & ~kAlive; });
             Locked([&] { return u32Events -= u32Taken; });
             i_pTask->Run();
-            pthread_rwlock_unlock(&m_stRunLock);
-            bDone =
-                1 == Locked([&] {
-                    return std::exchange(u32Events, u32Events == kAlive ? 0 : u32Events) == kAlive;
-                });
-            sched_yield();
         }
+        const UInt32 u32Old =
+            Locked([&] { return std::exchange(u32Events, u32Events == kAlive ? 0 : u32Events); });
+        sched_yield();
+        return u32Old == kAlive;
     }
 
     template <typename Step> UInt32 Locked(Step i_objStep)
@@ -145,116 +124,8 @@ private:
     }
 
     std::mutex m_objAtomicMutex;
-    pthread_rwlock_t m_stRunLock = PTHREAD_RWLOCK_INITIALIZER;
+    std::shared_mutex m_objRunMutex;
     UInt32 m_u32Picker = 0;
     std::atomic<bool> m_bStop{false};
     std::vector<std::unique_ptr<CWorker>> m_pWorkers;
-};
-
-/* One-shot readiness over select(2), with a pipe that ends the wait when the set has changed. A
- * task that is signalled is held by a count, so that its owner could wait for its release. */
-class CLeastLoop
-{
-public:
-    CLeastLoop()
-    {
-        if (pipe(m_s32Pipe) != 0) {
-            Fail("pipe", "");
-        }
-        FD_ZERO(&m_stReadSet);
-        FD_ZERO(&m_stWriteSet);
-        FD_SET(m_s32Pipe[0], &m_stReadSet);
-        m_s32Max = m_s32Pipe[0];
-        m_objThread = std::thread([this] { Loop(); });
-    }
-    ~CLeastLoop()
-    {
-        m_bStop.store(true);
-        Wake();
-        m_objThread.join();
-        close(m_s32Pipe[0]);
-        close(m_s32Pipe[1]);
-    }
-    CLeastLoop(const CLeastLoop &) = delete;
-    CLeastLoop &operator=(const CLeastLoop &) = delete;
-
-    void Arm(int i_s32Socket, CLeastTask *i_pTask)
-    {
-        {
-            std::lock_guard objLock(m_objMutex);
-            FD_SET(i_s32Socket, &m_stReadSet);
-            m_stWatched[i_s32Socket].pTask = i_pTask;
-            m_s32Max = std::max(m_s32Max, i_s32Socket);
-        }
-        Wake();
-    }
-
-    /* As a run that is readable. */
-    void Signal(CLeastTask *i_pTask) { m_objPool.Signal(i_pTask, 16); }
-
-private:
-    void Wake()
-    {
-        if (write(m_s32Pipe[1], "p", 1) != 1) {
-            Fail("write", "");
-        }
-    }
-
-    void HandOut(int i_s32Socket)
-    {
-        {
-            std::lock_guard objLock(m_objMutex);
-            FD_CLR(i_s32Socket, &m_stReadSet);
-            m_stWatched[i_s32Socket].u32Count++;
-        }
-        Signal(m_stWatched[i_s32Socket].pTask);
-        {
-            std::lock_guard objLock(m_objMutex);
-            m_stWatched[i_s32Socket].u32Count--;
-        }
-        sched_yield();
-    }
-
-    void Loop()
-    {
-        while (!m_bStop.load()) {
-            fd_set stReadSet;
-            fd_set stWriteSet;
-            int s32Max = 0;
-            {
-                std::lock_guard objLock(m_objMutex);
-                stReadSet = m_stReadSet;
-                stWriteSet = m_stWriteSet;
-                s32Max = m_s32Max;
-            }
-            sched_yield();
-            struct timeval stTimeout = {15, 0};
-            int s32Ready = select(s32Max + 1, &stReadSet, &stWriteSet, nullptr, &stTimeout);
-            if (s32Ready > 0 && FD_ISSET(m_s32Pipe[0], &stReadSet)) {
-                char szWakeUps[4096];
-                (void)!read(m_s32Pipe[0], szWakeUps, sizeof(szWakeUps));
-                FD_CLR(m_s32Pipe[0], &stReadSet);
-                s32Ready--;
-            }
-            for (int i = 0; s32Ready > 0; i++) {
-                if (FD_ISSET(i, &stReadSet)) {
-                    HandOut(i);
-                    s32Ready--;
-                }
-            }
-        }
-    }
-
-    std::mutex m_objMutex;
-    fd_set m_stReadSet;
-    fd_set m_stWriteSet;
-    int m_s32Max = 0;
-    struct {
-        CLeastTask *pTask = nullptr;
-        UInt32 u32Count = 0;
-    } m_stWatched[FD_SETSIZE];
-    int m_s32Pipe[2];
-    std::atomic<bool> m_bStop{false};
-    CLeastPool m_objPool{1};
-    std::thread m_objThread;
 };

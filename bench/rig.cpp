@@ -13,19 +13,20 @@
 #include <filesystem>
 #include <fstream>
 
-#include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <glib.h>
+
 #include "sim/uevent/send.h"
 #include "sim/uevent/uevent.h"
+#include "tests/support/temp_dir.h"
 
 namespace
 {
-constexpr char kLog[] = "/run/bench.log";
+constexpr char kLog[] = "/run/mv3300d/mv3300.log"; /* of the packaged configuration */
 
 /* What follows the text in every line of the file that holds it. */
 std::vector<std::string> Behind(const std::string &i_strFile, const std::string &i_strText)
@@ -99,40 +100,15 @@ void Compare(const std::string &i_strWhat, const std::string &i_strBeside, doubl
     Report(i_strWhat, i_strBeside, i_f64Limit, f64Ratio, szMore);
 }
 
-void PinToOneProcessor()
-{
-    cpu_set_t stOne;
-    CPU_ZERO(&stOne);
-    CPU_SET(0, &stOne);
-    if (sched_setaffinity(0, sizeof(stOne), &stOne) != 0) {
-        Fail("sched_setaffinity", strerror(errno));
-    }
-}
-
-void WriteLogConf(const std::string &i_strFile, const std::string &i_strLog)
-{
-    std::ofstream(i_strFile)
-        << "rootCategory=WARN, file\ncategory.CATEGORY=INFO, file\nadditivity.CATEGORY=false\n"
-           "appender.file=RollingFileAppender\nappender.file.maxFileSize=1000000\n"
-           "appender.file.maxBackupIndex=2\nappender.file.append=true\n"
-           "appender.file.layout=PatternLayout\n"
-           "appender.file.layout.ConversionPattern=%d{%Y-%m-%d %H:%M:%S.%l} %-6p %m%n\n"
-           "appender.file.fileName="
-        << i_strLog << "\n";
-}
-
 void PrepareBox()
 {
     if (!std::filesystem::exists("/run/mv3300-sim/box.pid")) {
         Fail("runs in the bench box only", "see bench/run");
     }
-    PinToOneProcessor();
-    std::filesystem::create_directories("/config/mv3300");
     std::filesystem::create_directories("/tmp/image");
-    std::ofstream("/config/mv3300/param.xml")
-        << "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"addr_list\" TYPE=\"string\">127.0.0.1:5004"
-           "</PARAM></CHANNEL_1></CONFIGURATION>";
-    WriteLogConf("/config/logconf/mvx3300.conf", kLog);
+    WriteFile("/config/mv3300/param.xml",
+              "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"addr_list\" TYPE=\"string\">127.0.0.1:5004"
+              "</PARAM></CHANNEL_1></CONFIGURATION>");
 }
 
 pid_t Spawn(std::vector<std::string> i_strArgs)
@@ -142,14 +118,12 @@ pid_t Spawn(std::vector<std::string> i_strArgs)
         pArgs.push_back(strArg.data());
     }
     pArgs.push_back(nullptr);
-    const pid_t s32Pid = fork();
-    if (s32Pid == 0) {
-        const int s32Null = open("/dev/null", O_RDWR | O_CLOEXEC);
-        for (const int s32Stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-            dup2(s32Null, s32Stream);
-        }
-        execvp(pArgs[0], pArgs.data());
-        _exit(127);
+    constexpr int kFlags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
+                           G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL;
+    GPid s32Pid = 0;
+    if (!g_spawn_async(nullptr, pArgs.data(), nullptr, static_cast<GSpawnFlags>(kFlags), nullptr,
+                       nullptr, &s32Pid, nullptr)) {
+        Fail("cannot be started", i_strArgs[0]);
     }
     return s32Pid;
 }
@@ -198,12 +172,6 @@ double CpuSeconds(pid_t i_s32Pid)
         Fail("no processor time of", std::to_string(i_s32Pid));
     }
     return static_cast<double>(stUsed.tv_sec) + static_cast<double>(stUsed.tv_nsec) / 1e9;
-}
-
-std::ptrdiff_t Descriptors(pid_t i_s32Pid)
-{
-    const std::string strFolder = "/proc/" + std::to_string(i_s32Pid) + "/fd";
-    return std::distance(std::filesystem::directory_iterator(strFolder), {});
 }
 
 double VoluntarySwitches(pid_t i_s32Pid)

@@ -26,12 +26,9 @@ void Report(const std::string &i_strWhat, const std::string &i_strBeside, double
 void Compare(const std::string &i_strWhat, const std::string &i_strBeside, double i_f64Limit,
              const std::vector<double> &i_f64Ours, const std::vector<double> &i_f64Baseline);
 
-/* Pins this process, and whatever it starts, to processor 0. */
-void PinToOneProcessor();
 /* Ends the program outside of the bench box. Inside, gives the daemon a parameter file with
- * 127.0.0.1:5004 as the one receiver and the packaged log configuration without its console. */
+ * 127.0.0.1:5004 as the one receiver; it logs as packaged. */
 void PrepareBox();
-void WriteLogConf(const std::string &i_strFile, const std::string &i_strLog);
 
 /* Runs a program without input and output. */
 pid_t Spawn(std::vector<std::string> i_strArgs);
@@ -49,7 +46,5 @@ void WaitForLog(const char *i_pText, int i_s32Count, const std::string &i_strFil
 double CpuSeconds(pid_t i_s32Pid);
 /* Of all its threads that live. */
 double VoluntarySwitches(pid_t i_s32Pid);
-/* Open ones. */
-std::ptrdiff_t Descriptors(pid_t i_s32Pid);
 /* Its proportional share: a page in several processes' memory counts in part for each of them. */
 double PssMb(pid_t i_s32Pid);

@@ -1,23 +1,25 @@
 #include "bench/subjects.h"
 
 #include <map>
+#include <vector>
 
 #include "bench/rig.h"
 
 namespace
 {
-constexpr char kOurs[] = "ours";
-
 struct SUBJECT_S {
     std::string strWhat;
-    std::vector<BESIDE_S> stBesides;
+    std::string strBeside;
+    double f64Limit;
+    std::string Name(bool i_bOurs) const
+    {
+        return strWhat + " / " + strBeside + (i_bOurs ? " / ours" : " / theirs");
+    }
 };
 std::vector<SUBJECT_S> g_stSubjects;
 
 /* Keeps the time of each repetition, by the benchmark's name. */
-class CTimes : public benchmark::BenchmarkReporter
-{
-public:
+struct CTimes : benchmark::BenchmarkReporter {
     bool ReportContext(const Context &) override { return true; }
     void ReportRuns(const std::vector<Run> &i_objRuns) override
     {
@@ -26,30 +28,24 @@ public:
                 Fail(objRun.run_name.function_name.c_str(), objRun.error_message);
             }
             if (objRun.run_type == Run::RT_Iteration) {
-                m_f64Ns[objRun.run_name.function_name].push_back(
-                    objRun.run_name.time_type.empty() ? objRun.GetAdjustedCPUTime()
-                                                      : objRun.GetAdjustedRealTime());
+                f64Ns[objRun.run_name.function_name].push_back(objRun.run_name.time_type.empty()
+                                                                   ? objRun.GetAdjustedCPUTime()
+                                                                   : objRun.GetAdjustedRealTime());
             }
         }
     }
-    const std::vector<double> &Of(const std::string &i_strWhat, const char *i_pSide)
-    {
-        return m_f64Ns[i_strWhat + "/" + i_pSide];
-    }
-
-private:
-    std::map<std::string, std::vector<double>> m_f64Ns;
+    std::map<std::string, std::vector<double>> f64Ns;
 };
 } // namespace
 
-void AddSubject(const std::string &i_strWhat, SInt64 i_s64Size, CRun i_pOurs,
-                const std::vector<BESIDE_S> &i_stBesides, SInt64 i_s64Rounds)
+void AddSubject(const std::string &i_strWhat, CRun i_pOurs, const std::string &i_strBeside,
+                CRun i_pBeside, double i_f64Limit, SInt64 i_s64Size, SInt64 i_s64Rounds)
 {
-    std::vector<BESIDE_S> stSides = i_stBesides;
-    stSides.push_back({kOurs, i_pOurs, -1});
-    for (const BESIDE_S &stSide : stSides) {
-        auto *pBenchmark =
-            benchmark::RegisterBenchmark((i_strWhat + "/" + stSide.pName).c_str(), stSide.pRun);
+    const SUBJECT_S &stSubject =
+        g_stSubjects.emplace_back(SUBJECT_S{i_strWhat, i_strBeside, i_f64Limit});
+    for (const bool bOurs : {false, true}) {
+        auto *pBenchmark = benchmark::RegisterBenchmark(stSubject.Name(bOurs).c_str(),
+                                                        bOurs ? i_pOurs : i_pBeside);
         pBenchmark->Arg(i_s64Size);
         if (i_s64Rounds != PROCESSOR_TIME) {
             pBenchmark->UseRealTime();
@@ -58,36 +54,22 @@ void AddSubject(const std::string &i_strWhat, SInt64 i_s64Size, CRun i_pOurs,
             pBenchmark->Iterations(i_s64Rounds);
         }
     }
-    g_stSubjects.push_back({i_strWhat, i_stBesides});
 }
 
 int RunSubjects(int argc, char **argv)
 {
-    std::string strOptions[] = {"--benchmark_enable_random_interleaving=true",
-                                "--benchmark_repetitions=9", "--benchmark_min_time=0.05"};
-    std::vector<char *> pArgs = {argv[0]};
-    for (std::string &strOption : strOptions) {
-        pArgs.push_back(strOption.data());
-    }
-    pArgs.insert(pArgs.end(), argv + 1, argv + argc);
-    int s32Count = static_cast<int>(pArgs.size());
-    pArgs.push_back(nullptr);
-    benchmark::Initialize(&s32Count, pArgs.data());
-    if (benchmark::ReportUnrecognizedArguments(s32Count, pArgs.data())) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 2;
     }
-    PinToOneProcessor();
     CTimes objTimes;
     benchmark::RunSpecifiedBenchmarks(&objTimes);
     for (const SUBJECT_S &stSubject : g_stSubjects) {
-        for (const BESIDE_S &stBeside : stSubject.stBesides) {
-            if (objTimes.Of(stSubject.strWhat, kOurs).empty()) {
-                continue; /* left out by the harness's filter */
-            }
-            Compare(stSubject.strWhat, stBeside.pName, stBeside.f64Limit,
-                    objTimes.Of(stSubject.strWhat, kOurs),
-                    objTimes.Of(stSubject.strWhat, stBeside.pName));
+        if (objTimes.f64Ns.count(stSubject.Name(true)) == 0) {
+            continue; /* left out by the harness's filter */
         }
+        Compare(stSubject.strWhat, stSubject.strBeside, stSubject.f64Limit,
+                objTimes.f64Ns[stSubject.Name(true)], objTimes.f64Ns[stSubject.Name(false)]);
     }
     return 0;
 }

@@ -13,7 +13,6 @@
 
 #include <msgpack.hpp>
 
-#include "bench/rig.h"
 #include "bench/subjects.h"
 #include "tlv/tlv_box.h"
 #include "tlv_bench.pb.h"
@@ -239,15 +238,16 @@ void BoxDecode(benchmark::State &io_objState)
 
 int main(int argc, char **argv)
 {
-    AddSubject("stream command encoded and decoded", 0, StreamCommand<EncodeTlv, DecodeTlv>,
-               {{"protobuf", StreamCommand<EncodeProtobuf, DecodeProtobuf>, 1.75},
-                {"msgpack", StreamCommand<EncodeMsgpack, DecodeMsgpack>, 1}});
+    AddSubject("stream command encoded and decoded", StreamCommand<EncodeTlv, DecodeTlv>,
+               "protobuf", StreamCommand<EncodeProtobuf, DecodeProtobuf>, 1.75);
+    AddSubject("stream command encoded and decoded", StreamCommand<EncodeTlv, DecodeTlv>, "msgpack",
+               StreamCommand<EncodeMsgpack, DecodeMsgpack>, 1);
     for (const int s32Records : {1, 100}) {
         const std::string strBox = "box of " + std::to_string(s32Records);
-        AddSubject(strBox + " encoded", s32Records, BoxEncode<EncodeBoxTlv>,
-                   {{"protobuf", BoxEncode<EncodeBoxProtobuf>, 0.6}});
-        AddSubject(strBox + " decoded", s32Records, BoxDecode<EncodeBoxTlv, DecodeBoxTlv>,
-                   {{"protobuf", BoxDecode<EncodeBoxProtobuf, DecodeBoxProtobuf>, 0.6}});
+        AddSubject(strBox + " encoded", BoxEncode<EncodeBoxTlv>, "protobuf",
+                   BoxEncode<EncodeBoxProtobuf>, 0.6, s32Records);
+        AddSubject(strBox + " decoded", BoxDecode<EncodeBoxTlv, DecodeBoxTlv>, "protobuf",
+                   BoxDecode<EncodeBoxProtobuf, DecodeBoxProtobuf>, 0.6, s32Records);
     }
     return RunSubjects(argc, argv);
 }

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <sys/signalfd.h>
 
+#include "framework/signals.h"
 #include "guard/guard.h"
 #include "tools/control_channel.h"
 
@@ -44,11 +45,7 @@ void CheckPorts(const std::vector<UInt16> &i_u16Ports)
 /* Readable when the process is to end. */
 UniqueFd MakeStop()
 {
-    sigset_t stSignals;
-    sigemptyset(&stSignals);
-    sigaddset(&stSignals, SIGTERM);
-    sigaddset(&stSignals, SIGINT);
-    sigprocmask(SIG_BLOCK, &stSignals, nullptr);
+    const sigset_t stSignals = BlockSignals({SIGTERM, SIGINT});
     signal(SIGPIPE, SIG_IGN);
     UniqueFd objFd(signalfd(-1, &stSignals, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!objFd) {

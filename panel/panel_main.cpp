@@ -11,6 +11,7 @@
 #include <malloc.h>
 #include <sys/prctl.h>
 
+#include "framework/signals.h"
 #include "panel/routes.h"
 
 namespace
@@ -18,20 +19,10 @@ namespace
 /* Threads come and go with the connections: with a heap for each of them much stays behind. */
 constexpr int kHeaps = 2;
 
-sigset_t BlockSignals()
-{
-    sigset_t stSignals;
-    sigemptyset(&stSignals);
-    sigaddset(&stSignals, SIGINT);
-    sigaddset(&stSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    return stSignals;
-}
-
 int Serve(const PANEL_OPTIONS_S &i_stOptions)
 {
-    const sigset_t stSignals = BlockSignals();
+    const sigset_t stSignals = BlockSignals({SIGINT, SIGTERM});
+    signal(SIGPIPE, SIG_IGN);
     HTTP_LIMITS_S stLimits;
     stLimits.u32Connections = i_stOptions.u32Connections;
     CHttpServer objServer(stLimits);
