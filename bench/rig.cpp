@@ -27,6 +27,7 @@
 namespace
 {
 constexpr char kLog[] = "/run/mv3300d/mv3300.log"; /* of the packaged configuration */
+constexpr char kLogConf[] = "/config/logconf/mvx3300.conf";
 
 /* What follows the text in every line of the file that holds it. */
 std::vector<std::string> Behind(const std::string &i_strFile, const std::string &i_strText)
@@ -109,6 +110,10 @@ void PrepareBox()
     WriteFile("/config/mv3300/param.xml",
               "<CONFIGURATION><CHANNEL_1><PARAM NAME=\"addr_list\" TYPE=\"string\">127.0.0.1:5004"
               "</PARAM></CHANNEL_1></CONFIGURATION>");
+    const std::string strConsole = ", console";
+    std::string strConf = ReadFile(kLogConf);
+    strConf.replace(strConf.find(strConsole), strConsole.size(), "");
+    WriteFile(kLogConf, strConf);
 }
 
 pid_t Spawn(std::vector<std::string> i_strArgs)

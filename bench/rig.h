@@ -27,7 +27,7 @@ void Compare(const std::string &i_strWhat, const std::string &i_strBeside, doubl
              const std::vector<double> &i_f64Ours, const std::vector<double> &i_f64Baseline);
 
 /* Ends the program outside of the bench box. Inside, gives the daemon a parameter file with
- * 127.0.0.1:5004 as the one receiver; it logs as packaged. */
+ * 127.0.0.1:5004 as the one receiver, and the packaged log configuration without its console. */
 void PrepareBox();
 
 /* Runs a program without input and output. */
