@@ -37,7 +37,7 @@ make_root() {
         die "apt knows no source of Debian packages"
     say "making a Debian root in ${root#"$REPO"/}"
     rm -rf "$root.new"
-    mkdir -p "${root%/*}"
+    mkdir -p "$(dirname "$root")"
     packages="$*"
     unpack_debootstrap "$root.tools"
     # shellcheck disable=SC2086 # several
@@ -70,4 +70,40 @@ in_root() {
         mount --rbind /dev "$0/dev" && mount -t proc proc "$0/proc" && mount -t tmpfs tmpfs "$0/tmp" &&
         exec chroot "$0" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
             DEBIAN_FRONTEND=noninteractive "$@"' "$root" "$@"
+}
+
+# export_sources DIR: the tree as it is, with its version written down.
+export_sources() {
+    local version
+    version=$("$REPO/scripts/version")
+    mkdir -p "$1"
+    if [[ -e $REPO/.git ]] && (cd "$REPO" && git ls-files -z --cached --others --exclude-standard) >"$1.list"; then
+        tar -C "$REPO" --null --ignore-failed-read -T "$1.list" -c | tar -C "$1" -x
+    else
+        tar -C "$REPO" --exclude=./build --exclude=./dist --exclude=./demo-output -c . | tar -C "$1" -x
+    fi
+    rm -f "$1.list"
+    sed -i "1s/([^)]*)/($version)/" "$1/debian/changelog"
+}
+
+# cross_options ARCHITECTURE: those that apt-get build-dep and dpkg-buildpackage need for another one.
+cross_options() { [[ $1 == "$(dpkg --print-architecture)" ]] || echo "-a$1" -Pcross,nocheck; }
+
+# install_build_needs ARCHITECTURE [PACKAGE...]: in a root whose package lists have it, what the sources
+# in the current folder need to be built for it, and those packages.
+install_build_needs() {
+    local options
+    options=$(cross_options "$1")
+    # shellcheck disable=SC2086 # two options or none
+    apt-get install -y -q --no-install-recommends ${options:+"crossbuild-essential-$1" "libc6:$1"} "${@:2}"
+    # shellcheck disable=SC2086
+    apt-get build-dep -y -q --no-install-recommends $options ./
+}
+
+# build_packages ARCHITECTURE [OPTION...]: from the sources in the current folder into the one above.
+build_packages() {
+    umask "${MASK-022}"
+    # shellcheck disable=SC2046 # two options or none
+    DEB_BUILD_OPTIONS="parallel=${JOBS-$(nproc)} ${DEB_BUILD_OPTIONS-}" \
+        dpkg-buildpackage -us -uc $(cross_options "$1") "${@:2}"
 }
