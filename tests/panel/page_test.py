@@ -261,6 +261,10 @@ def test_words(page):
             "return [style.content, getComputedStyle(document.querySelector('.sign'))"
             ".backgroundColor]"))
         page.shot('condition-' + condition)
+    known.update(text='The stream goes on.', time=time.time())
+    with open(file, 'w') as target:
+        json.dump(known, target)
+    wait_for('a new sentence', lambda: 'goes on' in page.text('sentence'), 5)
     assert len({signs[name] for name in ('streaming', 'starting', 'no-signal', 'no-guard')}) == 4
     panel.terminate()
     panel.wait(10)
