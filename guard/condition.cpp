@@ -108,8 +108,11 @@ Bool IsRefused(const FACTS_S &i_stFacts)
 
 Bool IsDisabled(const FACTS_S &i_stFacts)
 {
-    return i_stFacts.stSettings && WhyDisabled(*i_stFacts.stSettings) != nullptr &&
-           (!i_stFacts.s64PacketMs || *i_stFacts.s64PacketMs < i_stFacts.s64SettingsMs);
+    if (!i_stFacts.stSettings || WhyDisabled(*i_stFacts.stSettings) == nullptr) {
+        return false;
+    }
+    return !i_stFacts.s64PacketMs || *i_stFacts.s64PacketMs < i_stFacts.s64SettingsMs ||
+           (!i_stFacts.stSettings->bH264 && i_stFacts.u32SettingsSource == i_stFacts.u32Source);
 }
 
 Bool IsInputGood(const FACTS_S &i_stFacts)

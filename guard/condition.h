@@ -38,9 +38,11 @@ struct FACTS_S {
     std::optional<SInt64> s64FlowingMs;      /* since when packets come, without a pause of 2 s */
     std::optional<SInt64> s64PictureMs;      /* the last new preview picture */
     std::optional<SInt64> s64RefusedSinceMs; /* the preview's port takes no packet */
+    std::optional<UInt32> u32Source;         /* SSRC of the last packet */
     std::optional<SETTINGS_S> stSettings;
-    SInt64 s64SettingsMs = 0;           /* when they were told */
-    std::optional<SInt64> s64RestartMs; /* the last restart by the guard */
+    SInt64 s64SettingsMs = 0;                /* when they were told */
+    std::optional<UInt32> u32SettingsSource; /* whose packets came when they were asked */
+    std::optional<SInt64> s64RestartMs;      /* the last restart by the guard */
 };
 
 enum class Condition {
@@ -68,8 +70,8 @@ std::string Describe(const FACTS_S &i_stFacts, double i_f64Pictures);
 Bool IsFlowing(const FACTS_S &i_stFacts);
 /* Packets come, and nobody has listened on the preview's port for five seconds of them. */
 Bool IsRefused(const FACTS_S &i_stFacts);
-/* The settings, if they say why no packet comes: told after the last one, and no local copy is to
- * be made. */
+/* The settings want no stream: they were told after the last packet, or of the stream whose packets
+ * come, which the local copy alone gets. With every change of them the daemon begins another. */
 Bool IsDisabled(const FACTS_S &i_stFacts);
 /* The timing is one that the daemon encodes. */
 Bool IsInputGood(const FACTS_S &i_stFacts);

@@ -275,12 +275,27 @@ void CGuard::AnnounceWhenDue()
                          TimingText(*m_stFacts.stTiming) + " (" + m_stState.pOrigin + ")");
 }
 
+void CGuard::AskWhenDue()
+{
+    const FACTS_S stFacts = Facts();
+    const Bool bNewStream = m_objStreamAsk.IsDue(stFacts);
+    if (!m_stOptions.bRestart || m_objAsk.UnderWay()) {
+        return;
+    }
+    m_bAskToRestart = m_objRestart.Decide(stFacts) == CRestartPolicy::Step::AskSettings;
+    if (m_bAskToRestart || bNewStream) {
+        m_u32AskedSource = stFacts.u32Source;
+        m_objAsk.Start(m_s64NowMs);
+    }
+}
+
 void CGuard::GoOnAsking()
 {
     const std::optional<CSettingsAsk::RESULT_S> stResult = m_objAsk.Go(m_s64NowMs);
     if (!stResult) {
         return;
     }
+    m_objStreamAsk.Asked(m_s64NowMs, m_u32AskedSource, stResult->bAsked);
     if (stResult->bAsked) {
         m_stState.stDaemon.bAnswers = stResult->stSettings.has_value();
     }
@@ -288,6 +303,10 @@ void CGuard::GoOnAsking()
         m_stFacts.stSettings = stResult->stSettings;
         m_stFacts.stSettings->f64Time = WallTime();
         m_stFacts.s64SettingsMs = m_s64NowMs;
+        m_stFacts.u32SettingsSource = m_u32AskedSource;
+    }
+    if (!m_bAskToRestart) {
+        return;
     }
     BelieveDevice();
     if (m_objRestart.Answered(Facts(), stResult->stSettings.has_value())) {
@@ -365,6 +384,7 @@ FACTS_S CGuard::Facts() const
     FACTS_S stFacts = m_stFacts;
     stFacts.s64NowMs = m_s64NowMs;
     stFacts.s64PacketMs = m_objRelay.Stream().s64LastPacketMs;
+    stFacts.u32Source = m_objRelay.Stream().u32Source;
     stFacts.s64RefusedSinceMs = m_objRelay.RefusedSinceMs();
     return stFacts;
 }
@@ -424,16 +444,13 @@ void CGuard::Tick()
     NoteRelay();
     AnnounceWhenDue();
     if (m_stOptions.bSap) {
-        const std::string strWhat =
-            m_objSap.Tick(m_s64NowMs, m_objRelay.Stream(), IsFlowing(Facts()));
+        const Bool bStreams = IsFlowing(Facts()) && !IsDisabled(Facts());
+        const std::string strWhat = m_objSap.Tick(m_s64NowMs, m_objRelay.Stream(), bStreams);
         if (!strWhat.empty()) {
             Note("announce", strWhat);
         }
     }
-    if (m_stOptions.bRestart && !m_objAsk.UnderWay() &&
-        m_objRestart.Decide(Facts()) == CRestartPolicy::Step::AskSettings) {
-        m_objAsk.Start(m_s64NowMs);
-    }
+    AskWhenDue();
     GoOnAsking();
 }
 

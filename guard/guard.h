@@ -61,6 +61,7 @@ private:
     void AnnounceWhenDue();
     /* True if it was told; else an event says why, once. */
     Bool Tell(const TIMING_S &i_stTiming, const char *i_pWhy);
+    void AskWhenDue();
     void GoOnAsking();
     void Restart();
     FACTS_S Facts() const;
@@ -76,12 +77,15 @@ private:
     CRelay m_objRelay;
     CSettingsAsk m_objAsk;
     CAnnouncePolicy m_objAnnounce;
+    CStreamAskPolicy m_objStreamAsk;
     CRestartPolicy m_objRestart;
     CSap m_objSap;
 
     FILE_S m_stStateFile = {"state.json"};
     FILE_S m_stMemoryFile = {"timing"};
-    std::string m_strMemory; /* what the latter is to hold */
+    std::string m_strMemory;                /* what the latter is to hold */
+    std::optional<UInt32> m_u32AskedSource; /* of the ask that is under way */
+    Bool m_bAskToRestart = false;           /* it is to be followed by a restart */
     SInt64 m_s64NowMs = 0;
     SInt64 m_s64BeginMs = 0;
     SInt64 m_s64PublishedMs = INT64_MIN;

@@ -8,6 +8,8 @@
 namespace
 {
 constexpr SInt64 kFoundMs = 3000;
+constexpr SInt64 kSettledMs = 2000;
+constexpr SInt64 kAskPauseMs = 5000;
 constexpr SInt64 kYoungMs = 12000;
 constexpr SInt64 kHealthyMs = 60000;
 constexpr SInt64 kHourMs = 3600000;
@@ -36,6 +38,25 @@ Bool CAnnouncePolicy::IsDue(const FACTS_S &i_stFacts, Bool i_bReady)
         return i_stFacts.s64NowMs - m_s64FirstMs >= kFoundMs;
     }
     return true;
+}
+
+Bool CStreamAskPolicy::IsDue(const FACTS_S &i_stFacts)
+{
+    if (m_u32Source != i_stFacts.u32Source) {
+        m_u32Source = i_stFacts.u32Source;
+        m_s64SourceMs = i_stFacts.s64NowMs;
+    }
+    return i_stFacts.s32Pid && IsFlowing(i_stFacts) && m_u32Source != m_u32Asked &&
+           i_stFacts.s64NowMs - m_s64SourceMs >= kSettledMs && i_stFacts.s64NowMs >= m_s64NextMs;
+}
+
+void CStreamAskPolicy::Asked(SInt64 i_s64NowMs, const std::optional<UInt32> &i_u32Source,
+                             Bool i_bAsked)
+{
+    m_s64NextMs = i_s64NowMs + kAskPauseMs;
+    if (i_bAsked) {
+        m_u32Asked = i_u32Source;
+    }
 }
 
 UInt32 CRestartPolicy::BudgetLeft() const

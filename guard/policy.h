@@ -31,6 +31,25 @@ private:
     Bool m_bTold = false;
 };
 
+/* Asks the settings once for each new stream: with H.264 off the preview still has its local copy,
+ * so the packets do not tell. */
+class CStreamAskPolicy
+{
+public:
+    /* To be called often. True when the settings are to be asked now: two seconds after the new
+     * stream's first packet, so that whoever began it by setting something has the answer port to
+     * himself; and five after the last try, whatever anybody sends. */
+    Bool IsDue(const FACTS_S &i_stFacts);
+    /* An ask has ended. i_u32Source: the stream at its beginning; bAsked: the request was sent. */
+    void Asked(SInt64 i_s64NowMs, const std::optional<UInt32> &i_u32Source, Bool i_bAsked);
+
+private:
+    std::optional<UInt32> m_u32Source;
+    SInt64 m_s64SourceMs = 0; /* since when it is that one */
+    std::optional<UInt32> m_u32Asked;
+    SInt64 m_s64NextMs = INT64_MIN;
+};
+
 struct RESTART_LIMITS_S {
     SInt64 s64StallMs = 12000; /* without a packet before the first act */
     SInt64 s64LeastMs = 12000; /* pause after the first act; doubled after each further one */

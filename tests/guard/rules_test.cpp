@@ -93,6 +93,7 @@ FACTS_S Streaming()
     stFacts.s64PacketMs = 999990;
     stFacts.s64FlowingMs = 402000;
     stFacts.s64PictureMs = 999000;
+    stFacts.u32Source = 7;
     return stFacts;
 }
 
@@ -118,6 +119,10 @@ TEST(ConditionTest, TheFirstThatHolds)
          [](FACTS_S &f, auto &s) {
              f.s64PacketMs = 990000, f.s64SettingsMs = 999000, f.stSettings = s(true, false);
          }},
+        {"disabled", /* the preview has its packets */
+         [](FACTS_S &f, auto &s) { f.u32SettingsSource = 7, f.stSettings = s(false, true); }},
+        {"streaming", /* the next stream, with H.264 on for all that is known */
+         [](FACTS_S &f, auto &s) { f.u32SettingsSource = 6, f.stSettings = s(false, true); }},
         {"stalled", /* what was told before the last packet says nothing about the pause */
          [](FACTS_S &f, auto &s) {
              f.s64PacketMs = 990000, f.s64SettingsMs = 989000, f.stSettings = s(false, false);
@@ -181,6 +186,30 @@ TEST(AnnounceTest, EachInstanceIsToldOnce)
     EXPECT_FALSE(objOther.IsDue(stFacts, true)) << "it may stream: the guard is new";
     stFacts.s64NowMs += 3000;
     EXPECT_TRUE(objOther.IsDue(stFacts, true));
+}
+
+TEST(StreamAskTest, OnceForEachStream)
+{
+    CStreamAskPolicy objPolicy;
+    FACTS_S stFacts = Streaming();
+    const auto objDue = [&](UInt32 i_u32Source, SInt64 i_s64Ms) {
+        stFacts.u32Source = i_u32Source;
+        stFacts.s64NowMs += i_s64Ms;
+        stFacts.s64PacketMs = stFacts.s64NowMs;
+        return objPolicy.IsDue(stFacts);
+    };
+    EXPECT_FALSE(objDue(7, 0));
+    EXPECT_FALSE(objDue(7, 1999));
+    EXPECT_TRUE(objDue(7, 1));
+    objPolicy.Asked(stFacts.s64NowMs, 7, false);
+    EXPECT_FALSE(objDue(7, 4999));
+    EXPECT_TRUE(objDue(7, 1)) << "the answer port was taken";
+    objPolicy.Asked(stFacts.s64NowMs, 7, true);
+    EXPECT_FALSE(objDue(7, 60000));
+    for (UInt32 i = 0; i < 8; i++) {
+        EXPECT_FALSE(objDue(i % 2, 1000)) << "two senders at once";
+    }
+    EXPECT_TRUE(objDue(1, 2000));
 }
 
 /* Runs the policy by the quarter of a second; the daemon answers at once. */
