@@ -368,9 +368,9 @@ void CGuard::LookAtPreview()
     if (stat(kPreviewFile, &stStat) != 0 || !S_ISREG(stStat.st_mode)) {
         return;
     }
-    const SInt64 s64Time = stStat.st_mtim.tv_sec * 1000000000 + stStat.st_mtim.tv_nsec;
-    if (s64Time != m_s64PictureTime) {
-        m_s64PictureTime = s64Time;
+    const std::pair objTime(stStat.st_mtim.tv_sec, stStat.st_mtim.tv_nsec);
+    if (objTime != m_objPictureTime) { /* anybody's file, of any year: it is only compared */
+        m_objPictureTime = objTime;
         m_stFacts.s64PictureMs = m_s64NowMs;
         m_stState.u64PreviewBytes = static_cast<UInt64>(stStat.st_size);
     }

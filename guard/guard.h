@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "guard/announce.h"
@@ -92,8 +93,8 @@ private:
     SInt64 m_s64QueriedMs = INT64_MIN;
     SInt64 m_s64FiguresMs = INT64_MIN;
     SInt64 m_s64CpuMs = 0;
-    SInt64 m_s64PictureTime = 0; /* the preview's own, ns */
-    int m_s32RelayError = -1;    /* of the last try to take its port */
+    std::pair<time_t, long> m_objPictureTime; /* the preview's own, s and ns */
+    int m_s32RelayError = -1;                 /* of the last try to take its port */
     int m_s32TellError = 0;
     Bool m_bThinning = false;
     Bool m_bReady = false; /* the daemon's ports are open */

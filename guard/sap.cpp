@@ -23,8 +23,10 @@ constexpr char kSapGroup[] = "224.2.127.254"; /* of sessions in the global scope
 constexpr UInt16 kSapPort = 9875;
 constexpr int kSapTtl = 255;
 constexpr SInt64 kEveryMs = 300000; /* RFC 2974, 3.1; give or take a third */
-constexpr SInt64 kGoneMs = 60000;   /* a restart of the stream is no end of the session */
-constexpr UInt8 kAnnounce = 0x20;   /* version 1, IPv4, neither encrypted nor compressed */
+/* Whoever sends to the local copy's port changes the session at will: not faster than this. */
+constexpr SInt64 kChangeMs = 5000;
+constexpr SInt64 kGoneMs = 60000; /* a restart of the stream is no end of the session */
+constexpr UInt8 kAnnounce = 0x20; /* version 1, IPv4, neither encrypted nor compressed */
 constexpr UInt8 kDelete = 0x24;
 
 std::string Dotted(const Ipv4 &i_u8Address)
@@ -163,6 +165,8 @@ std::string CSap::Tick(SInt64 i_s64NowMs, const STREAM_FIGURES_S &i_stStream, Bo
             if (i_s64NowMs < m_s64NextMs) {
                 return "";
             }
+        } else if (i_s64NowMs - m_s64SentMs < kChangeMs) {
+            return "";
         } else {
             Withdraw();
         }
@@ -176,6 +180,7 @@ std::string CSap::Tick(SInt64 i_s64NowMs, const STREAM_FIGURES_S &i_stStream, Bo
         return "";
     }
     m_stAnnounced = stSession;
+    m_s64SentMs = i_s64NowMs;
     /* Boxes that were switched on together drift apart. */
     m_s64NextMs = i_s64NowMs + kEveryMs - kEveryMs / 3 + random() % (2 * kEveryMs / 3);
     return strWhat;

@@ -50,6 +50,7 @@ private:
 
     UniqueFd m_objFd;
     std::optional<SESSION_S> m_stAnnounced;
+    SInt64 m_s64SentMs = 0;
     SInt64 m_s64NextMs = 0;
     SInt64 m_s64FlowedMs = 0;
 };
