@@ -40,8 +40,10 @@ QUERY_S AskDevice(const std::string &i_strDevice)
     v4l2_dv_timings stTimings = {};
     if (ioctl(objFd.Get(), VIDIOC_QUERY_DV_TIMINGS, &stTimings) != 0) {
         stQuery.eLink = LinkOfError(errno);
-        stQuery.strFact =
-            i_strDevice + " says: " + (errno == ENOTTY ? "no such request" : strerror(errno));
+        stQuery.strFact = i_strDevice + " says: " +
+                          (errno == ENOTTY                  ? "no such request"
+                           : stQuery.eLink == Link::Unknown ? strerror(errno)
+                                                            : LinkText(stQuery.eLink));
         return stQuery;
     }
     if (stTimings.type != V4L2_DV_BT_656_1120) {

@@ -61,6 +61,13 @@ std::string SizeText(const TIMING_S &i_stTiming)
     return std::to_string(i_stTiming.width) + "x" + std::to_string(i_stTiming.height) + " at " +
            std::to_string(i_stTiming.fps) + " pictures a second";
 }
+} // namespace
+
+const char *LinkText(Link i_eLink)
+{
+    constexpr const char *kTexts[] = {"unknown", "ok", "no-link", "no-lock", "out-of-range"};
+    return kTexts[static_cast<int>(i_eLink)];
+}
 
 std::string NoSignalText(Link i_eLink)
 {
@@ -74,13 +81,6 @@ std::string NoSignalText(Link i_eLink)
     default:
         return "The HDMI input has no signal.";
     }
-}
-} // namespace
-
-const char *LinkText(Link i_eLink)
-{
-    constexpr const char *kTexts[] = {"unknown", "ok", "no-link", "no-lock", "out-of-range"};
-    return kTexts[static_cast<int>(i_eLink)];
 }
 
 const char *ConditionWord(Condition i_eCondition)

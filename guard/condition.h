@@ -14,6 +14,8 @@
 enum class Link { Unknown, Ok, NoLink, NoLock, OutOfRange };
 /* "ok", "no-link", "no-lock", "out-of-range", "unknown" */
 const char *LinkText(Link i_eLink);
+/* A sentence for people, of an input without a signal. */
+std::string NoSignalText(Link i_eLink);
 
 /* The daemon's settings, as its control channel told them. */
 struct SETTINGS_S {

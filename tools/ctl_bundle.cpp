@@ -26,6 +26,7 @@
 #include "common/bus/log_config.h"
 #include "framework/unique_fd.h"
 #include "guard/state.h"
+#include "tools/ctl_doctor.h"
 #include "tools/ctl_main.h"
 #include "tools/doctor.h"
 #include "tools/file_end.h"
@@ -113,8 +114,10 @@ CParts Collect(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
 {
     const DOCTOR_PATHS_S stPaths;
     CParts objParts;
-    objParts["doctor.txt"] = Own(i_stContext, {"doctor"});
-    objParts["doctor.json"] = Own(i_stContext, {"doctor", "--json"});
+    const DOCTOR_ANSWERS_S stDoctor = AskDoctor(i_stContext.stEndpoint, stPaths);
+    objParts["doctor.txt"] =
+        stDoctor.strText + "exit status " + std::to_string(stDoctor.s32Exit) + "\n";
+    objParts["doctor.json"] = stDoctor.strJson;
     objParts["check.txt"] = Own(i_stContext, {"check"});
     objParts["settings.txt"] = Own(i_stContext, {"get"});
     AddFile(&objParts, "state.json", STATE_FILE);
@@ -137,6 +140,9 @@ CParts Collect(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
             AddFile(&objParts, std::string("proc/daemon/") + pName,
                     "/proc/" + std::to_string(*objPid) + "/" + pName);
         }
+    }
+    for (auto &[strName, strText] : objParts) {
+        strText = HideCredentials(strText);
     }
     if (i_stOptions.bMask) {
         std::map<std::string, std::string> objNames;
@@ -304,11 +310,28 @@ int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
 }
 } // namespace
 
+std::string HideCredentials(const std::string &i_strText)
+{
+    std::string strHidden;
+    std::size_t u64Done = 0;
+    for (std::size_t u64At = 0; (u64At = i_strText.find("//", u64Done)) != std::string::npos;) {
+        u64At += 2;
+        const std::size_t u64End = i_strText.find_first_of(" \t\r\n\"'<>", u64At);
+        const std::string strWord = i_strText.substr(u64At, u64End - u64At);
+        const std::size_t u64Host = strWord.rfind('@');
+        strHidden += i_strText.substr(u64Done, u64At - u64Done);
+        /* Up to the last one, for a password may hold what it should not. */
+        strHidden += u64Host == std::string::npos ? strWord : "***" + strWord.substr(u64Host);
+        u64Done = std::min(u64End, i_strText.size());
+    }
+    return strHidden + i_strText.substr(u64Done);
+}
+
 std::string MaskAddresses(const std::string &i_strText,
                           std::map<std::string, std::string> &io_objNames)
 {
     /* One alternative a kind; 0 to 2 are "mac-", "ipv4-", "hex-". */
-    static const std::regex objAddress("\\b((?:[0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2})\\b"
+    static const std::regex objAddress("\\b((?:[0-9a-fA-F]{2}[:-]){5}[0-9a-fA-F]{2})\\b"
                                        "|\\b((?:[0-9]{1,3}\\.){3}[0-9]{1,3})\\b"
                                        "|\\b([0-9A-F]{8})\\b");
     constexpr const char *kKinds[] = {"mac-", "ipv4-", "hex-"};

@@ -5,19 +5,13 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
-
-#include "tools/doctor.h"
 
 namespace
 {
 using CJson = nlohmann::ordered_json;
-
-struct OPTIONS_S {
-    DOCTOR_PATHS_S stPaths;
-    bool bJson = false;
-};
 
 const char *VerdictText(Verdict i_eVerdict)
 {
@@ -65,11 +59,12 @@ CJson ToJson(const PATIENT_S &i_stPatient, const std::vector<FINDING_S> &i_objFi
             {"advice", strAdvice},
             {"findings", objFindings}};
 }
+} // namespace
 
-int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
+DOCTOR_ANSWERS_S AskDoctor(const CONTROL_ENDPOINT_S &i_stEndpoint, const DOCTOR_PATHS_S &i_stPaths)
 {
-    const PATIENT_S stPatient = Examine(i_stContext.stEndpoint, i_stOptions.stPaths);
-    const std::vector<FINDING_S> objFindings = Diagnose(stPatient, i_stOptions.stPaths);
+    const PATIENT_S stPatient = Examine(i_stEndpoint, i_stPaths);
+    const std::vector<FINDING_S> objFindings = Diagnose(stPatient, i_stPaths);
     const bool bWrong =
         std::any_of(objFindings.begin(), objFindings.end(), [](const FINDING_S &i_stFinding) {
             return i_stFinding.eVerdict == Verdict::No;
@@ -77,20 +72,22 @@ int Run(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
     const int s32Exit = bWrong                               ? CTL_NOT_TAKEN
                         : stPatient.bPackets.value_or(false) ? CTL_OK
                                                              : CTL_CANNOT_TELL;
-    if (i_stOptions.bJson) {
-        i_stContext.objOut << ToJson(stPatient, objFindings, s32Exit)
-                                  .dump(-1, ' ', false, CJson::error_handler_t::replace)
-                           << "\n";
-    } else {
-        Print(i_stContext.objOut, stPatient, objFindings);
-    }
-    return s32Exit;
+    std::ostringstream objText;
+    Print(objText, stPatient, objFindings);
+    return {objText.str(),
+            ToJson(stPatient, objFindings, s32Exit)
+                    .dump(-1, ' ', false, CJson::error_handler_t::replace) +
+                "\n",
+            s32Exit};
 }
-} // namespace
 
 CRunCommand DescribeDoctor(CLI::App &io_objApp, const CTL_CONTEXT_S &i_stContext)
 {
-    const auto pOptions = std::make_shared<OPTIONS_S>();
-    AddJsonOption(io_objApp, pOptions->bJson);
-    return [&i_stContext, pOptions] { return Run(i_stContext, *pOptions); };
+    const auto pJson = std::make_shared<bool>(false);
+    AddJsonOption(io_objApp, *pJson);
+    return [&i_stContext, pJson] {
+        const DOCTOR_ANSWERS_S stAnswers = AskDoctor(i_stContext.stEndpoint, {});
+        i_stContext.objOut << (*pJson ? stAnswers.strJson : stAnswers.strText);
+        return stAnswers.s32Exit;
+    };
 }

@@ -39,6 +39,11 @@ FINDING_S DaemonFinding(const PATIENT_S &i_stPatient)
     if (access("/proc/locks", R_OK) != 0) {
         return {"daemon", Verdict::NotKnown, "/proc/locks cannot be read", ""};
     }
+    if (i_stPatient.stAnswer.eResult == AskResult::Answered) {
+        return {"daemon", Verdict::NotKnown,
+                "one answers, and nobody holds the lock on " + i_stPatient.stEndpoint.strPidFile,
+                ""};
+    }
     return {
         "daemon", Verdict::No, "nobody holds the lock on " + i_stPatient.stEndpoint.strPidFile,
         "Start the daemon (systemctl start mv3300d), and read its journal if it does not stay."};
@@ -47,6 +52,15 @@ FINDING_S DaemonFinding(const PATIENT_S &i_stPatient)
 FINDING_S PidFinding(const PATIENT_S &i_stPatient)
 {
     const auto strText = ReadFile(i_stPatient.stEndpoint.strPidFile, kLongest);
+    /* A second one could start beside it, and lock a new file. */
+    if (!i_stPatient.stDaemon && i_stPatient.stAnswer.eResult == AskResult::Answered &&
+        access("/proc/locks", R_OK) == 0) {
+        return {"pid file", Verdict::No,
+                i_stPatient.stEndpoint.strPidFile + (strText
+                                                         ? " is not the one that the daemon made"
+                                                         : std::string(": ") + strerror(errno)),
+                "Restart the daemon (systemctl restart mv3300d): its pid file was removed."};
+    }
     if (!i_stPatient.stDaemon || !strText) {
         return {"pid file", Verdict::NotKnown,
                 strText ? "it says " + strText->substr(0, strText->find('\n')) + ", and nobody runs"

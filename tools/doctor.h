@@ -60,6 +60,7 @@ struct DOCTOR_PATHS_S {
     std::string strLogConfig = "/config/logconf/mvx3300.conf";
     std::string strDevice = "/dev/video0";
     std::string strDriver = "/sys/bus/i2c/drivers/tc358743";
+    std::string strVideoClass = "/sys/class/video4linux";
 };
 
 /* Takes a few seconds, at most half a minute. */

@@ -86,8 +86,10 @@ FINDING_S DeviceFinding(const PATIENT_S &i_stPatient, const DOCTOR_PATHS_S &i_st
     if (s32Error == 0 || s32Error == EBUSY) {
         return {"capture device", Verdict::Yes, strFact, ""};
     }
-    /* A bench: the driver's uevents come, and sysfs has no such driver. */
-    const Bool bBench = i_stPatient.stTiming && access(i_stPaths.strDriver.c_str(), F_OK) != 0;
+    /* A bench: a kernel without V4L2 (its class in sysfs comes with its core, which a box loads for
+     * its codec alone) has no place for the device. On a box the device is what is missing. */
+    const Bool bBench = access(i_stPaths.strDriver.c_str(), F_OK) != 0 &&
+                        access(i_stPaths.strVideoClass.c_str(), F_OK) != 0;
     if (bPackets || bBench || s32Error == EACCES || s32Error == EPERM) {
         return {"capture device", Verdict::NotKnown, strFact, ""};
     }
@@ -132,18 +134,29 @@ FINDING_S DriverFinding(const std::string &i_strDriver)
     return {"bridge driver", Verdict::Yes, "it is bound to " + strChip, ""};
 }
 
+const char *LinkAdvice(Link i_eLink)
+{
+    switch (i_eLink) {
+    case Link::NoLink:
+        return "Plug in the HDMI cable and switch the source on.";
+    case Link::NoLock:
+        return "Switch the source off and on, and try another or a shorter cable.";
+    case Link::OutOfRange:
+        return "Choose another picture format at the source: the bridge cannot take this one.";
+    default:
+        return "";
+    }
+}
+
 FINDING_S LinkFinding(const PATIENT_S &i_stPatient)
 {
-    const Link eLink = i_stPatient.stQuery.eLink;
-    return {"link",
-            eLink == Link::Ok        ? Verdict::Yes
-            : eLink == Link::Unknown ? Verdict::NotKnown
-                                     : Verdict::No,
-            i_stPatient.stQuery.strFact,
-            eLink == Link::Ok || eLink == Link::Unknown ? ""
-            : eLink == Link::OutOfRange
-                ? "Choose another picture format at the source: the bridge cannot take this one."
-                : "Plug in the HDMI cable and switch the source on."};
+    const QUERY_S &stQuery = i_stPatient.stQuery;
+    if (stQuery.eLink == Link::Ok || stQuery.eLink == Link::Unknown) {
+        return {"link", stQuery.eLink == Link::Ok ? Verdict::Yes : Verdict::NotKnown,
+                stQuery.strFact, ""};
+    }
+    return {"link", Verdict::No, NoSignalText(stQuery.eLink) + " (" + stQuery.strFact + ")",
+            LinkAdvice(stQuery.eLink)};
 }
 
 FINDING_S EventFinding(const PATIENT_S &i_stPatient)

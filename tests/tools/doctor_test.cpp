@@ -58,6 +58,17 @@ TEST(DoctorTest, TheDeviceTheDriverAndTheClock)
     std::filesystem::create_directories(stPaths.strDriver + "/1-000f");
     PATIENT_S stPatient;
     const auto First = [&] { return FirstNo(DiagnoseInput(stPatient, stPaths)); };
+    for (const auto &[eLink, pFact] :
+         {std::pair(Link::NoLink, "Nothing is plugged"), std::pair(Link::NoLock, "has a cable"),
+          std::pair(Link::OutOfRange, "out of its range")}) {
+        stPatient.stQuery.eLink = eLink;
+        EXPECT_NE(DiagnoseInput(stPatient, stPaths)[3].strFact.find(pFact), std::string::npos);
+    }
+    stPatient.stQuery.eLink = Link::Unknown;
+    std::filesystem::rename(stPaths.strDriver, objDir.Path("away"));
+    stPaths.strVideoClass = objDir.Path("class");
+    EXPECT_EQ(First(), "") << "a bench";
+    std::filesystem::rename(objDir.Path("away"), stPaths.strDriver);
     EXPECT_EQ(First(), "capture device: " + stPaths.strDevice + ": No such file or directory");
     std::ofstream(stPaths.strDevice) << "";
     chmod(stPaths.strDevice.c_str(), 0644);
@@ -79,6 +90,16 @@ TEST(DoctorTest, TheDeviceTheDriverAndTheClock)
     std::filesystem::remove(stPaths.strDriver + "/1-000f");
     EXPECT_EQ(First(), "bridge driver: " + stPaths.strDriver + " is bound to no chip");
     EXPECT_EQ(FirstNo(DiagnoseMachine(1700000000)).find("clock: 2023-11-1"), 0U);
+}
+
+TEST(DoctorTest, ADaemonThatAnswersWithoutItsPidFileIsNotStartedAgain)
+{
+    const CTempDir objDir;
+    PATIENT_S stPatient = {};
+    stPatient.stEndpoint.strPidFile = objDir.Path("pid");
+    EXPECT_EQ(FirstNo(DiagnoseDaemon(stPatient, {})).find("daemon: "), 0U);
+    stPatient.stAnswer.eResult = AskResult::Answered;
+    EXPECT_EQ(FirstNo(DiagnoseDaemon(stPatient, {})).find("pid file: "), 0U);
 }
 
 /* An error that the pipeline has been played after is over. */
@@ -134,6 +155,7 @@ TEST(BundleTest, AddressesOfEveryKindAreMasked)
         {"2001:db8::/32 via 2001:db8:0:1:2:3:4:5.", "ipv6-1/32 via ipv6-2."},
         {"[2001:db8::7]:80 ::ffff:192.0.2.7", "[ipv6-1]:80 ipv6-2"},
         {"ether 0a:1b:2c:3d:4e:5f inet 192.0.2.1", "ether mac-1 inet ipv4-2"},
+        {"0a-1b-2c-3d-4e-5f", "mac-1"},
         {"C0000201:1F90 0100007F 127.0.0.1 ::1 ::", "hex-1:1F90 0100007F 127.0.0.1 ::1 ::"},
         {"13:59:49.123 CGuard::Add a_b::c x=1:2", "13:59:49.123 CGuard::Add a_b::c x=1:2"},
     };
@@ -141,5 +163,7 @@ TEST(BundleTest, AddressesOfEveryKindAreMasked)
         std::map<std::string, std::string> objNames;
         EXPECT_EQ(MaskAddresses(stRow.pText, objNames), std::string(stRow.pMasked) + "\n");
     }
+    EXPECT_EQ(HideCredentials("a//u:p@/w@h/x \"//u@h\" //h/x y@z//"),
+              "a//***@h/x \"//***@h\" //h/x y@z//");
 }
 } // namespace
