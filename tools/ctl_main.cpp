@@ -18,6 +18,7 @@
 #include "tools/ctl_save.h"
 #include "tools/ctl_settings.h"
 #include "tools/nearest.h"
+#include "tools/plain_stream.h"
 
 namespace
 {
@@ -144,8 +145,12 @@ std::optional<CFieldValues> AskOrFail(const CTL_CONTEXT_S &i_stContext,
 int RunCtl(int i_s32Argc, const char *const *i_pArgv, const CONTROL_ENDPOINT_S &i_stEndpoint,
            std::ostream &io_objOut, std::ostream &io_objErr)
 {
-    const CTL_CONTEXT_S stContext = {i_stEndpoint, io_objOut, io_objErr};
+    CPlainBuf objPlainOut(io_objOut);
+    CPlainBuf objPlainErr(io_objErr);
+    std::ostream objOut(&objPlainOut);
+    std::ostream objErr(&objPlainErr);
+    const CTL_CONTEXT_S stContext = {i_stEndpoint, objOut, objErr};
     const int s32Result = Run(i_s32Argc, i_pArgv, stContext);
-    io_objOut.flush();
-    return io_objOut ? s32Result : stContext.Fail(CTL_SYSTEM_ERROR, "the output cannot be written");
+    objOut.flush();
+    return objOut ? s32Result : stContext.Fail(CTL_SYSTEM_ERROR, "the output cannot be written");
 }

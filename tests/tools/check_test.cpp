@@ -133,6 +133,15 @@ TEST_F(CheckTest, AFileOfAnothersIsNotJudged)
     EXPECT_EQ(s32Status, 0);
 }
 
+TEST_F(CheckTest, ATerminalGetsNoControlCharacters)
+{
+    (void)Check(Doc(Param("addr_url", "a\x1b[2J\xc2\x9b\xc2\xa9\tb")));
+    const char *pWords[] = {"mv3300ctl", "check", m_strPath.c_str()};
+    std::ostringstream objOut;
+    (void)RunCtl(3, pWords, {}, objOut, objOut);
+    EXPECT_NE(objOut.str().find(" a?[2J?\xc2\xa9\tb "), std::string::npos) << objOut.str();
+}
+
 TEST_F(CheckTest, ReceiversAreTakenApartAndResolved)
 {
     const std::vector<RECEIVER_S> objReceivers =
