@@ -129,7 +129,7 @@ int Group(const CTL_CONTEXT_S &i_stContext, const OPTIONS_S &i_stOptions)
         const std::string strId = IdOf(strMac);
         std::string strGroup;
         if (strId.empty() || get_multicast_ip_by_id(strGroup, strId.c_str()) != 0) {
-            return i_stContext.Usage("'" + strMac +
+            return i_stContext.Usage("'" + strMac.substr(0, 80) +
                                      "' is no hardware address such as 0a:1b:2c:3d:4e:5f");
         }
         objBoxes.emplace_back(strMac, strGroup);

@@ -84,9 +84,11 @@ int SaveSettings(const CTL_CONTEXT_S &i_stContext, const CFieldValues &i_objRunn
             const PARAM_S &stRow = g_aParams[kRows[i]];
             objChanges.push_back({stRow.section, stRow.name, ToText(*i_objRunning[i])});
             if (FromRow(i, objChanges.back().strValue.c_str()) != *i_objRunning[i]) {
-                return i_stContext.Fail(CTL_NOT_TAKEN, std::string("nothing was saved: the file "
-                                                                   "cannot say the running ") +
-                                                           STREAM_SETTINGS[i].pName);
+                return i_stContext.Fail(
+                    CTL_NOT_TAKEN, std::string("nothing was saved: the daemon says ") +
+                                       STREAM_SETTINGS[i].pName + " " + objChanges.back().strValue +
+                                       ", which is no value for the file; a daemon that is still "
+                                       "starting, or waits for the file's lock, has no values yet");
             }
         }
     }

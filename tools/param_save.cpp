@@ -197,6 +197,11 @@ SaveResult SaveParams(const std::string &i_strPath, const std::vector<PARAM_CHAN
         errno = ENAMETOOLONG;
         return Failed("");
     }
+    struct stat stStat;
+    if (lstat(strPath.c_str(), &stStat) == 0 && S_ISLNK(stStat.st_mode)) {
+        errno = ENOENT;
+        return Failed(" is a link to a file that is not there");
+    }
     CLockedFile objFile(strPath);
     if (!objFile.Lock()) {
         return Failed(errno == EWOULDBLOCK ? " is locked by another program" : "");

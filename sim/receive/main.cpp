@@ -273,6 +273,7 @@ int Receive(const OPTIONS_S &i_stOptions)
                              : Summary(stStats, f64Seconds, objPreviews))
               .c_str(),
           stdout);
+    fflush(stdout); /* in front of what goes to the standard error */
     bool bGood = stStats.u64Pictures > 0 && stStats.strError.empty();
     if (!i_stOptions.strPicture.empty()) {
         if (objReceiver.SavePicture(i_stOptions.strPicture, &strError)) {

@@ -208,6 +208,11 @@ TEST_F(ParamSaveTest, WhatCannotBeEditedStaysAsItIs)
         EXPECT_EQ(ReadFile(m_strPath), strText);
     }
     EXPECT_NE(access(m_objDir.Path(".param.xml.new").c_str(), F_OK), 0);
+    const std::string strLink = m_objDir.Path("link");
+    ASSERT_EQ(symlink("nowhere.xml", strLink.c_str()), 0);
+    EXPECT_EQ(SaveParams(strLink, {kGop}, m_strError), SaveResult::SystemError);
+    EXPECT_TRUE(std::filesystem::is_symlink(strLink));
+    EXPECT_NE(access(m_objDir.Path("nowhere.xml").c_str(), F_OK), 0);
     EXPECT_EQ(SaveParams("/dev/null", {kGop}, m_strError), SaveResult::SystemError);
     EXPECT_EQ(SaveParams(m_objDir.Path("no/param.xml"), {kGop}, m_strError),
               SaveResult::SystemError);
