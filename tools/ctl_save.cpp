@@ -48,8 +48,10 @@ std::string ToText(const CFieldValue &i_xValue)
     return pNumber != nullptr ? std::to_string(*pNumber) : std::get<std::string>(i_xValue);
 }
 
-/* A file that is missing or damaged says the defaults; o_strError: why one cannot be read. */
-CFieldValues ReadFile(const std::string &i_strFile, std::string &o_strError)
+/* A file that is missing or damaged says the defaults; o_strError: why one cannot be read, and
+ * o_strDamage: why it will not be edited. */
+CFieldValues ReadFile(const std::string &i_strFile, std::string &o_strError,
+                      std::string &o_strDamage)
 {
     struct stat stStat = {};
     RQ_XMLParser objParser(i_strFile.c_str());
@@ -59,6 +61,8 @@ CFieldValues ReadFile(const std::string &i_strFile, std::string &o_strError)
         o_strError = i_strFile + ": " + strerror(errno);
     } else if (stStat.st_mode != 0 && !S_ISREG(stStat.st_mode)) {
         o_strError = i_strFile + ": " + objParser.LoadError();
+    } else if (strstr(objParser.LoadError(), "EMPTY_DOCUMENT") == nullptr && stStat.st_size > 0) {
+        o_strDamage = objParser.LoadError();
     }
     const PARAM_ELEMENTS pElements = FindParams(objParser);
     CFieldValues objValues;
@@ -74,7 +78,8 @@ int SaveSettings(const CTL_CONTEXT_S &i_stContext, const CFieldValues &i_objRunn
                  const SAVE_OPTIONS_S &i_stOptions)
 {
     std::string strError;
-    const CFieldValues objFile = ReadFile(i_stOptions.strFile, strError);
+    std::string strDamage;
+    const CFieldValues objFile = ReadFile(i_stOptions.strFile, strError, strDamage);
     if (!strError.empty()) {
         return i_stContext.Fail(CTL_SYSTEM_ERROR, "nothing was saved: " + strError);
     }
@@ -94,6 +99,10 @@ int SaveSettings(const CTL_CONTEXT_S &i_stContext, const CFieldValues &i_objRunn
     }
     if (!i_stOptions.bJson) {
         i_stContext.objOut << FormatChanges(objFile, i_objRunning) << std::flush;
+    }
+    if (i_stOptions.bDryRun && !objChanges.empty() && !strDamage.empty()) {
+        return i_stContext.Fail(CTL_NOT_TAKEN,
+                                i_stOptions.strFile + " is damaged and would stay: " + strDamage);
     }
     const bool bSave = !objChanges.empty() && !i_stOptions.bDryRun;
     const SaveResult eResult =

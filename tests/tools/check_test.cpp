@@ -103,6 +103,8 @@ TEST_F(CheckTest, AFileOfAnothersIsNotJudged)
     }
     (void)Check(Doc(Param("h264_stream_gop", "50") + Param("addr_list", "127.0.0.1:5")));
     ASSERT_EQ(chmod(m_strPath.c_str(), 0700), 0);
+    const std::string strDamaged = m_objDir.Path("damaged.xml");
+    WriteFile(strDamaged, "<CONFIGURATION>");
     ASSERT_EQ(chmod(m_objDir.Path("").c_str(), 0755), 0);
     const pid_t s32Child = fork();
     if (s32Child == 0) {
@@ -126,6 +128,8 @@ TEST_F(CheckTest, AFileOfAnothersIsNotJudged)
         stSave.strFile = m_strPath;
         stSave.bDryRun = true;
         EXPECT_EQ(SaveSettings({{}, objOut, objOut}, objRunning, stSave), 5);
+        stSave.strFile = strDamaged;
+        EXPECT_EQ(SaveSettings({{}, objOut, objOut}, objRunning, stSave), 1);
         _exit(HasFailure() ? 1 : 0);
     }
     int s32Status = 0;
