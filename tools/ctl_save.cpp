@@ -48,6 +48,12 @@ std::string ToText(const CFieldValue &i_xValue)
     return pNumber != nullptr ? std::to_string(*pNumber) : std::get<std::string>(i_xValue);
 }
 
+Bool IsLink(const std::string &i_strFile)
+{
+    struct stat stStat = {};
+    return lstat(i_strFile.c_str(), &stStat) == 0 && S_ISLNK(stStat.st_mode);
+}
+
 /* A file that is missing or damaged says the defaults; o_strError: why one cannot be read, and
  * o_strDamage: why it will not be edited. */
 CFieldValues ReadFile(const std::string &i_strFile, std::string &o_strError,
@@ -57,8 +63,10 @@ CFieldValues ReadFile(const std::string &i_strFile, std::string &o_strError,
     RQ_XMLParser objParser(i_strFile.c_str());
     (void)objParser.Load();
     if ((stat(i_strFile.c_str(), &stStat) != 0 || access(i_strFile.c_str(), R_OK) != 0) &&
-        errno != ENOENT) {
-        o_strError = i_strFile + ": " + strerror(errno);
+        (errno != ENOENT || IsLink(i_strFile))) {
+        o_strError = i_strFile +
+                     (errno != ENOENT ? ": " : " is a link to a file that is not there: ") +
+                     strerror(errno);
     } else if (stStat.st_mode != 0 && !S_ISREG(stStat.st_mode)) {
         o_strError = i_strFile + ": " + objParser.LoadError();
     } else if (strstr(objParser.LoadError(), "EMPTY_DOCUMENT") == nullptr && stStat.st_size > 0) {

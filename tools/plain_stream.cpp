@@ -12,6 +12,9 @@ constexpr char kLead = '\xC2'; /* in front of U+0080 to U+00BF */
 
 std::streambuf::int_type CPlainBuf::overflow(int_type i_s32Char)
 {
+    if (traits_type::eq_int_type(i_s32Char, traits_type::eof())) {
+        return traits_type::not_eof(i_s32Char);
+    }
     const char cOne = traits_type::to_char_type(i_s32Char);
     return xsputn(&cOne, 1) == 1 ? i_s32Char : traits_type::eof();
 }

@@ -4,7 +4,8 @@
  * obey.
  *
  * Line feeds, tabs and carriage returns in front of a line feed stay; of UTF-8 the controls from
- * U+0080 to U+009F go, too. One thread.
+ * U+0080 to U+009F go, too. A text's last
+ * byte is kept back where it may begin either. One thread.
  */
 #pragma once
 
